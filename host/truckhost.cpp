@@ -1,0 +1,254 @@
+// truckhost: does what the recorder's host service process does with a service plug-in:
+// dlopen it, find load/start/stop by their plain names, drive it, and report.
+#include <dlfcn.h>
+#include <limits.h>
+#include <signal.h>
+#include <stdio.h>
+#include <stdlib.h>
+#include <string.h>
+#include <unistd.h>
+
+#include <atomic>
+#include <chrono>
+#include <mutex>
+#include <string>
+#include <thread>
+
+#include "NvxControl.h"
+
+namespace {
+
+// The host's own view of the two records it shares with a plug-in.
+struct HostServiceAttr {
+    char name[32];
+    char type[32];
+};
+static_assert(sizeof(HostServiceAttr) == 64, "attribute block is 64 bytes");
+
+// Byte 1 is the plug-in's running flag, written from the plug-in's thread.
+struct HostServiceParam {
+    unsigned char reserved0;
+    std::atomic<unsigned char> running;
+    unsigned char reserved[30];
+};
+static_assert(sizeof(std::atomic<unsigned char>) == 1, "running flag is one byte");
+
+typedef int (*LoadFn)(HostServiceAttr*);
+typedef int (*RunFn)(HostServiceParam*);
+
+struct Options {
+    std::string plugin;
+    std::string sysroot = TRUCK_DEMO_SYSROOT;
+    std::string busLog;
+    double duration = -1;  // seconds; negative: until SIGINT/SIGTERM
+    int logLevel = 2;
+};
+
+volatile sig_atomic_t g_stopRequested = 0;
+
+void OnSignal(int) {
+    g_stopRequested = 1;
+}
+
+void Usage(FILE* out) {
+    fprintf(out,
+            "usage: truckhost [options]\n"
+            "  --plugin PATH      service plug-in to load (default: libtruckservice.so beside truckhost)\n"
+            "  --sysroot DIR      folder that stands for the device's / (default: the bundled demo device)\n"
+            "  --duration SECONDS run that long, then stop (default: until SIGINT or SIGTERM)\n"
+            "  --log-level N      platform log lines up to level N go to standard error (0..4, default 2)\n"
+            "  --bus-log FILE     write every bus message sent, one JSON object per line\n"
+            "  --help             this text\n");
+}
+
+std::string BesideSelf(const char* file) {
+    char self[PATH_MAX];
+    ssize_t n = readlink("/proc/self/exe", self, sizeof(self) - 1);
+    if (n <= 0) {
+        return file;
+    }
+    self[n] = '\0';
+    std::string dir(self);
+    size_t slash = dir.rfind('/');
+    return (slash == std::string::npos ? std::string(".") : dir.substr(0, slash)) + "/" + file;
+}
+
+// Returns 0, 1 for --help, or 2 with a message for a bad option.
+int ParseOptions(int argc, char** argv, Options& options) {
+    options.plugin = BesideSelf("libtruckservice.so");
+    for (int i = 1; i < argc; ++i) {
+        const std::string arg = argv[i];
+        if (arg == "--help" || arg == "-h") {
+            return 1;
+        }
+        const bool hasValue = i + 1 < argc;
+        if (arg != "--plugin" && arg != "--sysroot" && arg != "--duration" && arg != "--log-level" &&
+            arg != "--bus-log") {
+            fprintf(stderr, "truckhost: unknown option '%s' (see --help)\n", arg.c_str());
+            return 2;
+        }
+        if (!hasValue) {
+            fprintf(stderr, "truckhost: option '%s' needs a value\n", arg.c_str());
+            return 2;
+        }
+        const std::string value = argv[++i];
+        char* end = nullptr;
+        if (arg == "--plugin") {
+            options.plugin = value;
+        } else if (arg == "--sysroot") {
+            options.sysroot = value;
+        } else if (arg == "--bus-log") {
+            options.busLog = value;
+        } else if (arg == "--duration") {
+            options.duration = strtod(value.c_str(), &end);
+            if (end == value.c_str() || *end != '\0' || !(options.duration >= 0)) {
+                fprintf(stderr, "truckhost: --duration takes a number of seconds, not '%s'\n", value.c_str());
+                return 2;
+            }
+        } else {
+            long level = strtol(value.c_str(), &end, 10);
+            if (end == value.c_str() || *end != '\0' || level < 0 || level > 4) {
+                fprintf(stderr, "truckhost: --log-level takes 0 to 4, not '%s'\n", value.c_str());
+                return 2;
+            }
+            options.logLevel = static_cast<int>(level);
+        }
+    }
+    return 0;
+}
+
+void AppendHex(std::string& out, const std::vector<uint8_t>& bytes) {
+    static const char kDigits[] = "0123456789abcdef";
+    out.reserve(out.size() + bytes.size() * 2);
+    for (uint8_t b : bytes) {
+        out.push_back(kDigits[b >> 4]);
+        out.push_back(kDigits[b & 0x0f]);
+    }
+}
+
+void AppendJsonString(std::string& out, const std::string& text) {
+    out.push_back('"');
+    for (unsigned char c : text) {
+        if (c == '"' || c == '\\') {
+            out.push_back('\\');
+            out.push_back(static_cast<char>(c));
+        } else if (c < 0x20) {
+            char escaped[8];
+            snprintf(escaped, sizeof(escaped), "\\u%04x", c);
+            out += escaped;
+        } else {
+            out.push_back(static_cast<char>(c));
+        }
+    }
+    out.push_back('"');
+}
+
+// One JSON object per line for every message the plug-in sends.
+class BusLog {
+public:
+    bool Open(const std::string& path) {
+        m_file = fopen(path.c_str(), "w");
+        return m_file != nullptr;
+    }
+    ~BusLog() {
+        if (m_file != nullptr) {
+            fclose(m_file);
+        }
+    }
+    void Write(uint64_t tMs, const nvx::BusMessage& message) {
+        std::string line = "{\"t_ms\": " + std::to_string(tMs) + ", \"kind\": \"bus\", \"client\": ";
+        AppendJsonString(line, message.client);
+        line += ", \"source\": " + std::to_string(message.source) +
+                ", \"event\": " + std::to_string(message.event) +
+                ", \"len\": " + std::to_string(message.payload.size()) + ", \"hex\": \"";
+        AppendHex(line, message.payload);
+        line += "\"}\n";
+        std::lock_guard<std::mutex> lock(m_mutex);
+        fputs(line.c_str(), m_file);
+        fflush(m_file);
+    }
+
+private:
+    std::mutex m_mutex;
+    FILE* m_file = nullptr;
+};
+
+}  // namespace
+
+int main(int argc, char** argv) {
+    Options options;
+    int parsed = ParseOptions(argc, argv, options);
+    if (parsed == 1) {
+        Usage(stdout);
+        return 0;
+    }
+    if (parsed != 0) {
+        return 2;
+    }
+
+    nvx::SetLogLevel(options.logLevel);
+    nvx::SetSystemRoot(options.sysroot);
+    const auto started = std::chrono::steady_clock::now();
+    auto sinceStart = [&started] {
+        return static_cast<uint64_t>(
+            std::chrono::duration_cast<std::chrono::milliseconds>(std::chrono::steady_clock::now() - started)
+                .count());
+    };
+
+    BusLog busLog;
+    if (!options.busLog.empty()) {
+        if (!busLog.Open(options.busLog)) {
+            fprintf(stderr, "truckhost: cannot write the bus log '%s'\n", options.busLog.c_str());
+            return 2;
+        }
+        nvx::SetSendObserver([&](const nvx::BusMessage& m) { busLog.Write(sinceStart(), m); });
+    }
+
+    void* module = dlopen(options.plugin.c_str(), RTLD_NOW | RTLD_LOCAL);
+    if (module == nullptr) {
+        fprintf(stderr, "truckhost: cannot load plug-in '%s': %s\n", options.plugin.c_str(), dlerror());
+        return 2;
+    }
+    auto load = reinterpret_cast<LoadFn>(dlsym(module, "JQ_SDK_Service_Load"));
+    auto start = reinterpret_cast<RunFn>(dlsym(module, "JQ_SDK_Service_Start"));
+    auto stop = reinterpret_cast<RunFn>(dlsym(module, "JQ_SDK_Service_Stop"));
+    if (load == nullptr || start == nullptr || stop == nullptr) {
+        fprintf(stderr, "truckhost: plug-in '%s' lacks %s\n", options.plugin.c_str(),
+                load == nullptr    ? "JQ_SDK_Service_Load"
+                : start == nullptr ? "JQ_SDK_Service_Start"
+                                   : "JQ_SDK_Service_Stop");
+        return 2;
+    }
+
+    struct sigaction action;
+    memset(&action, 0, sizeof(action));
+    action.sa_handler = OnSignal;
+    sigaction(SIGINT, &action, nullptr);
+    sigaction(SIGTERM, &action, nullptr);
+
+    HostServiceAttr attr;
+    memset(&attr, 0xff, sizeof(attr));
+    int rc = load(&attr);
+    attr.name[31] = '\0';
+    attr.type[31] = '\0';
+    printf("load: %d, service \"%s\", type \"%s\"\n", rc, attr.name, attr.type);
+
+    // The block must outlive stop: the plug-in keeps its address while it runs.
+    static HostServiceParam param;
+    const int startRc = start(&param);
+    printf("start: %d\n", startRc);
+    fflush(stdout);
+    if (startRc == 0) {
+        while (g_stopRequested == 0 &&
+               (options.duration < 0 || static_cast<double>(sinceStart()) < options.duration * 1000.0)) {
+            std::this_thread::sleep_for(std::chrono::milliseconds(20));
+        }
+        rc = stop(&param);
+        printf("stop: %d, ucRunning %u\n", rc, static_cast<unsigned>(param.running.load()));
+    }
+    // Platform threads that outlived stop must end before the module goes away.
+    nvx::WaitForThreadsToEnd(5000);
+    nvx::SetSendObserver(nullptr);
+    fflush(stdout);
+    return startRc == 0 ? 0 : 1;
+}

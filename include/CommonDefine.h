@@ -1,0 +1,137 @@
+// Common declarations shared by every part of the service: the log macros, thread naming,
+// device paths and the common utilities of truck_main/common.
+#ifndef TRUCK_INCLUDE_COMMONDEFINE_H
+#define TRUCK_INCLUDE_COMMONDEFINE_H
+
+#include <stdlib.h>
+#include <string>
+#include <sys/prctl.h>
+#include <sys/syscall.h>
+#include <unistd.h>
+
+#include <json/json.h>
+
+#include "JQ_LOG.h"
+
+// Every source file defines TRUCK_LOG_SOURCE (its path below the repository root, without
+// extension) after its includes, so that a log call reads like the format it prints.
+#define TRUCK_LOG(level, format, ...) \
+    JQ_LOG_Output("TRUCK", (level), TRUCK_LOG_SOURCE, __func__, __LINE__, format, ##__VA_ARGS__)
+#define APPCOM_LOG(level, format, ...) \
+    JQ_LOG_Output("APPCOM", (level), TRUCK_LOG_SOURCE, __func__, __LINE__, format, ##__VA_ARGS__)
+
+// Names the calling thread (the kernel keeps 15 characters) and says so in the log; every
+// named thread of the service calls it first.
+inline void TRUCK_THREAD_INFO_PRINT(const char* name) {
+    prctl(PR_SET_NAME, name, 0, 0, 0);
+    JQ_LOG_Output("TRUCK", 0, "include/CommonDefine", "TRUCK_THREAD_INFO_PRINT", __LINE__,
+                  "Thread: Create thread, name = %s, pid = %d, tid = %d\n", name, (int)getpid(),
+                  (int)syscall(SYS_gettid));
+}
+
+// The service opens fixed absolute device paths. On the device the prefix is empty; a host
+// that simulates the device (or a test) points TRUCK_SYSROOT at a folder that stands for "/".
+inline std::string TruckDevicePath(const char* devicePath) {
+    const char* root = getenv("TRUCK_SYSROOT");
+    std::string path = (root != nullptr) ? root : "";
+    while (!path.empty() && path.back() == '/') {
+        path.pop_back();
+    }
+    return path + (devicePath != nullptr ? devicePath : "");
+}
+
+// ---- JSON access helpers (truck_main/common/src/CommonDefine.cpp) ----
+
+// Typed reads out of JSON documents (GetJsonIntegral is in AppLibCommon.h). The Get functions
+// return 0 when the value was read and -1 when it was not; the conversions return true when
+// done. No exception of the JSON library reaches the caller, except from ParseJsonContext and
+// JsonToString, which leave that to the caller.
+
+// Clears all `size` bytes of dst, then copies what fits of src; dst is always terminated.
+// A null dst or a size of 0 writes nothing, a null src leaves dst cleared. Always 0.
+int StringCopy(char* dst, unsigned int size, const char* src);
+
+// Copies a string value into buf (cut to size - 1 characters). Anything else clears the
+// whole buffer and gives -1.
+int GetJsonCString(const Json::Value& v, char* buf, int size);
+int GetJsonCString(const Json::Value& v, unsigned char* buf, int size);
+
+// Numbers are read as they are, strings through atof ("abc" reads as 0); anything else gives
+// defaultValue and -1.
+int GetJsonFloat(const Json::Value& v, float& out, float defaultValue);
+
+// Parses exactly `length` bytes (no terminator needed), keeping comments. false when the text
+// is refused, including nesting deeper than the reader allows.
+bool ConvertStringToJson(const char* text, unsigned int length, Json::Value& root);
+
+// Compact one-line serialisation ending in a newline. text is left unchanged on failure.
+bool ConvertJsonToString(const Json::Value& v, std::string& text);
+void JsonToString(const Json::Value& v, std::string& text);
+
+// 0 = parsed into root, -1 = cannot open or parse, -22 = null path.
+int LoadJsonFile(const char* path, Json::Value& root);
+
+// Merges src into dst, depth first. With overwrite, the leaves of src replace those of dst;
+// without it, dst only gains what it lacked and the "?" leaves of src are filled in from
+// dst. A node whose kinds cannot be merged (an array or object of src against a scalar or
+// the other container in dst) is left as it is in both.
+void JsonValueMerge(Json::Value& dst, Json::Value& src, bool overwrite);
+
+// From the system configuration: the customer type number of "CUSTOMER_NAME" (0 when unknown)
+// and the text of "PRODUCT_TYPE" (empty when absent).
+int ParseCustomerType(const Json::Value& systemConfig);
+std::string ParseProductType(const Json::Value& systemConfig);
+
+// The member `key` of v, created null when absent (v turns from null into an object). A v
+// that cannot have members, or a null key, gives a detached null value instead.
+Json::Value& GetJsonValue(Json::Value& v, const char* key);
+
+// Member tests and defaulted member reads. A key is tested only when v is an object; indexes
+// are int so that callers can loop against GetArrayMemberSize without sign casts. The Get
+// members leave their out-reference untouched when they return false.
+namespace JsonUtils {
+
+// Parses exactly `length` bytes, keeping comments; a length below 1 gives false. Unlike
+// ConvertStringToJson it does not catch: nesting deeper than the reader allows throws.
+bool ParseJsonContext(const char* text, int length, Json::Value& root);
+
+bool IsMember(const Json::Value& v, const char* key);
+bool IsObjectMember(const Json::Value& v, const char* key);
+bool IsArrayMember(const Json::Value& v, const char* key);
+bool IsValidArrayMember(const Json::Value& v, const char* key, int index);
+bool IsArrayMember(const Json::Value& v, const char* key, int index);
+bool IsValidArrayIndex(const Json::Value& v, int index);
+int GetArrayMemberSize(const Json::Value& v, const char* key);
+int GetArrayMemberSize(const Json::Value& v, const char* key, int index);
+bool IsStringMember(const Json::Value& v, const char* key);
+bool IsBoolMember(const Json::Value& v, const char* key);
+bool IsIntMember(const Json::Value& v, const char* key);
+bool IsUIntMember(const Json::Value& v, const char* key);
+bool IsInt64Member(const Json::Value& v, const char* key);
+bool IsInt64ArrayMember(const Json::Value& v, int index);
+bool IsUInt64ArrayMember(const Json::Value& v, int index);
+
+bool GetStringMember(const Json::Value& v, const char* key, std::string& out);
+std::string AsStringMember(const Json::Value& v, const char* key);
+// The pointer lives as long as v is not changed.
+const char* AsCStringMember(const Json::Value& v, const char* key);
+// strncpy semantics: a text of len bytes or more leaves dst unterminated.
+bool GetCStringMember(const Json::Value& v, const char* key, char* dst, int len);
+bool GetBoolMember(const Json::Value& v, const char* key, bool& out);
+bool GetIntMember(const Json::Value& v, const char* key, int& out);
+bool GetUIntMember(const Json::Value& v, const char* key, unsigned int& out);
+bool GetInt64Member(const Json::Value& v, const char* key, long long& out);
+
+int AsIntMember(const Json::Value& v, const char* key, int defaultValue);
+int AsIntArrayMember(const Json::Value& v, const char* key, int index, int defaultValue);
+int AsArrayIntMember(const Json::Value& v, int index, const char* key, int defaultValue);
+unsigned int AsUIntMember(const Json::Value& v, const char* key, unsigned int defaultValue);
+unsigned int AsUIntMember(const Json::Value& v, const char* key, int index, unsigned int defaultValue);
+unsigned int AsUIntArrayMember(const Json::Value& v, int index, const char* key, unsigned int defaultValue);
+unsigned long long AsUInt64Member(const Json::Value& v, const char* key, unsigned long long defaultValue);
+unsigned long long AsUInt64ArrayMember(const Json::Value& v, const char* key, int index,
+                                       unsigned long long defaultValue);
+
+}  // namespace JsonUtils
+
+#endif

@@ -1,0 +1,106 @@
+// Control interface of the simulated device. For the tests and the host program only: the
+// plug-in never includes this header (the vendor SDK on the device has nothing like it).
+#ifndef NORVIX_CONTROL_NVXCONTROL_H
+#define NORVIX_CONTROL_NVXCONTROL_H
+
+#include <stddef.h>
+#include <stdint.h>
+#include <time.h>
+
+#include <functional>
+#include <string>
+#include <vector>
+
+namespace nvx {
+
+// ---- device profile: what the global configuration block reports ----
+struct DeviceProfile {
+    uint32_t productType = 20;
+    uint32_t systemType = 1;
+    uint16_t videoInNum = 4;
+    uint16_t videoIpNum = 0;
+    std::string serialNumber = "NVX0012345678";
+};
+void SetDeviceProfile(const DeviceProfile& profile);
+DeviceProfile GetDeviceProfile();
+
+// Make the next initialisations fail until cleared.
+void SetGlobalInitFails(bool fails);
+void SetBasicInitFails(bool fails);
+
+// The folder that stands for the device's "/" (empty: the real root). Sets TRUCK_SYSROOT,
+// which the plug-in reads as well; set it before the plug-in starts.
+void SetSystemRoot(const std::string& dir);
+std::string SystemRoot();
+std::string ResolveDevicePath(const char* devicePath);
+
+// ---- message bus ----
+struct BusMessage {
+    uint64_t tMs = 0;  // milliseconds since the stand-in was first used
+    std::string client;
+    uint32_t source = 0;
+    int event = 0;
+    std::vector<uint8_t> payload;
+};
+// Queues an event for every client that has a handler registered for it; returns how many.
+int InjectBusEvent(int event, const void* data, size_t length);
+std::vector<BusMessage> SentMessages();
+void ClearSentMessages();
+// Waits until a sent message (already sent or still to come) matches; false at the time-out.
+bool WaitForSent(const std::function<bool(const BusMessage&)>& match, int timeoutMs);
+// Called on the sending thread for every message sent; empty function to remove.
+void SetSendObserver(std::function<void(const BusMessage&)> observer);
+// The id MSGGenerateSourceId gives for a name.
+uint32_t SourceIdOf(const std::string& name);
+// Number of clients alive on the bus, and whether one of that name exists.
+int LiveClientCount();
+bool HasClient(const std::string& name);
+// Let MSGWaitForEvent return at once instead of waiting out its time-out.
+void SetBusWaitsInstant(bool instant);
+
+// ---- watchdog ----
+uint64_t WatchdogFeedCount(const std::string& client);
+bool WaitForWatchdogFeeds(const std::string& client, uint64_t count, int timeoutMs);
+// The silence after which a client that has fed once is reported (default 10000 ms).
+void SetWatchdogTimeoutMs(uint64_t ms);
+
+// ---- log ----
+struct LogLine {
+    std::string module;
+    int level = 0;
+    std::string file;
+    std::string func;
+    int line = 0;
+    std::string text;  // formatted text, as given (with its trailing newline)
+};
+// Lines at or below this level go to standard error (default 2; -1 silences it).
+void SetLogLevel(int level);
+int GetLogLevel();
+// Capture keeps every line whatever its level, until stopped.
+void StartLogCapture();
+void StopLogCapture();
+std::vector<LogLine> CapturedLogs();
+bool WaitForLog(const std::function<bool(const LogLine&)>& match, int timeoutMs);
+// Called for every line on the logging thread; empty function to remove.
+void SetLogObserver(std::function<void(const LogLine&)> observer);
+
+// ---- device wall clock ----
+// The device clock runs at real speed from the time set (seconds since 1970, no zone).
+void SetWallClock(time_t seconds);
+time_t WallClock();
+
+// ---- platform calls and threads ----
+// How often an operation of the SDK was called since the last reset, by its name
+// ("JQ_SDK_Global_Initialize", "OsUtilsCreateThread", ...).
+uint64_t CallCount(const std::string& operation);
+// Threads started with OsUtilsCreateThread that have not yet returned.
+int RunningThreads();
+bool WaitForThreadsToEnd(int timeoutMs);
+
+// Back to a fresh device: profile, failures, captures, sent messages, counters, clock.
+// Clients and threads that are still alive are left alone.
+void Reset();
+
+}  // namespace nvx
+
+#endif

@@ -1,0 +1,134 @@
+// Device profile, injected failures, call counters, wall clock and system root.
+#include "Device.h"
+
+#include <stdlib.h>
+
+#include <atomic>
+#include <chrono>
+#include <map>
+#include <mutex>
+
+#include "JQ_LOG.h"
+
+namespace nvx {
+namespace {
+
+struct DeviceState {
+    std::mutex mutex;
+    DeviceProfile profile;
+    std::map<std::string, uint64_t> calls;
+    // The device clock is kept as an offset from the host's clock, so it runs at real speed.
+    int64_t wallOffsetSeconds = 0;
+};
+
+DeviceState& State() {
+    // Never destroyed: detached platform threads may still log while the process exits.
+    static DeviceState* state = new DeviceState;
+    return *state;
+}
+
+std::atomic<bool> g_globalInitFails{false};
+std::atomic<bool> g_basicInitFails{false};
+
+const std::chrono::steady_clock::time_point g_origin = std::chrono::steady_clock::now();
+
+}  // namespace
+
+namespace detail {
+
+uint64_t ElapsedMs() {
+    return static_cast<uint64_t>(
+        std::chrono::duration_cast<std::chrono::milliseconds>(std::chrono::steady_clock::now() - g_origin)
+            .count());
+}
+
+void CountCall(const char* operation) {
+    DeviceState& s = State();
+    std::lock_guard<std::mutex> lock(s.mutex);
+    ++s.calls[operation];
+}
+
+bool GlobalInitFails() {
+    return g_globalInitFails.load();
+}
+bool BasicInitFails() {
+    return g_basicInitFails.load();
+}
+
+}  // namespace detail
+
+void SetDeviceProfile(const DeviceProfile& profile) {
+    DeviceState& s = State();
+    std::lock_guard<std::mutex> lock(s.mutex);
+    s.profile = profile;
+}
+
+DeviceProfile GetDeviceProfile() {
+    DeviceState& s = State();
+    std::lock_guard<std::mutex> lock(s.mutex);
+    return s.profile;
+}
+
+void SetGlobalInitFails(bool fails) {
+    g_globalInitFails.store(fails);
+}
+void SetBasicInitFails(bool fails) {
+    g_basicInitFails.store(fails);
+}
+
+void SetSystemRoot(const std::string& dir) {
+    if (dir.empty()) {
+        unsetenv("TRUCK_SYSROOT");
+        return;
+    }
+    setenv("TRUCK_SYSROOT", dir.c_str(), 1);
+}
+
+std::string SystemRoot() {
+    const char* root = getenv("TRUCK_SYSROOT");
+    return root != nullptr ? root : "";
+}
+
+std::string ResolveDevicePath(const char* devicePath) {
+    std::string path = SystemRoot();
+    while (!path.empty() && path.back() == '/') {
+        path.pop_back();
+    }
+    return path + (devicePath != nullptr ? devicePath : "");
+}
+
+void SetWallClock(time_t seconds) {
+    DeviceState& s = State();
+    std::lock_guard<std::mutex> lock(s.mutex);
+    s.wallOffsetSeconds = static_cast<int64_t>(seconds) - static_cast<int64_t>(time(nullptr));
+}
+
+time_t WallClock() {
+    DeviceState& s = State();
+    std::lock_guard<std::mutex> lock(s.mutex);
+    return static_cast<time_t>(static_cast<int64_t>(time(nullptr)) + s.wallOffsetSeconds);
+}
+
+uint64_t CallCount(const std::string& operation) {
+    DeviceState& s = State();
+    std::lock_guard<std::mutex> lock(s.mutex);
+    auto it = s.calls.find(operation);
+    return it == s.calls.end() ? 0 : it->second;
+}
+
+void Reset() {
+    {
+        DeviceState& s = State();
+        std::lock_guard<std::mutex> lock(s.mutex);
+        s.profile = DeviceProfile();
+        s.calls.clear();
+        s.wallOffsetSeconds = 0;
+    }
+    g_globalInitFails.store(false);
+    g_basicInitFails.store(false);
+    detail::ResetBus();
+    detail::ResetLog();
+    detail::ResetThreads();
+}
+
+}  // namespace nvx

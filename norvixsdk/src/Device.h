@@ -1,0 +1,37 @@
+// Shared state of the simulated device, used by the stand-in's modules only.
+#ifndef NORVIX_SRC_DEVICE_H
+#define NORVIX_SRC_DEVICE_H
+
+#include <stdint.h>
+
+#include <string>
+
+#include "JQ_LOG.h"
+#include "NvxControl.h"
+
+namespace nvx {
+namespace detail {
+
+// Milliseconds since the stand-in was first used.
+uint64_t ElapsedMs();
+
+void CountCall(const char* operation);
+
+// The stand-in's own log lines carry this module tag.
+#define NVX_LOG(level, ...) JQ_LOG_Output("NVXSDK", (level), "norvixsdk", __func__, __LINE__, __VA_ARGS__)
+
+bool GlobalInitFails();
+bool BasicInitFails();
+
+void ResetBus();
+void ResetLog();
+void ResetThreads();
+
+// Starts and stops the watchdog monitor (the platform's service thread).
+void StartWatchdogMonitor();
+void StopWatchdogMonitor();
+
+}  // namespace detail
+}  // namespace nvx
+
+#endif

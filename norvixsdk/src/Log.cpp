@@ -1,0 +1,146 @@
+// Platform log: formats one line per call, prints it to standard error at or below the set
+// level, and hands it to the capture and the observer.
+#include <stdarg.h>
+#include <stdio.h>
+
+#include <atomic>
+#include <chrono>
+#include <condition_variable>
+#include <mutex>
+
+#include "Device.h"
+#include "JQ_LOG.h"
+
+namespace nvx {
+namespace {
+
+struct LogState {
+    std::mutex mutex;
+    std::condition_variable changed;
+    bool capturing = false;
+    std::vector<LogLine> captured;
+    std::function<void(const LogLine&)> observer;
+};
+
+LogState& State() {
+    static LogState* state = new LogState;  // never destroyed, see Device.cpp
+    return *state;
+}
+
+std::atomic<int> g_level{2};
+
+const char kLevelNames[] = "01234";
+
+// Keeps a long-running capture from growing without bound.
+constexpr size_t kMaxCaptured = 200000;
+
+}  // namespace
+
+void SetLogLevel(int level) {
+    g_level.store(level);
+}
+int GetLogLevel() {
+    return g_level.load();
+}
+
+void StartLogCapture() {
+    LogState& s = State();
+    std::lock_guard<std::mutex> lock(s.mutex);
+    s.capturing = true;
+    s.captured.clear();
+}
+
+void StopLogCapture() {
+    LogState& s = State();
+    std::lock_guard<std::mutex> lock(s.mutex);
+    s.capturing = false;
+}
+
+std::vector<LogLine> CapturedLogs() {
+    LogState& s = State();
+    std::lock_guard<std::mutex> lock(s.mutex);
+    return s.captured;
+}
+
+bool WaitForLog(const std::function<bool(const LogLine&)>& match, int timeoutMs) {
+    LogState& s = State();
+    std::unique_lock<std::mutex> lock(s.mutex);
+    size_t seen = 0;
+    auto found = [&] {
+        for (; seen < s.captured.size(); ++seen) {
+            if (match(s.captured[seen])) {
+                return true;
+            }
+        }
+        return false;
+    };
+    return s.changed.wait_for(lock, std::chrono::milliseconds(timeoutMs), found);
+}
+
+void SetLogObserver(std::function<void(const LogLine&)> observer) {
+    LogState& s = State();
+    std::lock_guard<std::mutex> lock(s.mutex);
+    s.observer = std::move(observer);
+}
+
+namespace detail {
+void ResetLog() {
+    LogState& s = State();
+    std::lock_guard<std::mutex> lock(s.mutex);
+    s.capturing = false;
+    s.captured.clear();
+}
+}  // namespace detail
+
+}  // namespace nvx
+
+extern "C" int JQ_LOG_Output(const char* module, int level, const char* file, const char* func, int line,
+                             const char* format, ...) {
+    nvx::LogLine entry;
+    entry.module = module != nullptr ? module : "";
+    entry.level = level;
+    entry.file = file != nullptr ? file : "";
+    entry.func = func != nullptr ? func : "";
+    entry.line = line;
+    if (format != nullptr) {
+        char small[512];
+        va_list args;
+        va_start(args, format);
+        va_list again;
+        va_copy(again, args);
+        int needed = vsnprintf(small, sizeof(small), format, args);
+        va_end(args);
+        if (needed >= static_cast<int>(sizeof(small))) {
+            std::string big(static_cast<size_t>(needed) + 1, '\0');
+            vsnprintf(&big[0], big.size(), format, again);
+            big.resize(static_cast<size_t>(needed));
+            entry.text = std::move(big);
+        } else if (needed > 0) {
+            entry.text.assign(small, static_cast<size_t>(needed));
+        }
+        va_end(again);
+    }
+
+    if (level <= nvx::g_level.load()) {
+        const char levelName = (level >= 0 && level <= 4) ? nvx::kLevelNames[level] : '?';
+        const bool newline = !entry.text.empty() && entry.text.back() == '\n';
+        fprintf(stderr, "%10llu L%c [%s] %s:%s:%d %s%s",
+                static_cast<unsigned long long>(nvx::detail::ElapsedMs()), levelName, entry.module.c_str(),
+                entry.file.c_str(), entry.func.c_str(), line, entry.text.c_str(), newline ? "" : "\n");
+    }
+
+    nvx::LogState& s = nvx::State();
+    std::function<void(const nvx::LogLine&)> observer;
+    {
+        std::lock_guard<std::mutex> lock(s.mutex);
+        observer = s.observer;
+        if (s.capturing && s.captured.size() < nvx::kMaxCaptured) {
+            s.captured.push_back(entry);
+        }
+    }
+    s.changed.notify_all();
+    if (observer) {
+        observer(entry);
+    }
+    return 0;
+}

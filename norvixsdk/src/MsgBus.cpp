@@ -1,0 +1,387 @@
+// The in-process message bus: named clients, per-client event queues delivered on the
+// waiting thread, a record of everything sent, and the watchdog that clients feed.
+//
+// Locks: the bus mutex guards the client set, the record of sent messages, the observer
+// and the watchdog table; each client's mutex guards its queue and handlers. Order: bus
+// before client. Handlers run with no lock held.
+#include <string.h>
+
+#include <atomic>
+#include <condition_variable>
+#include <deque>
+#include <map>
+#include <mutex>
+#include <set>
+#include <thread>
+
+#include "Device.h"
+#include "JQ_LOG.h"
+#include "MsgClientManage.h"
+
+struct CMsgClientManage::Impl {
+    std::string name;
+    size_t depth = 0;
+    std::mutex mutex;
+    std::condition_variable arrived;
+    struct Event {
+        int event;
+        std::vector<char> payload;
+    };
+    std::deque<Event> queue;
+    std::map<int, std::map<int, EventHandler>> handlers;  // event -> source id -> handler
+    uint64_t dropped = 0;
+
+    bool Wants(int event) {
+        auto it = handlers.find(event);
+        return it != handlers.end() && !it->second.empty();
+    }
+    // Called with the bus mutex held. True when the client wants the event.
+    bool Enqueue(int event, const char* data, size_t length) {
+        std::lock_guard<std::mutex> lock(mutex);
+        if (!Wants(event)) {
+            return false;
+        }
+        if (queue.size() >= depth) {
+            queue.pop_front();
+            ++dropped;
+        }
+        queue.push_back(Event{event, std::vector<char>(data, data + length)});
+        arrived.notify_one();
+        return true;
+    }
+};
+
+namespace nvx {
+namespace {
+
+// A client that has never fed is not watched; one that has is reported once per silence.
+struct WatchdogEntry {
+    std::string name;
+    uint64_t lastFeedMs = 0;
+    bool warned = false;
+};
+
+struct Bus {
+    std::mutex mutex;
+    std::condition_variable sentChanged;
+    std::set<CMsgClientManage::Impl*> clients;
+    std::deque<BusMessage> sent;
+    uint64_t sentTotal = 0;  // messages ever recorded; sent.front() is number sentTotal - sent.size()
+    std::function<void(const BusMessage&)> observer;
+    std::map<const CMsgClientManage::Impl*, WatchdogEntry> watchdog;
+    std::map<std::string, uint64_t> feedCounts;  // by client name, kept after the client is gone
+    std::condition_variable fed;
+    uint64_t watchdogTimeoutMs = 10000;
+
+    std::mutex monitorMutex;  // guards the monitor thread's start and stop only
+    std::thread monitor;
+    bool monitorStop = false;  // guarded by mutex
+    std::condition_variable monitorWake;
+};
+
+Bus& TheBus() {
+    static Bus* bus = new Bus;  // never destroyed, see Device.cpp
+    return *bus;
+}
+
+std::atomic<bool> g_instantWaits{false};
+
+// Keeps a long host run from growing the record without bound.
+constexpr size_t kMaxSent = 100000;
+constexpr size_t kDefaultDepth = 1024;
+
+int QueueForClients(Bus& bus, int event, const char* data, size_t length) {
+    int queued = 0;
+    for (CMsgClientManage::Impl* client : bus.clients) {
+        queued += client->Enqueue(event, data, length) ? 1 : 0;
+    }
+    return queued;
+}
+
+void MonitorLoop() {
+    Bus& bus = TheBus();
+    std::unique_lock<std::mutex> lock(bus.mutex);
+    while (!bus.monitorStop) {
+        bus.monitorWake.wait_for(lock, std::chrono::milliseconds(200));
+        const uint64_t now = detail::ElapsedMs();
+        std::vector<std::pair<std::string, uint64_t>> starving;
+        for (auto& item : bus.watchdog) {
+            WatchdogEntry& entry = item.second;
+            if (!entry.warned && now - entry.lastFeedMs > bus.watchdogTimeoutMs) {
+                entry.warned = true;
+                starving.emplace_back(entry.name, now - entry.lastFeedMs);
+            }
+        }
+        // Log without the bus lock: a log observer may look at the bus.
+        lock.unlock();
+        for (const auto& item : starving) {
+            NVX_LOG(1, "watchdog: client %s has not fed for %llu ms\n", item.first.c_str(),
+                    static_cast<unsigned long long>(item.second));
+        }
+        lock.lock();
+    }
+}
+
+}  // namespace
+
+int InjectBusEvent(int event, const void* data, size_t length) {
+    Bus& bus = TheBus();
+    std::lock_guard<std::mutex> lock(bus.mutex);
+    return QueueForClients(bus, event, static_cast<const char*>(data), data == nullptr ? 0 : length);
+}
+
+std::vector<BusMessage> SentMessages() {
+    Bus& bus = TheBus();
+    std::lock_guard<std::mutex> lock(bus.mutex);
+    return std::vector<BusMessage>(bus.sent.begin(), bus.sent.end());
+}
+
+void ClearSentMessages() {
+    Bus& bus = TheBus();
+    std::lock_guard<std::mutex> lock(bus.mutex);
+    bus.sent.clear();
+}
+
+bool WaitForSent(const std::function<bool(const BusMessage&)>& match, int timeoutMs) {
+    Bus& bus = TheBus();
+    std::unique_lock<std::mutex> lock(bus.mutex);
+    uint64_t next = bus.sentTotal - bus.sent.size();
+    auto found = [&] {
+        const uint64_t first = bus.sentTotal - bus.sent.size();
+        if (next < first) {
+            next = first;
+        }
+        for (; next < bus.sentTotal; ++next) {
+            if (match(bus.sent[next - first])) {
+                return true;
+            }
+        }
+        return false;
+    };
+    return bus.sentChanged.wait_for(lock, std::chrono::milliseconds(timeoutMs), found);
+}
+
+void SetSendObserver(std::function<void(const BusMessage&)> observer) {
+    Bus& bus = TheBus();
+    std::lock_guard<std::mutex> lock(bus.mutex);
+    bus.observer = std::move(observer);
+}
+
+uint32_t SourceIdOf(const std::string& name) {
+    // FNV-1a, kept positive and non-zero so that it fits the int the bus calls take.
+    uint32_t hash = 2166136261u;
+    for (unsigned char c : name) {
+        hash = (hash ^ c) * 16777619u;
+    }
+    hash &= 0x7fffffffu;
+    return hash == 0 ? 1 : hash;
+}
+
+int LiveClientCount() {
+    Bus& bus = TheBus();
+    std::lock_guard<std::mutex> lock(bus.mutex);
+    return static_cast<int>(bus.clients.size());
+}
+
+bool HasClient(const std::string& name) {
+    Bus& bus = TheBus();
+    std::lock_guard<std::mutex> lock(bus.mutex);
+    for (const CMsgClientManage::Impl* client : bus.clients) {
+        if (client->name == name) {
+            return true;
+        }
+    }
+    return false;
+}
+
+void SetBusWaitsInstant(bool instant) {
+    g_instantWaits.store(instant);
+}
+
+uint64_t WatchdogFeedCount(const std::string& client) {
+    Bus& bus = TheBus();
+    std::lock_guard<std::mutex> lock(bus.mutex);
+    auto it = bus.feedCounts.find(client);
+    return it == bus.feedCounts.end() ? 0 : it->second;
+}
+
+bool WaitForWatchdogFeeds(const std::string& client, uint64_t count, int timeoutMs) {
+    Bus& bus = TheBus();
+    std::unique_lock<std::mutex> lock(bus.mutex);
+    return bus.fed.wait_for(lock, std::chrono::milliseconds(timeoutMs), [&] {
+        auto it = bus.feedCounts.find(client);
+        return it != bus.feedCounts.end() && it->second >= count;
+    });
+}
+
+void SetWatchdogTimeoutMs(uint64_t ms) {
+    Bus& bus = TheBus();
+    std::lock_guard<std::mutex> lock(bus.mutex);
+    bus.watchdogTimeoutMs = ms;
+}
+
+namespace detail {
+
+void ResetBus() {
+    Bus& bus = TheBus();
+    std::lock_guard<std::mutex> lock(bus.mutex);
+    bus.sent.clear();
+    bus.feedCounts.clear();
+    bus.watchdogTimeoutMs = 10000;
+    g_instantWaits.store(false);
+}
+
+void StartWatchdogMonitor() {
+    Bus& bus = TheBus();
+    std::lock_guard<std::mutex> guard(bus.monitorMutex);
+    if (bus.monitor.joinable()) {
+        return;
+    }
+    {
+        std::lock_guard<std::mutex> lock(bus.mutex);
+        bus.monitorStop = false;
+    }
+    bus.monitor = std::thread(MonitorLoop);
+}
+
+void StopWatchdogMonitor() {
+    Bus& bus = TheBus();
+    std::lock_guard<std::mutex> guard(bus.monitorMutex);
+    if (!bus.monitor.joinable()) {
+        return;
+    }
+    {
+        std::lock_guard<std::mutex> lock(bus.mutex);
+        bus.monitorStop = true;
+    }
+    bus.monitorWake.notify_all();
+    bus.monitor.join();
+}
+
+}  // namespace detail
+}  // namespace nvx
+
+CMsgClientManage::CMsgClientManage(const char* name, unsigned int depth, MsgClientCallback /*callback*/)
+    : m_impl(new Impl) {
+    nvx::detail::CountCall("CMsgClientManage");
+    m_impl->name = name != nullptr ? name : "";
+    // The system gives every client 30; the stand-in keeps a generous floor so that a burst
+    // of injected test events is never lost to a small queue.
+    m_impl->depth = depth > nvx::kDefaultDepth ? depth : nvx::kDefaultDepth;
+    nvx::Bus& bus = nvx::TheBus();
+    std::lock_guard<std::mutex> lock(bus.mutex);
+    bus.clients.insert(m_impl);
+}
+
+CMsgClientManage::~CMsgClientManage() {
+    nvx::Bus& bus = nvx::TheBus();
+    {
+        std::lock_guard<std::mutex> lock(bus.mutex);
+        bus.clients.erase(m_impl);
+        bus.watchdog.erase(m_impl);
+    }
+    delete m_impl;
+}
+
+unsigned int CMsgClientManage::MSGGenerateSourceId(std::string name) {
+    return nvx::SourceIdOf(name);
+}
+
+int CMsgClientManage::MSGWaitForEvent(int timeoutMs) {
+    std::deque<Impl::Event> ready;
+    {
+        std::unique_lock<std::mutex> lock(m_impl->mutex);
+        if (timeoutMs > 0 && !nvx::g_instantWaits.load()) {
+            m_impl->arrived.wait_for(lock, std::chrono::milliseconds(timeoutMs),
+                                     [this] { return !m_impl->queue.empty(); });
+        }
+        ready.swap(m_impl->queue);
+    }
+    int delivered = 0;
+    for (const Impl::Event& event : ready) {
+        std::vector<EventHandler> handlers;
+        {
+            std::lock_guard<std::mutex> lock(m_impl->mutex);
+            auto it = m_impl->handlers.find(event.event);
+            if (it == m_impl->handlers.end()) {
+                continue;
+            }
+            for (const auto& entry : it->second) {
+                handlers.push_back(entry.second);
+            }
+        }
+        // An empty payload still gets a valid pointer; a non-empty one is exactly its length,
+        // so a handler that reads past it is caught by the sanitizers.
+        const char* data = event.payload.empty() ? "" : event.payload.data();
+        for (const EventHandler& handler : handlers) {
+            handler(data, static_cast<int>(event.payload.size()));
+        }
+        ++delivered;
+    }
+    return delivered;
+}
+
+int CMsgClientManage::MSGFeedWatchDog(unsigned long long /*nowMs*/) {
+    nvx::Bus& bus = nvx::TheBus();
+    {
+        std::lock_guard<std::mutex> lock(bus.mutex);
+        nvx::WatchdogEntry& entry = bus.watchdog[m_impl];
+        entry.name = m_impl->name;
+        entry.lastFeedMs = nvx::detail::ElapsedMs();
+        entry.warned = false;
+        ++bus.feedCounts[m_impl->name];
+    }
+    bus.fed.notify_all();
+    return 0;
+}
+
+int CMsgClientManage::MSGSendMessage(int /*destination*/, int eventId, int /*flag*/, const char* data,
+                                     int length, int sourceId) {
+    nvx::detail::CountCall("MSGSendMessage");
+    if (length < 0 || (data == nullptr && length > 0)) {
+        return -1;
+    }
+    nvx::BusMessage message;
+    message.tMs = nvx::detail::ElapsedMs();
+    message.client = m_impl->name;
+    message.source = static_cast<uint32_t>(sourceId);
+    message.event = eventId;
+    message.payload.assign(reinterpret_cast<const uint8_t*>(data),
+                           reinterpret_cast<const uint8_t*>(data) + length);
+
+    nvx::Bus& bus = nvx::TheBus();
+    std::function<void(const nvx::BusMessage&)> observer;
+    {
+        std::lock_guard<std::mutex> lock(bus.mutex);
+        if (bus.sent.size() >= nvx::kMaxSent) {
+            bus.sent.pop_front();
+        }
+        bus.sent.push_back(message);
+        ++bus.sentTotal;
+        observer = bus.observer;
+        nvx::QueueForClients(bus, eventId, data, static_cast<size_t>(length));
+    }
+    bus.sentChanged.notify_all();
+    if (observer) {
+        observer(message);
+    }
+    return 0;
+}
+
+int CMsgClientManage::RegisterHandler(int sourceId, int event, EventHandler handler) {
+    std::lock_guard<std::mutex> lock(m_impl->mutex);
+    m_impl->handlers[event][sourceId] = std::move(handler);
+    return 0;
+}
+
+int CMsgClientManage::MSGEventUnRegister(int sourceId, int event) {
+    std::lock_guard<std::mutex> lock(m_impl->mutex);
+    auto it = m_impl->handlers.find(event);
+    if (it == m_impl->handlers.end() || it->second.erase(sourceId) == 0) {
+        return -1;
+    }
+    if (it->second.empty()) {
+        m_impl->handlers.erase(it);
+    }
+    return 0;
+}

@@ -1,0 +1,233 @@
+// JSON access helpers: typed reads, text and file conversions, the merge of documents, the
+// system-configuration look-ups and the JsonUtils member reads.
+#include <stdlib.h>
+#include <string.h>
+#include <unistd.h>
+
+#include <fstream>
+#include <string>
+#include <tuple>
+#include <vector>
+
+#include <gtest/gtest.h>
+
+#include "AppLibCommon.h"
+#include "CommonDefine.h"
+#include "NvxControl.h"
+
+namespace {
+
+Json::Value Parse(const std::string& text) {
+    Json::Value root;
+    EXPECT_TRUE(ConvertStringToJson(text.data(), text.size(), root)) << text;
+    return root;
+}
+
+// (module, level, file, func, line, text) of the last captured line, and how many there were.
+using LogFields = std::tuple<std::string, int, std::string, std::string, int, std::string>;
+LogFields LastLog(size_t expectedCount) {
+    const auto logs = nvx::CapturedLogs();
+    EXPECT_EQ(expectedCount, logs.size());
+    if (logs.empty()) {
+        return LogFields();
+    }
+    const nvx::LogLine& l = logs.back();
+    return LogFields(l.module, l.level, l.file, l.func, l.line, l.text);
+}
+
+class JsonHelpers : public ::testing::Test {
+protected:
+    void SetUp() override {
+        nvx::SetLogLevel(-1);
+        nvx::StartLogCapture();
+    }
+    void TearDown() override { nvx::StopLogCapture(); }
+};
+
+TEST_F(JsonHelpers, IntegralReadsCutToWidthAndRefuseWhatIsNotAWholeNumber) {
+    unsigned char uc = 9;
+    EXPECT_EQ(0, GetJsonIntegral(Json::Value(300), uc, true, 7));
+    EXPECT_EQ(44, uc);
+    EXPECT_EQ(0, GetJsonIntegral(Json::Value(-1), uc, true, 7));
+    EXPECT_EQ(255, uc);
+    int i = 0;
+    EXPECT_EQ(0, GetJsonIntegral(Json::Value(5.0), i, true, 7));
+    EXPECT_EQ(5, i);
+    unsigned int ui = 0;
+    EXPECT_EQ(0, GetJsonIntegral(Json::Value(4294967295u), ui, true, 7));
+    EXPECT_EQ(4294967295u, ui);
+    for (const Json::Value& v : {Json::Value(5.5), Json::Value("5"), Json::Value(Json::arrayValue)}) {
+        i = 0;
+        EXPECT_EQ(-1, GetJsonIntegral(v, i, true, 7));
+        EXPECT_EQ(-1, GetJsonIntegral(v, i, false, 8));
+        EXPECT_EQ(7, i) << "default, then untouched without useDefault";
+    }
+    EXPECT_TRUE(nvx::CapturedLogs().empty());
+
+    unsigned short us = 1;
+    EXPECT_EQ(-1, GetJsonIntegral(Json::Value(Json::Int64(4294967296LL)), us, true, 3));
+    EXPECT_EQ(3, us);
+    EXPECT_EQ(LogFields("APPCOM", 4, "norvixsdk/include/AppLibCommon", "GetJsonIntegral", 219,
+                        "Exception when parse json: 4294967296\n\n"),
+              LastLog(1));
+}
+
+TEST_F(JsonHelpers, CStringReadsTruncateTerminateAndClearOnFailure) {
+    char buf[12];
+    memset(buf, 'x', sizeof buf);
+    EXPECT_EQ(0, GetJsonCString(Json::Value("abcdefghijklmnopqrst"), buf, 10));
+    EXPECT_STREQ("abcdefghi", buf);
+    EXPECT_EQ('x', buf[10]) << "wrote past the given size";
+    unsigned char ubuf[6];
+    memset(ubuf, 'x', sizeof ubuf);
+    EXPECT_EQ(-1, GetJsonCString(Json::Value(42), ubuf, sizeof ubuf));
+    EXPECT_EQ(std::vector<unsigned char>(6, 0), std::vector<unsigned char>(ubuf, ubuf + 6));
+}
+
+TEST_F(JsonHelpers, FloatReadsTakeNumbersAndNumericTextOnly) {
+    float f = 0;
+    EXPECT_EQ(0, GetJsonFloat(Json::Value("12.5"), f, 1.0f));
+    EXPECT_FLOAT_EQ(12.5f, f);
+    EXPECT_EQ(0, GetJsonFloat(Json::Value("abc"), f, 1.0f));
+    EXPECT_FLOAT_EQ(0.0f, f);
+    for (const Json::Value& v : {Json::Value(Json::objectValue), Json::Value(true), Json::Value()}) {
+        f = 0;
+        EXPECT_EQ(-1, GetJsonFloat(v, f, 1.5f));
+        EXPECT_FLOAT_EQ(1.5f, f);
+    }
+}
+
+TEST_F(JsonHelpers, TextConversionsReadExactlyTheGivenBytesAndWriteOneLine) {
+    // A heap block without terminator: reading one byte past it is caught by the sanitizer.
+    const std::string payload = "{\"b\":[1, 2], \"a\":1}";
+    std::vector<char> bytes(payload.begin(), payload.end());
+    Json::Value root;
+    EXPECT_FALSE(ConvertStringToJson(bytes.data(), 1, root));
+    EXPECT_FALSE(JsonUtils::ParseJsonContext(bytes.data(), 0, root));
+    EXPECT_TRUE(JsonUtils::ParseJsonContext(bytes.data(), bytes.size(), root));
+    ASSERT_TRUE(ConvertStringToJson(bytes.data(), bytes.size(), root));
+    std::string text;
+    EXPECT_TRUE(ConvertJsonToString(root, text));
+    EXPECT_EQ("{\"a\":1,\"b\":[1,2]}\n", text);
+}
+
+TEST_F(JsonHelpers, TooDeepNestingIsCaughtAndLoggedOnlyByConvertStringToJson) {
+    const std::string deep = std::string(1001, '[') + std::string(1001, ']');
+    Json::Value root;
+    EXPECT_FALSE(ConvertStringToJson(deep.data(), deep.size(), root));
+    EXPECT_EQ(LogFields("TRUCK", 1, "truck_main/common/src/CommonDefine", "ConvertStringToJson", 39,
+                        "Exception when parse string: " + deep + "\n"),
+              LastLog(1));
+    EXPECT_ANY_THROW(JsonUtils::ParseJsonContext(deep.data(), deep.size(), root));
+}
+
+TEST_F(JsonHelpers, LoadJsonFileSeparatesMissingPathFromOtherFailures) {
+    char dirTemplate[] = "/tmp/test_json_helpers.XXXXXX";
+    ASSERT_NE(nullptr, mkdtemp(dirTemplate));
+    const std::string dir = dirTemplate;
+    std::ofstream(dir + "/good.jsn") << "[1, 2]";
+    std::ofstream(dir + "/bad.jsn") << "[1, ";
+    Json::Value root;
+    EXPECT_EQ(-22, LoadJsonFile(nullptr, root));
+    EXPECT_EQ(-1, LoadJsonFile((dir + "/missing.jsn").c_str(), root));
+    EXPECT_EQ(-1, LoadJsonFile((dir + "/bad.jsn").c_str(), root));
+    EXPECT_EQ(0, LoadJsonFile((dir + "/good.jsn").c_str(), root));
+    EXPECT_EQ(Parse("[1,2]"), root);
+    EXPECT_TRUE(nvx::CapturedLogs().empty());
+    unlink((dir + "/good.jsn").c_str());
+    unlink((dir + "/bad.jsn").c_str());
+    rmdir(dir.c_str());
+}
+
+TEST_F(JsonHelpers, MergeFillsPlaceholdersOrOverwritesLeaves) {
+    Json::Value dst = Parse("{\"A\":1}");
+    Json::Value src = Parse("{\"A\":\"?\",\"B\":\"?\"}");
+    JsonValueMerge(dst, src, false);
+    EXPECT_EQ(Parse("{\"A\":1,\"B\":\"?\"}"), src);
+    EXPECT_EQ(Parse("{\"A\":1,\"B\":\"?\"}"), dst);
+    dst = Parse("{\"A\":1}");
+    src = Parse("{\"A\":\"?\",\"B\":\"?\"}");
+    JsonValueMerge(dst, src, true);
+    EXPECT_EQ(src, dst);
+    EXPECT_EQ(Parse("{\"A\":\"?\",\"B\":\"?\"}"), src);
+}
+
+TEST_F(JsonHelpers, MergeOfArraysRepeatsTheLastSourceElementOverALongerDestination) {
+    Json::Value dst = Parse("[7,8,9]");
+    Json::Value src = Parse("[1,2]");
+    JsonValueMerge(dst, src, true);
+    EXPECT_EQ(Parse("[1,2,2]"), dst);
+    Json::Value empty(Json::arrayValue);
+    JsonValueMerge(dst, empty, true);
+    EXPECT_EQ(Parse("[1,2,2]"), dst);
+}
+
+TEST_F(JsonHelpers, MergeLeavesNodesOfMismatchedKindsAndGoesOn) {
+    Json::Value dst = Parse("{\"a\":5,\"b\":[1],\"c\":{\"x\":1},\"d\":1}");
+    Json::Value src = Parse("{\"a\":[1],\"b\":{\"y\":2},\"c\":[3],\"d\":2}");
+    const Json::Value srcBefore = src;
+    JsonValueMerge(dst, src, true);
+    EXPECT_EQ(Parse("{\"a\":5,\"b\":[1],\"c\":{\"x\":1},\"d\":2}"), dst);
+    EXPECT_EQ(srcBefore, src);
+}
+
+TEST_F(JsonHelpers, CustomerAndProductTypesComeFromTheSystemConfiguration) {
+    EXPECT_EQ(44, ParseCustomerType(Parse("{\"CUSTOMER_NAME\":\"CUSTOMER_52074\"}")));
+    EXPECT_EQ(48, ParseCustomerType(Parse("{\"CUSTOMER_NAME\":\"138028\"}")));
+    EXPECT_EQ(0, ParseCustomerType(Parse("{\"CUSTOMER_NAME\":\"customer_52074\"}")));
+    EXPECT_EQ(0, ParseCustomerType(Parse("[\"CUSTOMER_52074\"]")));
+    EXPECT_EQ("", ParseProductType(Json::Value(3)));
+    EXPECT_EQ("T9", ParseProductType(Parse("{\"PRODUCT_TYPE\":\"T9\"}")));
+    EXPECT_EQ(LogFields("TRUCK", 0, "truck_main/common/src/CommonDefine", "ParseProductType", 993,
+                        "PRODUCT_TYPE = T9 \r\n"),
+              LastLog(2));
+}
+
+TEST_F(JsonHelpers, GetJsonValueCreatesMembersOnlyWhereMembersCanBe) {
+    Json::Value v;
+    GetJsonValue(v, "a") = 1;
+    EXPECT_EQ(Parse("{\"a\":1}"), v);
+    Json::Value array = Parse("[1]");
+    Json::Value& detached = GetJsonValue(array, "a");
+    EXPECT_TRUE(detached.isNull());
+    detached = 5;
+    EXPECT_EQ(Parse("[1]"), array);
+}
+
+TEST_F(JsonHelpers, MemberReadsAreSafeOnNonObjectsAndOutOfRangeIndexes) {
+    const Json::Value v = Parse("{\"arr\":[[1,2,3],\"s\"],\"s\":\"abcd\"}");
+    for (const Json::Value& notObject : {Json::Value(), Json::Value(1), Parse("[1]"), Json::Value("arr")}) {
+        EXPECT_EQ(0, JsonUtils::GetArrayMemberSize(notObject, "arr"));
+    }
+    EXPECT_EQ(3, JsonUtils::GetArrayMemberSize(v, "arr", 0));
+    EXPECT_EQ(0, JsonUtils::GetArrayMemberSize(v, "arr", 1));
+    EXPECT_EQ(7, JsonUtils::AsIntArrayMember(v, "arr", -1, 7));
+    EXPECT_EQ(7, JsonUtils::AsIntArrayMember(v, "arr", 2, 7));
+    char dst[6] = "xxxxx";
+    EXPECT_TRUE(JsonUtils::GetCStringMember(v, "s", dst, 4));
+    EXPECT_EQ(0, memcmp(dst, "abcdx", 5)) << "strncpy leaves a text of len bytes unterminated";
+    EXPECT_STREQ("", JsonUtils::AsCStringMember(v, "arr"));
+}
+
+TEST_F(JsonHelpers, UnsignedReadsGiveDefaultsWhereTheLibraryWouldThrow) {
+    const Json::Value v = Parse(
+        "{\"neg\":-1,\"big\":18446744073709551615,"
+        "\"list\":[-3,\"abc\",5.5,18446744073709551615,{}]}");
+    unsigned int u = 9;
+    EXPECT_FALSE(JsonUtils::GetUIntMember(v, "neg", u));
+    EXPECT_EQ(9u, u);
+    EXPECT_EQ(7u, JsonUtils::AsUIntMember(v, "neg", 7u));
+    EXPECT_EQ(7u, JsonUtils::AsUIntMember(v, "list", 0, 7u));
+    EXPECT_EQ(7u, JsonUtils::AsUIntMember(v, "list", 1, 7u));
+    EXPECT_EQ(7u, JsonUtils::AsUInt64Member(v, "neg", 7u));
+    EXPECT_EQ(18446744073709551615ull, JsonUtils::AsUInt64Member(v, "big", 7u));
+    long long ll = 0;
+    EXPECT_TRUE(JsonUtils::GetInt64Member(v, "big", ll));
+    EXPECT_EQ(-1, ll);
+    const unsigned long long expected[] = {7, 7, 5, 18446744073709551615ull, 7};
+    for (int i = 0; i < 5; ++i) {
+        EXPECT_EQ(expected[i], JsonUtils::AsUInt64ArrayMember(v, "list", i, 7u)) << "element " << i;
+    }
+}
+
+}  // namespace

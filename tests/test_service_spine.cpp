@@ -1,0 +1,371 @@
+// The service spine inside the simulated device: the service object's start and stop, the
+// main cycle, and businesses on their own thread or on the main cycle's.
+#include <string.h>
+#include <sys/prctl.h>
+
+#include <atomic>
+#include <condition_variable>
+#include <mutex>
+#include <set>
+#include <string>
+#include <thread>
+
+#include "OsUtils.h"
+#include "TestSupport.h"
+#include "TruckServiceBase.h"
+#include "TruckServiceManage.h"
+
+namespace {
+
+std::string ThreadName() {
+    char name[17] = {0};
+    prctl(PR_GET_NAME, name, 0, 0, 0);
+    return name;
+}
+
+std::atomic<int> g_destroyed{0};
+
+// A business that records what the base class makes it do, and on which thread.
+class ProbeBusiness : public CTruckServiceBase {
+public:
+    ProbeBusiness(CTruckServiceManage* manager, CMsgClientManage* client, unsigned int id, const char* name,
+                  unsigned long long cycleMs = 100)
+        : CTruckServiceBase(manager, client, id, const_cast<char*>(name), 0, NoParam()), m_cycleMs(cycleMs) {}
+    ~ProbeBusiness() override { ++g_destroyed; }
+
+    int business_init() override {
+        initThread = ThreadName();
+        business_set_cycle_time(m_cycleMs);
+        if (m_pMsgClient != nullptr) {
+            m_pMsgClient->MSGEventRegister(m_uiSourceId, 0x7001, this, &ProbeBusiness::OnEvent);
+        }
+        ++inits;
+        return initResult;
+    }
+    int business_uninit() override {
+        ++uninits;
+        return 0;
+    }
+    int business_cycle_running(unsigned long long nowMs) override {
+        lastCycleMs = nowMs;
+        {
+            std::lock_guard<std::mutex> lock(mutex);
+            cycleThreads.insert(ThreadName());
+        }
+        ++cycles;
+        std::unique_lock<std::mutex> lock(mutex);
+        released.wait(lock, [this] { return !holdCycle; });
+        return 0;
+    }
+    void OnEvent(const char* data, int length) {
+        std::lock_guard<std::mutex> lock(mutex);
+        eventText.assign(data, static_cast<size_t>(length));
+        eventThread = ThreadName();
+    }
+    void OnQueued(std::vector<AsynCallbackParaNode_t>& nodes) {
+        std::lock_guard<std::mutex> lock(mutex);
+        for (const AsynCallbackParaNode_t& node : nodes) {
+            queuedText.append(node.pData, static_cast<size_t>(node.iLen));
+        }
+        queuedThread = ThreadName();
+    }
+    void Queue(const char* text) {
+        AsynCallbackParaNode_t node = {text, static_cast<int>(strlen(text)), 0};
+        m_pAsynCallback->AsynCallbackAdd(1, this, &ProbeBusiness::OnQueued, node);
+    }
+    // Notifies under the lock: once it is released the business may be destroyed at once.
+    void Release() {
+        std::lock_guard<std::mutex> lock(mutex);
+        holdCycle = false;
+        released.notify_all();
+    }
+    unsigned int SourceId() const { return m_uiSourceId; }
+
+    std::atomic<int> inits{0}, uninits{0}, cycles{0};
+    std::atomic<unsigned long long> lastCycleMs{0};
+    int initResult = 0;
+    std::string initThread;  // written before the business runs, read after it stopped
+    std::mutex mutex;
+    std::condition_variable released;
+    bool holdCycle = false;
+    std::set<std::string> cycleThreads;
+    std::string eventText, eventThread, queuedText, queuedThread;
+
+private:
+    static Json::Value& NoParam() {
+        static Json::Value none;
+        return none;
+    }
+    unsigned long long m_cycleMs;
+};
+
+template <class Pred>
+bool Eventually(Pred pred, int timeoutMs = kGenerousMs) {
+    for (int waited = 0; waited < timeoutMs; waited += 5) {
+        if (pred()) {
+            return true;
+        }
+        std::this_thread::sleep_for(std::chrono::milliseconds(5));
+    }
+    return pred();
+}
+
+tagGlobalConfig MakeConfig() {
+    tagGlobalConfig config;
+    memset(&config, 0, sizeof(config));
+    return config;
+}
+
+// Runs a manager's main cycle on a thread of its own, as the service object does.
+struct CycleRunner {
+    explicit CycleRunner(CTruckServiceManage* manage) : args{manage, &param} {
+        param.ucReserved0 = 0;
+        param.ucRunning.store(0);
+        manage->basic_hold();
+        pthread_t handle;
+        OsUtilsCreateThread(&handle, service_thread_entry, &args, 0x80000, 1);
+    }
+    tag_ServiceParam param;
+    CTruckService::ThreadArgs args;
+};
+
+using ServiceObject = DeviceTest;
+using Business = DeviceTest;
+using MainCycle = DeviceTest;
+
+}  // namespace
+
+TEST_F(ServiceObject, NullBlocksAreRefusedWithoutSideEffects) {
+    const bool existed = CTruckService::ServeHasInstance();
+    EXPECT_EQ(JQ_SDK_Service_Load(nullptr), 0);
+    EXPECT_EQ(JQ_SDK_Service_Start(nullptr), 0);
+    EXPECT_EQ(JQ_SDK_Service_Stop(nullptr), 0);
+    EXPECT_EQ(CTruckService::ServeHasInstance(), existed);
+
+    CTruckService* service = CTruckService::ServeGetInstance();
+    EXPECT_EQ(service->ServeLoad(nullptr), -1);
+    EXPECT_EQ(service->ServeStart(nullptr), -1);
+
+    tag_ServiceParam param;
+    param.ucRunning.store(7);
+    EXPECT_EQ(JQ_SDK_Service_Stop(&param), 0);  // never started: nothing to do
+    EXPECT_EQ(param.ucRunning.load(), 7);
+    EXPECT_EQ(nvx::CallCount("JQ_SDK_Global_Deinitialize"), 0u);
+    EXPECT_EQ(nvx::CallCount("JQ_SDK_Basic_Deinitialize"), 0u);
+}
+
+TEST_F(ServiceObject, FailedGlobalInitialisationStartsNothing) {
+    nvx::SetGlobalInitFails(true);
+    tag_ServiceParam param;
+    param.ucRunning.store(0);
+    EXPECT_EQ(JQ_SDK_Service_Start(&param), -1);
+    EXPECT_EQ(CTruckService::ServeGetInstance()->ServeGetManage(), nullptr);
+    EXPECT_EQ(nvx::CallCount("OsUtilsCreateThread"), 0u);
+    EXPECT_EQ(nvx::CallCount("CMsgClientManage"), 0u);
+    EXPECT_EQ(JQ_SDK_Service_Stop(&param), 0);
+    EXPECT_EQ(nvx::CallCount("JQ_SDK_Global_Deinitialize"), 0u);
+}
+
+TEST_F(ServiceObject, StartRunsTheMainCycleAndStopEndsIt) {
+    tag_ServiceParam param;
+    param.ucRunning.store(0);
+    ASSERT_EQ(JQ_SDK_Service_Start(&param), 0);
+    EXPECT_TRUE(Eventually([&] { return param.ucRunning.load() == 1; }));
+    EXPECT_TRUE(nvx::WaitForWatchdogFeeds("truckbusiness.02", 3, kGenerousMs));
+    EXPECT_TRUE(nvx::HasClient("truckbusiness.02"));
+    EXPECT_EQ(JQ_SDK_Service_Start(&param), -1) << "a second start beside a running one";
+
+    EXPECT_EQ(JQ_SDK_Service_Stop(&param), 0);
+    EXPECT_EQ(param.ucRunning.load(), 0);
+    EXPECT_EQ(CTruckService::ServeGetInstance()->ServeGetManage(), nullptr);
+    EXPECT_FALSE(nvx::HasClient("truckbusiness.02")) << "the manager and its client are destroyed";
+    EXPECT_EQ(nvx::CallCount("JQ_SDK_Basic_Deinitialize"), 1u);
+    EXPECT_EQ(nvx::CallCount("JQ_SDK_Global_Deinitialize"), 1u);
+
+    EXPECT_EQ(JQ_SDK_Service_Stop(&param), 0);
+    EXPECT_EQ(nvx::CallCount("JQ_SDK_Global_Deinitialize"), 1u) << "a second stop does nothing";
+
+    // The service can be started again after a stop.
+    ASSERT_EQ(JQ_SDK_Service_Start(&param), 0);
+    EXPECT_TRUE(Eventually([&] { return param.ucRunning.load() == 1; }));
+    EXPECT_EQ(JQ_SDK_Service_Stop(&param), 0);
+    EXPECT_EQ(param.ucRunning.load(), 0);
+}
+
+TEST_F(MainCycle, RunsOnWithoutTheBasicSdk) {
+    nvx::SetBasicInitFails(true);
+    tag_ServiceParam param;
+    param.ucRunning.store(0);
+    ASSERT_EQ(JQ_SDK_Service_Start(&param), 0);
+    EXPECT_TRUE(Eventually([&] { return param.ucRunning.load() == 1; }));
+    EXPECT_TRUE(Logged("TRUCK", 0, "JQ_SDK_Basic_Initialize failed.\n"));
+    EXPECT_EQ(CTruckService::ServeGetInstance()->ServeGetManage()->GetBasicSDKHandle(), nullptr);
+    EXPECT_EQ(JQ_SDK_Service_Stop(&param), 0);
+    EXPECT_EQ(nvx::CallCount("JQ_SDK_Basic_Deinitialize"), 0u);
+}
+
+TEST_F(Business, SharedThreadRunsCallbacksAndCyclesOnTheCallersTicks) {
+    tagGlobalConfig config = MakeConfig();
+    auto* manage = new CTruckServiceManage(&config);
+    {
+        ProbeBusiness business(manage, manage->basic_get_msg_client(), 3, "shared_probe");
+        business.initResult = -5;
+        EXPECT_EQ(business.business_get_is_independ(), 0);
+        EXPECT_EQ(business.business_start(), -5) << "start answers what business_init answers";
+        EXPECT_EQ(business.SourceId(), nvx::SourceIdOf("shared_probe"));
+        EXPECT_EQ(nvx::CallCount("OsUtilsCreateThread"), 0u);
+
+        char text[] = "first";
+        business.Queue(text);
+        strcpy(text, "XXXXX");  // the queue keeps its own copy
+        business.business_shared_thread_run(50);
+        EXPECT_EQ(business.queuedText, "first");
+        EXPECT_EQ(business.cycles.load(), 0) << "50 ms after tick 0 is inside the 100 ms cycle";
+
+        business.business_shared_thread_run(100);
+        EXPECT_EQ(business.cycles.load(), 1);
+        business.business_shared_thread_run(199);
+        EXPECT_EQ(business.cycles.load(), 1);
+        business.business_shared_thread_run(200);
+        EXPECT_EQ(business.cycles.load(), 2);
+        business.business_shared_thread_run(100);  // a tick that went back a whole cycle
+        EXPECT_EQ(business.cycles.load(), 3);
+
+        business.business_set_cycle_time(0);
+        business.business_shared_thread_run(100);
+        business.business_shared_thread_run(100);
+        EXPECT_EQ(business.cycles.load(), 5) << "cycle time 0 runs the cycle on every step";
+
+        EXPECT_EQ(business.business_stop(), 0);
+        EXPECT_EQ(business.uninits.load(), 1);
+    }
+    manage->basic_release();
+}
+
+TEST_F(Business, NamesAreCutToThirtyOneCharacters) {
+    tagGlobalConfig config = MakeConfig();
+    auto* manage = new CTruckServiceManage(&config);
+    {
+        ProbeBusiness business(manage, manage->basic_get_msg_client(), 3,
+                               "a_business_name_well_over_31_characters");
+        EXPECT_STREQ(business.business_get_name(), "a_business_name_well_over_31_ch");
+    }
+    manage->basic_release();
+}
+
+TEST_F(Business, OwnThreadRunsInitCallbacksEventsAndCyclesOnItsThread) {
+    tagGlobalConfig config = MakeConfig();
+    auto* manage = new CTruckServiceManage(&config);
+    auto* business = new ProbeBusiness(manage, nullptr, 5, "own_probe", 50);
+    ASSERT_EQ(business->business_get_is_independ(), 1);
+
+    business->Queue("early");
+    business->business_shared_thread_run(1000);
+    EXPECT_EQ(business->queuedText, "") << "the shared step leaves an own-thread business alone";
+    EXPECT_EQ(business->cycles.load(), 0);
+
+    EXPECT_EQ(business->business_start(), 0);
+    EXPECT_TRUE(Eventually([&] { return business->business_get_thread_state() == 1; }));
+    EXPECT_TRUE(nvx::HasClient("own_probe")) << "an own-thread business makes its own client";
+    EXPECT_TRUE(Eventually([&] { return business->cycles.load() >= 3; }));
+    EXPECT_TRUE(nvx::WaitForWatchdogFeeds("own_probe", 3, kGenerousMs));
+    bool named = false;
+    const std::string prefix =
+        "Thread: Create thread, name = own_probe, pid = " + std::to_string(getpid()) + ", tid = ";
+    for (const nvx::LogLine& line : nvx::CapturedLogs()) {
+        named = named || (line.module == "TRUCK" && line.level == 0 && line.file == "include/CommonDefine" &&
+                          line.func == "TRUCK_THREAD_INFO_PRINT" && line.text.rfind(prefix, 0) == 0);
+    }
+    EXPECT_TRUE(named) << "the business thread says its name, pid and tid";
+
+    const char payload[] = {'s', 'p', 'e', 'e', 'd'};
+    EXPECT_EQ(nvx::InjectBusEvent(0x7001, payload, sizeof(payload)), 1);
+    EXPECT_TRUE(Eventually([&] {
+        std::lock_guard<std::mutex> lock(business->mutex);
+        return business->eventText == "speed" && business->queuedText == "early";
+    }));
+
+    EXPECT_EQ(business->business_stop(), 0);
+    EXPECT_EQ(business->business_get_thread_state(), 3);
+    EXPECT_EQ(business->uninits.load(), 1);
+    {
+        std::lock_guard<std::mutex> lock(business->mutex);
+        EXPECT_EQ(business->initThread, "own_probe");
+        EXPECT_EQ(business->eventThread, "own_probe");
+        EXPECT_EQ(business->queuedThread, "own_probe");
+        EXPECT_EQ(business->cycleThreads, std::set<std::string>{"own_probe"});
+    }
+    ASSERT_TRUE(manage->basic_register_business(5, business) == 0);
+    manage->basic_release();
+    EXPECT_TRUE(nvx::WaitForThreadsToEnd(kGenerousMs));
+}
+
+TEST_F(MainCycle, DrivesSharedBusinessesAndLeavesOwnThreadsAlone) {
+    tagGlobalConfig config = MakeConfig();
+    auto* manage = new CTruckServiceManage(&config);
+    auto* shared = new ProbeBusiness(manage, manage->basic_get_msg_client(), 2, "shared_probe");
+    auto* own = new ProbeBusiness(manage, nullptr, 9, "own_probe");
+    ASSERT_EQ(shared->business_start(), 0);
+    ASSERT_EQ(own->business_start(), 0);
+    ASSERT_EQ(manage->basic_register_business(2, shared), 0);
+    ASSERT_EQ(manage->basic_register_business(9, own), 0);
+    EXPECT_EQ(manage->basic_register_business(9, own), -1) << "one business per id";
+
+    g_destroyed = 0;
+    CycleRunner runner(manage);
+    shared->Queue("queued");
+    EXPECT_TRUE(Eventually([&] { return shared->cycles.load() >= 3 && own->cycles.load() >= 3; }));
+    EXPECT_EQ(nvx::InjectBusEvent(0x7001, "ev", 2), 2);
+    EXPECT_TRUE(Eventually([&] {
+        std::lock_guard<std::mutex> lock(shared->mutex);
+        return shared->eventText == "ev" && shared->queuedText == "queued";
+    }));
+    EXPECT_EQ(runner.param.ucRunning.load(), 1);
+
+    EXPECT_EQ(manage->basic_uninit(), 0);
+    EXPECT_EQ(manage->basic_get_thread_state(), 3);
+    EXPECT_EQ(shared->uninits.load(), 1);
+    EXPECT_EQ(own->uninits.load(), 1);
+    {
+        std::lock_guard<std::mutex> lock(shared->mutex);
+        EXPECT_EQ(shared->cycleThreads, std::set<std::string>{"truckservice"});
+        EXPECT_EQ(shared->eventThread, "truckservice");
+        EXPECT_EQ(shared->queuedThread, "truckservice");
+    }
+    {
+        std::lock_guard<std::mutex> lock(own->mutex);
+        EXPECT_EQ(own->cycleThreads, std::set<std::string>{"own_probe"});
+    }
+    manage->basic_release();
+    EXPECT_TRUE(nvx::WaitForThreadsToEnd(kGenerousMs));
+    EXPECT_EQ(g_destroyed.load(), 2);
+}
+
+// A business whose thread hangs in its cycle: the stop gives up after its bounded waits, and
+// nothing is destroyed until that thread has really left.
+TEST_F(MainCycle, StopIsBoundedAndNeverFreesUnderARunningThread) {
+    tagGlobalConfig config = MakeConfig();
+    auto* manage = new CTruckServiceManage(&config);
+    auto* stuck = new ProbeBusiness(manage, nullptr, 4, "stuck_probe", 10);
+    stuck->holdCycle = true;
+    ASSERT_EQ(stuck->business_start(), 0);
+    ASSERT_EQ(manage->basic_register_business(4, stuck), 0);
+    g_destroyed = 0;
+    CycleRunner runner(manage);
+    ASSERT_TRUE(Eventually([&] { return stuck->cycles.load() == 1; }));
+
+    const auto before = std::chrono::steady_clock::now();
+    EXPECT_EQ(manage->basic_uninit(), 0);
+    const auto took = std::chrono::steady_clock::now() - before;
+    EXPECT_LT(took, std::chrono::seconds(30)) << "bounded, whatever the machine";
+    EXPECT_EQ(stuck->business_get_thread_state(), 2) << "the business thread is still in its cycle";
+
+    manage->basic_release();  // the owner lets go; the stuck thread still holds the manager
+    EXPECT_EQ(g_destroyed.load(), 0);
+    EXPECT_TRUE(nvx::HasClient("truckbusiness.02"));
+
+    stuck->Release();
+    EXPECT_TRUE(nvx::WaitForThreadsToEnd(kGenerousMs));
+    EXPECT_EQ(g_destroyed.load(), 1) << "destroyed by the last thread to leave";
+    EXPECT_FALSE(nvx::HasClient("truckbusiness.02"));
+}

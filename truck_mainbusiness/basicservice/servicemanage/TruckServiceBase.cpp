@@ -1,0 +1,182 @@
+// Business base class: the own-thread loop, the shared-thread step, start and stop.
+#include "TruckServiceBase.h"
+
+#include <stdlib.h>
+#include <string.h>
+
+#include "CommonDefine.h"
+#include "OsUtils.h"
+#include "TruckServiceManage.h"
+
+#define TRUCK_LOG_SOURCE "truck_mainbusiness/basicservice/servicemanage/TruckServiceBase"
+
+namespace {
+
+const unsigned int kClientDepth = 30;
+const unsigned int kThreadStackSize = 0x80000;
+const int kStopPolls = 101;
+const unsigned int kStopPollMs = 20;
+
+unsigned long long TickDistance(unsigned long long a, unsigned long long b) {
+    return a > b ? a - b : b - a;
+}
+
+// The own thread's bus wait: long enough to idle, short enough to keep the cycle on time.
+int EventWaitMs(unsigned long long cycleTime) {
+    if (cycleTime > 500) {
+        return 500;
+    }
+    if (cycleTime > 100) {
+        return 100;
+    }
+    return static_cast<int>(cycleTime);
+}
+
+}  // namespace
+
+CTruckServiceBase::CTruckServiceBase(CTruckServiceManage* manager, CMsgClientManage* client, unsigned int id,
+                                     char* name, unsigned char /*type*/, Json::Value& param)
+    : m_uiBusinessId(id),
+      m_jsonParam(param),
+      m_uiSourceId(0),
+      m_ullCycleTime(100),
+      m_ullLastRunTime(0),
+      m_pMsgClient(client),
+      m_pServiceManage(manager),
+      m_pAsynCallback(nullptr),
+      m_bIndependThread(0),
+      m_iThreadState(3) {
+    StringCopy(m_szBusinessName, sizeof(m_szBusinessName), name != nullptr ? name : "");
+    if (m_pServiceManage == nullptr) {
+        APPCOM_LOG(0, "Basic Server manage ptr is null\n");
+        exit(1);
+    }
+    m_bIndependThread = (client == nullptr) ? 1 : 0;
+    m_pAsynCallback = new CAsynCallback(id, 0, 0);
+}
+
+CTruckServiceBase::~CTruckServiceBase() {
+    if (m_bIndependThread != 0 && m_pMsgClient != nullptr) {
+        delete m_pMsgClient;
+        m_pMsgClient = nullptr;
+    }
+    delete m_pAsynCallback;
+    m_pAsynCallback = nullptr;
+}
+
+int CTruckServiceBase::business_init() {
+    return 0;
+}
+int CTruckServiceBase::business_uninit() {
+    return 0;
+}
+int CTruckServiceBase::business_cycle_running(unsigned long long /*nowMs*/) {
+    return 0;
+}
+
+int CTruckServiceBase::business_set_cycle_time(unsigned long long ms) {
+    m_ullCycleTime = ms;
+    return 0;
+}
+
+int CTruckServiceBase::business_add_asyn_callback(const char* /*data*/, int /*length*/, void* /*object*/,
+                                                  AsynMember /*member*/) {
+    return 0;
+}
+
+int CTruckServiceBase::business_start() {
+    if (m_bIndependThread != 0) {
+        m_iThreadState.store(0);
+        // The thread holds the manager (and so this business) until its last step.
+        m_pServiceManage->basic_hold();
+        pthread_t handle;
+        if (OsUtilsCreateThread(&handle, business_independ_thread_entry, this, kThreadStackSize, 1) != 0) {
+            m_iThreadState.store(3);
+            m_pServiceManage->basic_release();
+        }
+        return 0;
+    }
+    if (m_pMsgClient == nullptr) {
+        APPCOM_LOG(0, "Message client manage ptr is null\n");
+        exit(1);
+    }
+    m_uiSourceId = m_pMsgClient->MSGGenerateSourceId(m_szBusinessName);
+    return business_init();
+}
+
+int CTruckServiceBase::business_stop() {
+    if (m_bIndependThread != 0) {
+        // business_uninit must not race the thread's business_init: wait (bounded) until the
+        // thread has left its starting state.
+        for (int i = 0; i < kStopPolls && m_iThreadState.load() == 0; ++i) {
+            OsUtilsSleep(kStopPollMs);
+        }
+    }
+    business_uninit();
+    if (m_bIndependThread == 0) {
+        return 0;
+    }
+    m_iThreadState.store(2);
+    for (int i = 0; i < kStopPolls && m_iThreadState.load() != 3; ++i) {
+        OsUtilsSleep(kStopPollMs);
+    }
+    return 0;
+}
+
+int CTruckServiceBase::business_shared_thread_run(unsigned long long nowMs) {
+    if (m_bIndependThread != 0) {
+        return 0;
+    }
+    m_pAsynCallback->AsynCallbackExecute();
+    if (TickDistance(nowMs, m_ullLastRunTime) >= m_ullCycleTime) {
+        m_ullLastRunTime = nowMs;
+        business_cycle_running(nowMs);
+    }
+    return 0;
+}
+
+void* CTruckServiceBase::business_independ_thread_entry(void* business) {
+    if (business == nullptr) {
+        return nullptr;
+    }
+    CTruckServiceBase* self = static_cast<CTruckServiceBase*>(business);
+    CTruckServiceManage* manage = self->m_pServiceManage;
+    if (self->business_independ_thread_func_impl() != 0) {
+        TRUCK_LOG(2, "Create business thread failed\n");
+    }
+    // Last step: after this the manager may destroy the business at any moment.
+    manage->basic_release();
+    return nullptr;
+}
+
+int CTruckServiceBase::business_independ_thread_func_impl() {
+    if (m_bIndependThread == 0) {
+        return 0;
+    }
+    TRUCK_THREAD_INFO_PRINT(m_szBusinessName);
+    if (m_pMsgClient == nullptr) {
+        m_pMsgClient = new CMsgClientManage(m_szBusinessName, kClientDepth, nullptr);
+    }
+    if (m_pMsgClient == nullptr) {
+        APPCOM_LOG(0, "Message client manage ptr is null\n");
+        exit(1);
+    }
+    m_uiSourceId = m_pMsgClient->MSGGenerateSourceId(m_szBusinessName);
+    business_init();
+
+    // A stop that came during business_init has already written 2: keep it.
+    int32_t expected = 0;
+    m_iThreadState.compare_exchange_strong(expected, 1);
+    while (m_iThreadState.load() == 1) {
+        const unsigned long long now = OsUtilsGetTickCount();
+        m_pMsgClient->MSGWaitForEvent(EventWaitMs(m_ullCycleTime));
+        m_pMsgClient->MSGFeedWatchDog(now);
+        m_pAsynCallback->AsynCallbackExecute();
+        if (TickDistance(now, m_ullLastRunTime) >= m_ullCycleTime) {
+            m_ullLastRunTime = now;
+            business_cycle_running(now);
+        }
+    }
+    m_iThreadState.store(3);
+    return 0;
+}

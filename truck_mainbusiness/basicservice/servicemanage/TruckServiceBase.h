@@ -1,0 +1,62 @@
+// Base class of every business: runs it on a thread of its own or on the main cycle's.
+#ifndef TRUCK_SERVICEMANAGE_TRUCKSERVICEBASE_H
+#define TRUCK_SERVICEMANAGE_TRUCKSERVICEBASE_H
+
+#include <stdint.h>
+
+#include <atomic>
+#include <vector>
+
+#include <json/json.h>
+
+#include "AsynCallback.h"
+#include "MsgClientManage.h"
+
+class CTruckServiceManage;
+
+class CTruckServiceBase {
+public:
+    typedef void (CTruckServiceBase::*AsynMember)(std::vector<AsynCallbackParaNode_t>&);
+
+    // A null client means the business runs on a thread of its own and creates its client
+    // there; otherwise it shares the main cycle's thread and the manager's client.
+    CTruckServiceBase(CTruckServiceManage* manager, CMsgClientManage* client, unsigned int id, char* name,
+                      unsigned char type, Json::Value& param);
+    virtual ~CTruckServiceBase();
+    CTruckServiceBase(const CTruckServiceBase&) = delete;
+    CTruckServiceBase& operator=(const CTruckServiceBase&) = delete;
+
+    virtual int business_init();
+    virtual int business_uninit();
+    virtual int business_cycle_running(unsigned long long nowMs);
+
+    int business_start();
+    int business_stop();
+    int business_shared_thread_run(unsigned long long nowMs);
+    unsigned char business_get_is_independ() const { return m_bIndependThread; }
+    int business_set_cycle_time(unsigned long long ms);
+    unsigned long long business_get_cycle_time() const { return m_ullCycleTime; }
+    int business_add_asyn_callback(const char* data, int length, void* object, AsynMember member);
+
+    static void* business_independ_thread_entry(void* business);
+    int business_independ_thread_func_impl();
+
+    int business_get_thread_state() const { return m_iThreadState.load(); }
+    unsigned int business_get_id() const { return m_uiBusinessId; }
+    const char* business_get_name() const { return m_szBusinessName; }
+
+protected:
+    unsigned int m_uiBusinessId;
+    char m_szBusinessName[32];
+    Json::Value m_jsonParam;
+    unsigned int m_uiSourceId;
+    unsigned long long m_ullCycleTime;
+    unsigned long long m_ullLastRunTime;
+    CMsgClientManage* m_pMsgClient;
+    CTruckServiceManage* m_pServiceManage;
+    CAsynCallback* m_pAsynCallback;
+    unsigned char m_bIndependThread;
+    std::atomic<int32_t> m_iThreadState;  // 0 starting, 1 running, 2 stop requested, 3 stopped
+};
+
+#endif
