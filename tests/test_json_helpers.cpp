@@ -111,14 +111,16 @@ TEST_F(JsonHelpers, TextConversionsReadExactlyTheGivenBytesAndWriteOneLine) {
     EXPECT_EQ("{\"a\":1,\"b\":[1,2]}\n", text);
 }
 
-TEST_F(JsonHelpers, TooDeepNestingIsCaughtAndLoggedOnlyByConvertStringToJson) {
+TEST_F(JsonHelpers, TooDeepNestingIsRefusedAndLoggedOnlyByConvertStringToJson) {
     const std::string deep = std::string(1001, '[') + std::string(1001, ']');
     Json::Value root;
     EXPECT_FALSE(ConvertStringToJson(deep.data(), deep.size(), root));
     EXPECT_EQ(LogFields("TRUCK", 1, "truck_main/common/src/CommonDefine", "ConvertStringToJson", 39,
                         "Exception when parse string: " + deep + "\n"),
               LastLog(1));
-    EXPECT_ANY_THROW(JsonUtils::ParseJsonContext(deep.data(), deep.size(), root));
+    const size_t lines = nvx::CapturedLogs().size();
+    EXPECT_FALSE(JsonUtils::ParseJsonContext(deep.data(), static_cast<int>(deep.size()), root));
+    EXPECT_EQ(nvx::CapturedLogs().size(), lines);
 }
 
 TEST_F(JsonHelpers, LoadJsonFileSeparatesMissingPathFromOtherFailures) {

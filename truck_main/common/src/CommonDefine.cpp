@@ -260,8 +260,14 @@ bool ParseJsonContext(const char* text, int length, Json::Value& root) {
     if (length < 1 || text == nullptr) {
         return false;
     }
-    Json::Reader reader;
-    return reader.parse(text, text + length, root, true);
+    // The reader throws on nesting too deep for it; such a payload is refused like any other
+    // bad text rather than taking the calling thread down.
+    try {
+        Json::Reader reader;
+        return reader.parse(text, text + length, root, true);
+    } catch (const std::exception&) {
+        return false;
+    }
 }
 
 bool IsMember(const Json::Value& v, const char* key) {
