@@ -4,12 +4,27 @@
 
 #include <gtest/gtest.h>
 
+#include <chrono>
 #include <string>
+#include <thread>
 
 #include "NvxControl.h"
 
 // Bounds for waits whose length is not the point of the test.
 constexpr int kGenerousMs = 10000;
+
+// Polls a condition that has no wait of its own, up to a generous bound.
+template <class Pred>
+bool Eventually(Pred pred, int timeoutMs = kGenerousMs) {
+    const auto deadline = std::chrono::steady_clock::now() + std::chrono::milliseconds(timeoutMs);
+    while (!pred()) {
+        if (std::chrono::steady_clock::now() > deadline) {
+            return false;
+        }
+        std::this_thread::sleep_for(std::chrono::milliseconds(2));
+    }
+    return true;
+}
 
 // A fresh simulated device for each test, quiet on stderr, with every log line captured.
 class DeviceTest : public ::testing::Test {

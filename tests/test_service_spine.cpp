@@ -11,6 +11,7 @@
 #include <thread>
 
 #include "OsUtils.h"
+#include "CycleRunner.h"
 #include "TestSupport.h"
 #include "TruckServiceBase.h"
 #include "TruckServiceManage.h"
@@ -99,36 +100,6 @@ private:
     unsigned long long m_cycleMs;
 };
 
-template <class Pred>
-bool Eventually(Pred pred, int timeoutMs = kGenerousMs) {
-    for (int waited = 0; waited < timeoutMs; waited += 5) {
-        if (pred()) {
-            return true;
-        }
-        std::this_thread::sleep_for(std::chrono::milliseconds(5));
-    }
-    return pred();
-}
-
-tagGlobalConfig MakeConfig() {
-    tagGlobalConfig config;
-    memset(&config, 0, sizeof(config));
-    return config;
-}
-
-// Runs a manager's main cycle on a thread of its own, as the service object does.
-struct CycleRunner {
-    explicit CycleRunner(CTruckServiceManage* manage) : args{manage, &param} {
-        param.ucReserved0 = 0;
-        param.ucRunning.store(0);
-        manage->basic_hold();
-        pthread_t handle;
-        OsUtilsCreateThread(&handle, service_thread_entry, &args, 0x80000, 1);
-    }
-    tag_ServiceParam param;
-    CTruckService::ThreadArgs args;
-};
-
 using ServiceObject = DeviceTest;
 using Business = DeviceTest;
 using MainCycle = DeviceTest;
@@ -205,7 +176,7 @@ TEST_F(MainCycle, RunsOnWithoutTheBasicSdk) {
 }
 
 TEST_F(Business, SharedThreadRunsCallbacksAndCyclesOnTheCallersTicks) {
-    tagGlobalConfig config = MakeConfig();
+    tagGlobalConfig config = MakeGlobalConfig();
     auto* manage = new CTruckServiceManage(&config);
     {
         ProbeBusiness business(manage, manage->basic_get_msg_client(), 3, "shared_probe");
@@ -243,7 +214,7 @@ TEST_F(Business, SharedThreadRunsCallbacksAndCyclesOnTheCallersTicks) {
 }
 
 TEST_F(Business, NamesAreCutToThirtyOneCharacters) {
-    tagGlobalConfig config = MakeConfig();
+    tagGlobalConfig config = MakeGlobalConfig();
     auto* manage = new CTruckServiceManage(&config);
     {
         ProbeBusiness business(manage, manage->basic_get_msg_client(), 3,
@@ -254,7 +225,7 @@ TEST_F(Business, NamesAreCutToThirtyOneCharacters) {
 }
 
 TEST_F(Business, OwnThreadRunsInitCallbacksEventsAndCyclesOnItsThread) {
-    tagGlobalConfig config = MakeConfig();
+    tagGlobalConfig config = MakeGlobalConfig();
     auto* manage = new CTruckServiceManage(&config);
     auto* business = new ProbeBusiness(manage, nullptr, 5, "own_probe", 50);
     ASSERT_EQ(business->business_get_is_independ(), 1);
@@ -301,7 +272,7 @@ TEST_F(Business, OwnThreadRunsInitCallbacksEventsAndCyclesOnItsThread) {
 }
 
 TEST_F(MainCycle, DrivesSharedBusinessesAndLeavesOwnThreadsAlone) {
-    tagGlobalConfig config = MakeConfig();
+    tagGlobalConfig config = MakeGlobalConfig();
     auto* manage = new CTruckServiceManage(&config);
     auto* shared = new ProbeBusiness(manage, manage->basic_get_msg_client(), 2, "shared_probe");
     auto* own = new ProbeBusiness(manage, nullptr, 9, "own_probe");
@@ -344,7 +315,7 @@ TEST_F(MainCycle, DrivesSharedBusinessesAndLeavesOwnThreadsAlone) {
 // A business whose thread hangs in its cycle: the stop gives up after its bounded waits, and
 // nothing is destroyed until that thread has really left.
 TEST_F(MainCycle, StopIsBoundedAndNeverFreesUnderARunningThread) {
-    tagGlobalConfig config = MakeConfig();
+    tagGlobalConfig config = MakeGlobalConfig();
     auto* manage = new CTruckServiceManage(&config);
     auto* stuck = new ProbeBusiness(manage, nullptr, 4, "stuck_probe", 10);
     stuck->holdCycle = true;
@@ -368,4 +339,44 @@ TEST_F(MainCycle, StopIsBoundedAndNeverFreesUnderARunningThread) {
     EXPECT_TRUE(nvx::WaitForThreadsToEnd(kGenerousMs));
     EXPECT_EQ(g_destroyed.load(), 1) << "destroyed by the last thread to leave";
     EXPECT_FALSE(nvx::HasClient("truckbusiness.02"));
+}
+
+TEST_F(ServiceObject, StopRightAfterStartStillReleasesTheBasicSdk) {
+    tag_ServiceParam param;
+    param.ucRunning.store(0);
+    for (int i = 0; i < 20; ++i) {
+        ASSERT_EQ(JQ_SDK_Service_Start(&param), 0);
+        ASSERT_EQ(JQ_SDK_Service_Stop(&param), 0);
+        ASSERT_TRUE(nvx::WaitForThreadsToEnd(kGenerousMs));
+    }
+    EXPECT_EQ(nvx::CallCount("JQ_SDK_Basic_Initialize"), nvx::CallCount("JQ_SDK_Basic_Deinitialize"));
+    EXPECT_EQ(CTruckServiceManage::basic_live_count(), 0);
+}
+
+// A shared business stuck in its cycle keeps the main cycle in its pass past the stop: when
+// it comes free, the pass must not write into the host's block, which the host has freed.
+TEST_F(MainCycle, APassThatOutlivesTheStopLeavesTheHostBlockAlone) {
+    tagGlobalConfig config = MakeGlobalConfig();
+    auto* manage = new CTruckServiceManage(&config);
+    auto* stuck = new ProbeBusiness(manage, manage->basic_get_msg_client(), 6, "stuck_shared");
+    stuck->holdCycle = true;
+    ASSERT_EQ(stuck->business_start(), 0);
+    ASSERT_EQ(manage->basic_register_business(6, stuck), 0);
+    auto* param = new tag_ServiceParam;
+    param->ucRunning.store(0);
+    CTruckService::ThreadArgs args{manage, param};
+    manage->basic_hold();
+    pthread_t handle;
+    ASSERT_EQ(OsUtilsCreateThread(&handle, service_thread_entry, &args, 0x80000, 1), 0);
+    ASSERT_TRUE(Eventually([&] { return stuck->cycles.load() == 1; }));
+
+    EXPECT_EQ(manage->basic_uninit(), 0);
+    EXPECT_FALSE(manage->basic_threads_stopped());
+    delete param;  // the host's block is gone once stop has returned
+    g_destroyed = 0;
+    manage->basic_release();
+    stuck->Release();
+    EXPECT_TRUE(nvx::WaitForThreadsToEnd(kGenerousMs));
+    EXPECT_EQ(g_destroyed.load(), 1);
+    EXPECT_EQ(CTruckServiceManage::basic_live_count(), 0);
 }

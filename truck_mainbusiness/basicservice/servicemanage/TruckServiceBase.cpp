@@ -4,6 +4,8 @@
 #include <stdlib.h>
 #include <string.h>
 
+#include <new>
+
 #include "CommonDefine.h"
 #include "OsUtils.h"
 #include "TruckServiceManage.h"
@@ -52,7 +54,11 @@ CTruckServiceBase::CTruckServiceBase(CTruckServiceManage* manager, CMsgClientMan
         exit(1);
     }
     m_bIndependThread = (client == nullptr) ? 1 : 0;
-    m_pAsynCallback = new CAsynCallback(id, 0, 0);
+    m_pAsynCallback = new (std::nothrow) CAsynCallback(id, 0, 0);
+    if (m_pAsynCallback == nullptr) {
+        APPCOM_LOG(0, "Asyn callback ptr is null\n");
+        exit(1);
+    }
 }
 
 CTruckServiceBase::~CTruckServiceBase() {
@@ -105,22 +111,25 @@ int CTruckServiceBase::business_start() {
 }
 
 int CTruckServiceBase::business_stop() {
-    if (m_bIndependThread != 0) {
-        // business_uninit must not race the thread's business_init: wait (bounded) until the
-        // thread has left its starting state.
-        for (int i = 0; i < kStopPolls && m_iThreadState.load() == 0; ++i) {
-            OsUtilsSleep(kStopPollMs);
-        }
+    // A thread still starting (state 0) is told to stop before it runs; it then calls
+    // business_uninit itself after its business_init, so the two never overlap.
+    int32_t starting = 0;
+    const bool beforeRunning = m_bIndependThread != 0 && m_iThreadState.compare_exchange_strong(starting, 2);
+    if (!beforeRunning) {
+        business_uninit();
     }
-    business_uninit();
     if (m_bIndependThread == 0) {
         return 0;
     }
     m_iThreadState.store(2);
+    WaitForThreadEnd();
+    return 0;
+}
+
+void CTruckServiceBase::WaitForThreadEnd() {
     for (int i = 0; i < kStopPolls && m_iThreadState.load() != 3; ++i) {
         OsUtilsSleep(kStopPollMs);
     }
-    return 0;
 }
 
 int CTruckServiceBase::business_shared_thread_run(unsigned long long nowMs) {
@@ -155,7 +164,7 @@ int CTruckServiceBase::business_independ_thread_func_impl() {
     }
     TRUCK_THREAD_INFO_PRINT(m_szBusinessName);
     if (m_pMsgClient == nullptr) {
-        m_pMsgClient = new CMsgClientManage(m_szBusinessName, kClientDepth, nullptr);
+        m_pMsgClient = new (std::nothrow) CMsgClientManage(m_szBusinessName, kClientDepth, nullptr);
     }
     if (m_pMsgClient == nullptr) {
         APPCOM_LOG(0, "Message client manage ptr is null\n");
@@ -164,9 +173,12 @@ int CTruckServiceBase::business_independ_thread_func_impl() {
     m_uiSourceId = m_pMsgClient->MSGGenerateSourceId(m_szBusinessName);
     business_init();
 
-    // A stop that came during business_init has already written 2: keep it.
+    // A stop that came during business_init has already written 2: keep it, and run the
+    // business_uninit that the stop left to this thread.
     int32_t expected = 0;
-    m_iThreadState.compare_exchange_strong(expected, 1);
+    if (!m_iThreadState.compare_exchange_strong(expected, 1)) {
+        business_uninit();
+    }
     while (m_iThreadState.load() == 1) {
         const unsigned long long now = OsUtilsGetTickCount();
         m_pMsgClient->MSGWaitForEvent(EventWaitMs(m_ullCycleTime));

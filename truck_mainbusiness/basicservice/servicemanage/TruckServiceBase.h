@@ -46,6 +46,8 @@ public:
     const char* business_get_name() const { return m_szBusinessName; }
 
 protected:
+    void WaitForThreadEnd();
+
     unsigned int m_uiBusinessId;
     char m_szBusinessName[32];
     Json::Value m_jsonParam;

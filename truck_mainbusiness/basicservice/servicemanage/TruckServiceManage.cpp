@@ -20,6 +20,28 @@ const char kManageClientName[] = "truckbusiness.02";
 const unsigned int kClientDepth = 30;
 const unsigned int kThreadStackSize = 0x80000;
 
+const int kSystemLogEvent = 0x1134;
+const int kSystemLogGroups = 3;
+const size_t kSystemLogQueueMax = 501;
+const size_t kSystemLogBatchMax = 50;
+const size_t kSystemLogHeader = 8;
+
+// Process-wide: the tick of the last once-a-second step of the main cycle.
+std::atomic<unsigned long long> s_ullLastWriteTick{0};
+// Managers not yet destroyed, counting one that outlived its stop.
+std::atomic<int> s_iLiveManages{0};
+
+unsigned long long TickDistance(unsigned long long a, unsigned long long b) {
+    return a > b ? a - b : b - a;
+}
+
+void PutLE32(unsigned char* at, uint32_t value) {
+    at[0] = static_cast<unsigned char>(value);
+    at[1] = static_cast<unsigned char>(value >> 8);
+    at[2] = static_cast<unsigned char>(value >> 16);
+    at[3] = static_cast<unsigned char>(value >> 24);
+}
+
 // Stop requests are polled: 101 polls of 20 ms bound each wait to about 2 s.
 const int kStopPolls = 101;
 const unsigned int kStopPollMs = 20;
@@ -33,21 +55,33 @@ int JQ_SDK_Service_Load(tag_ServiceAttr* attr) {
     if (attr == nullptr) {
         return 0;
     }
-    return CTruckService::ServeGetInstance()->ServeLoad(attr);
+    try {
+        return CTruckService::ServeGetInstance()->ServeLoad(attr);
+    } catch (...) {
+        return -1;  // nothing may unwind into the host, which is not C++
+    }
 }
 
 int JQ_SDK_Service_Start(tag_ServiceParam* param) {
     if (param == nullptr) {
         return 0;
     }
-    return CTruckService::ServeGetInstance()->ServeStart(param);
+    try {
+        return CTruckService::ServeGetInstance()->ServeStart(param);
+    } catch (...) {
+        return -1;  // nothing may unwind into the host, which is not C++
+    }
 }
 
 int JQ_SDK_Service_Stop(tag_ServiceParam* param) {
     if (param == nullptr) {
         return 0;
     }
-    return CTruckService::ServeGetInstance()->ServeStop(param);
+    try {
+        return CTruckService::ServeGetInstance()->ServeStop(param);
+    } catch (...) {
+        return -1;  // nothing may unwind into the host, which is not C++
+    }
 }
 
 // ---------------------------------------------------------------------------------------
@@ -98,6 +132,12 @@ int CTruckService::ServeStart(tag_ServiceParam* param) {
         TRUCK_LOG(1, "Service is already started\n");
         return -1;
     }
+    // A manager whose thread overran the last stop is still alive: a new one beside it would
+    // share the device with it.
+    if (CTruckServiceManage::basic_live_count() > 0) {
+        TRUCK_LOG(1, "Service manage of the last run is still in use\n");
+        return -1;
+    }
     tagGlobalConfig* globalConfig = JQ_SDK_Global_Initialize(kGlobalParamPath);
     if (globalConfig == nullptr) {
         return -1;
@@ -130,13 +170,18 @@ int CTruckService::ServeStop(tag_ServiceParam* param) {
     manage->basic_uninit();
     param->ucRunning.store(0);
 
-    // A thread that has written its stopped state still has to let go of the manager; give
-    // it a moment so that the manager normally dies here, before the global SDK goes down.
-    if (!manage->basic_wait_sole_holder(50)) {
-        TRUCK_LOG(1, "Service manage still in use by a thread, it goes when the thread ends\n");
-    }
+    // Threads that have written their stopped state still have to let go of the manager;
+    // wait for that, so that the manager normally dies here, before the global SDK goes down.
+    // A thread that overran its stop wait keeps the manager, and with it the SDK, alive: the
+    // manager then dies with that thread and the SDK stays up.
+    const bool sole =
+        manage->basic_threads_stopped() && manage->basic_wait_sole_holder(kStopPolls * kStopPollMs);
     m_pServiceManage = nullptr;
     manage->basic_release();
+    if (!sole) {
+        TRUCK_LOG(1, "Service manage still in use by a thread, it goes when the thread ends\n");
+        return 0;
+    }
     JQ_SDK_Global_Deinitialize();
     return 0;
 }
@@ -166,11 +211,16 @@ CTruckServiceManage::CTruckServiceManage(tagGlobalConfig* globalConfig)
       m_iThreadState(3),
       m_basicSDKHandle(nullptr),
       m_iHolders(1) {
+    s_iLiveManages.fetch_add(1);
     if (m_pGlobalConfig == nullptr) {
         APPCOM_LOG(0, "GlobalConfig ptr is null\n");
         exit(1);
     }
-    m_pMsgClient = new CMsgClientManage(kManageClientName, kClientDepth, nullptr);
+    m_pMsgClient = new (std::nothrow) CMsgClientManage(kManageClientName, kClientDepth, nullptr);
+    if (m_pMsgClient == nullptr) {
+        APPCOM_LOG(0, "Message client manage ptr is null\n");
+        exit(1);
+    }
     m_uiSourceId = m_pMsgClient->MSGGenerateSourceId(kManageClientName);
 }
 
@@ -182,6 +232,25 @@ CTruckServiceManage::~CTruckServiceManage() {
     m_mapBusiness.clear();
     delete m_pMsgClient;
     m_pMsgClient = nullptr;
+    s_iLiveManages.fetch_sub(1);
+}
+
+int CTruckServiceManage::basic_live_count() {
+    return s_iLiveManages.load();
+}
+
+bool CTruckServiceManage::basic_threads_stopped() {
+    if (m_iThreadState.load() != 3) {
+        return false;
+    }
+    for (auto& entry : m_mapBusiness) {
+        CTruckServiceBase* business = entry.second;
+        if (business != nullptr && business->business_get_is_independ() != 0 &&
+            business->business_get_thread_state() != 3) {
+            return false;
+        }
+    }
+    return true;
 }
 
 void CTruckServiceManage::basic_hold() {
@@ -225,12 +294,18 @@ int CTruckServiceManage::basic_thread_cycle(tag_ServiceParam* param) {
     // A stop that came before this thread got going has already written 2: keep it, or the
     // cycle would run on after the stop has given up waiting for it.
     int32_t expected = 3;
-    m_iThreadState.compare_exchange_strong(expected, 1);
-    basic_init();
+    if (m_iThreadState.compare_exchange_strong(expected, 1)) {
+        basic_init();
+    }
     while (m_iThreadState.load() == 1) {
         const unsigned long long now = OsUtilsGetTickCount();
         m_pMsgClient->MSGWaitForEvent(50);
         m_pMsgClient->MSGFeedWatchDog(now);
+
+        if (TickDistance(now, s_ullLastWriteTick.load()) > 999) {
+            s_ullLastWriteTick.store(now);
+            basic_system_log_write();
+        }
 
         for (auto& entry : m_mapBusiness) {
             CTruckServiceBase* business = entry.second;
@@ -238,9 +313,18 @@ int CTruckServiceManage::basic_thread_cycle(tag_ServiceParam* param) {
                 business->business_shared_thread_run(now);
             }
         }
+        // Never after the stop has asked to end: by then the host's block may be gone.
         if (param != nullptr) {
-            param->ucRunning.store(1);
+            MutexLocker locker(m_runStateMutex);
+            if (m_iThreadState.load() == 1) {
+                param->ucRunning.store(1);
+            }
         }
+    }
+    // A stop that read the handle before basic_init stored it left the release to us.
+    JQ_BASIC_HANDLE handle = m_basicSDKHandle.exchange(nullptr);
+    if (handle != nullptr) {
+        JQ_SDK_Basic_Deinitialize(handle);
     }
     m_iThreadState.store(3);
     return 0;
@@ -252,13 +336,108 @@ int CTruckServiceManage::basic_uninit() {
             entry.second->business_stop();
         }
     }
-    JQ_BASIC_HANDLE handle = m_basicSDKHandle.load();
+    // Taken, not just read: whoever takes the handle releases it, once (see the cycle's end).
+    JQ_BASIC_HANDLE handle = m_basicSDKHandle.exchange(nullptr);
     if (handle != nullptr) {
         JQ_SDK_Basic_Deinitialize(handle);
     }
-    m_iThreadState.store(2);
+    {
+        MutexLocker locker(m_runStateMutex);
+        m_iThreadState.store(2);
+    }
     for (int i = 0; i < kStopPolls && m_iThreadState.load() != 3; ++i) {
         OsUtilsSleep(kStopPollMs);
+    }
+    return 0;
+}
+
+// ---------------------------------------------------------------------------------------
+// System log. The mutex is held across the sends, so records leave each group in the order
+// they were pushed.
+
+int CTruckServiceManage::basic_system_log_push(unsigned char groupMask, JQSystemLogFrame& frame) {
+    MutexLocker locker(m_systemLogMutex);
+    for (int group = 0; group < kSystemLogGroups; ++group) {
+        if ((groupMask & (1u << group)) == 0) {
+            continue;
+        }
+        std::deque<JQSystemLogFrame>& queue = m_systemLogQueue[group];
+        if (queue.size() >= kSystemLogQueueMax) {
+            queue.pop_front();
+        }
+        queue.push_back(frame);
+    }
+    return 0;
+}
+
+int CTruckServiceManage::basic_system_log_push(unsigned char groupMask, const char* text) {
+    if (text == nullptr) {
+        TRUCK_LOG(0, "write log error\n");
+        return -1;
+    }
+    JQSystemLogFrame frame;
+    memset(&frame, 0, sizeof(frame));
+    StringCopy(frame.szLogDisplay, sizeof(frame.szLogDisplay), text);
+    JQ_SDK_DateTime_GetLocalBrokendownTime(&frame.stDateTime);
+    return basic_system_log_push(groupMask, frame);
+}
+
+int CTruckServiceManage::basic_system_log_write() {
+    MutexLocker locker(m_systemLogMutex);
+    for (int group = 0; group < kSystemLogGroups; ++group) {
+        std::deque<JQSystemLogFrame>& queue = m_systemLogQueue[group];
+        if (queue.empty()) {
+            continue;
+        }
+        const size_t count = queue.size() < kSystemLogBatchMax ? queue.size() : kSystemLogBatchMax;
+        const size_t length = kSystemLogHeader + sizeof(JQSystemLogFrame) * count;
+        unsigned char* buffer = static_cast<unsigned char*>(malloc(length));
+        if (buffer == nullptr) {
+            TRUCK_LOG(0, "malloc out of memory\n");
+            return -1;
+        }
+        memset(buffer, 0, length);
+        PutLE32(buffer, 1u << group);
+        PutLE32(buffer + 4, static_cast<uint32_t>(count));
+        for (size_t i = 0; i < count; ++i) {
+            memcpy(buffer + kSystemLogHeader + i * sizeof(JQSystemLogFrame), &queue.front(),
+                   sizeof(JQSystemLogFrame));
+            queue.pop_front();
+        }
+        m_pMsgClient->MSGSendMessage(0, kSystemLogEvent, 0, reinterpret_cast<const char*>(buffer),
+                                     static_cast<int>(length), static_cast<int>(m_uiSourceId));
+        TRUCK_LOG(4, "Write record log, group = %d, writeCount = %d, writeLen = %d\n", 1 << group,
+                  static_cast<int>(count), static_cast<int>(length));
+        free(buffer);
+    }
+    return 0;
+}
+
+int CTruckServiceManage::WriteSystemLog(unsigned char groupMask, JQSystemLogFrame frame) {
+    // The record is the caller's: its text may fill all 128 bytes without a terminator.
+    char text[sizeof(frame.szLogDisplay) + 1];
+    memcpy(text, frame.szLogDisplay, sizeof(frame.szLogDisplay));
+    text[sizeof(frame.szLogDisplay)] = '\0';
+
+    MutexLocker locker(m_systemLogMutex);
+    const size_t length = kSystemLogHeader + sizeof(JQSystemLogFrame);
+    for (int group = 0; group < kSystemLogGroups; ++group) {
+        if ((groupMask & (1u << group)) == 0) {
+            continue;
+        }
+        unsigned char* buffer = static_cast<unsigned char*>(malloc(length));
+        if (buffer == nullptr) {
+            TRUCK_LOG(0, "malloc out of memory\n");
+            return -1;
+        }
+        memset(buffer, 0, length);
+        PutLE32(buffer, 1u << group);
+        PutLE32(buffer + 4, 1);
+        memcpy(buffer + kSystemLogHeader, &frame, sizeof(frame));
+        m_pMsgClient->MSGSendMessage(0, kSystemLogEvent, 0, reinterpret_cast<const char*>(buffer),
+                                     static_cast<int>(length), static_cast<int>(m_uiSourceId));
+        TRUCK_LOG(3, "Write record log, group = %d, szLogDisplay = %s\n", 1 << group, text);
+        free(buffer);
     }
     return 0;
 }

@@ -8,11 +8,13 @@
 #include <stdint.h>
 
 #include <atomic>
+#include <deque>
 #include <map>
 
 #include <json/json.h>
 
 #include "JQ_SDK_Basic.h"
+#include "JQ_SDK_DateTime.h"
 #include "JQ_SDK_Global.h"
 #include "MsgClientManage.h"
 
@@ -67,6 +69,20 @@ static_assert(sizeof(std::atomic<unsigned char>) == 1, "ucRunning is one byte");
 static_assert(std::atomic<unsigned char>::is_always_lock_free, "ucRunning needs no lock");
 static_assert(offsetof(tag_ServiceParam, ucRunning) == 1, "ucRunning at 1");
 
+// ---- records sent to the platform's log service ----
+
+// One system-log entry. It travels inside the log message, so its layout is fixed.
+typedef struct JQSystemLogFrame {
+    tagDateTime stDateTime;    // 0: local date and time
+    uint8_t aucReserved0[4];   // 8: the log service's; zero in records built from a text
+    char szLogDisplay[128];    // 12: NUL-terminated text, at most 127 characters
+    uint8_t aucReserved1[96];  // 140: the log service's; zero in records built from a text
+} JQSystemLogFrame;
+static_assert(sizeof(JQSystemLogFrame) == 236, "system-log record is 236 bytes");
+static_assert(offsetof(JQSystemLogFrame, aucReserved0) == 8, "reserved bytes at 8");
+static_assert(offsetof(JQSystemLogFrame, szLogDisplay) == 12, "log text at 12");
+static_assert(offsetof(JQSystemLogFrame, aucReserved1) == 140, "reserved bytes at 140");
+
 // ---- host entry points (the module exports these three and nothing else) ----
 
 extern "C" {
@@ -120,7 +136,6 @@ void* service_thread_entry(void* args);
 class CTruckServiceManage {
 public:
     explicit CTruckServiceManage(tagGlobalConfig* globalConfig);
-    ~CTruckServiceManage();
     CTruckServiceManage(const CTruckServiceManage&) = delete;
     CTruckServiceManage& operator=(const CTruckServiceManage&) = delete;
 
@@ -134,11 +149,21 @@ public:
     // Only before the main cycle runs or on the main cycle's thread: the map has no lock.
     int basic_register_business(unsigned int id, CTruckServiceBase* business);
 
+    // System log: records queued per group (mask bits 0..2), sent once a second in batches.
+    int basic_system_log_push(unsigned char groupMask, JQSystemLogFrame& frame);
+    int basic_system_log_push(unsigned char groupMask, const char* text);
+    int basic_system_log_write();
+    int WriteSystemLog(unsigned char groupMask, JQSystemLogFrame frame);
+
     void basic_hold();
     void basic_release();
     // Waits, polling every millisecond up to `polls` times, until the caller is the only
     // holder left; true if so.
     bool basic_wait_sole_holder(int polls);
+    // The main cycle and every own business thread have written their stopped state.
+    bool basic_threads_stopped();
+    // Managers alive in the process, counting one that outlived its stop.
+    static int basic_live_count();
 
     int basic_get_thread_state() const { return m_iThreadState.load(); }
     CMsgClientManage* basic_get_msg_client() { return m_pMsgClient; }
@@ -151,11 +176,16 @@ private:
     std::map<unsigned int, CTruckServiceBase*> m_mapBusiness;
     Json::Value m_businessConfig;
     Json::Value m_systemConfig;
+    std::deque<JQSystemLogFrame> m_systemLogQueue[3];  // guarded by m_systemLogMutex
+    Mutex m_systemLogMutex;
     std::atomic<int32_t> m_iThreadState;  // 1 running, 2 stop requested, 3 stopped
-    // Set by the main cycle's thread, read by businesses and by the stop on the host's thread.
+    // Set by the main cycle's thread, read by businesses; taken by whoever releases it.
     std::atomic<JQ_BASIC_HANDLE> m_basicSDKHandle;
 
     std::atomic<int> m_iHolders;
+    Mutex m_runStateMutex;  // orders the stop request against the cycle's write of ucRunning
+
+    ~CTruckServiceManage();  // through basic_release() only
 };
 
 #endif
