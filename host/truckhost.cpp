@@ -246,8 +246,14 @@ int main(int argc, char** argv) {
         rc = stop(&param);
         printf("stop: %d, ucRunning %u\n", rc, static_cast<unsigned>(param.running.load()));
     }
-    // Platform threads that outlived stop must end before the module goes away.
-    nvx::WaitForThreadsToEnd(5000);
+    // Platform threads that outlived stop must end before the process tears itself down;
+    // one that does not is a fault of the plug-in, reported without running destructors
+    // under it.
+    if (!nvx::WaitForThreadsToEnd(5000)) {
+        fprintf(stderr, "truckhost: %d plug-in thread(s) still running after stop\n", nvx::RunningThreads());
+        fflush(stdout);
+        _exit(3);
+    }
     nvx::SetSendObserver(nullptr);
     fflush(stdout);
     return startRc == 0 ? 0 : 1;

@@ -13,7 +13,8 @@ public:
     typedef std::function<void(const char* data, int length)> EventHandler;
 
     // `depth` bounds the client's queue of undelivered events (the oldest is dropped when
-    // full); `callback` is reserved and may be null.
+    // full); the stand-in never goes below 1024, so that a test's burst of injected events is
+    // not lost. `callback` is reserved and may be null.
     CMsgClientManage(const char* name, unsigned int depth, MsgClientCallback callback);
     virtual ~CMsgClientManage();
     CMsgClientManage(const CMsgClientManage&) = delete;
