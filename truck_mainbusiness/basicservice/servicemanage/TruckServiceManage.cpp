@@ -382,6 +382,26 @@ int CTruckServiceManage::basic_system_log_push(unsigned char groupMask, const ch
     return basic_system_log_push(groupMask, frame);
 }
 
+// A zeroed log message with its group mask and record count filled in; null (and logged)
+// when there is no memory for it. The caller frees it.
+unsigned char* CTruckServiceManage::NewLogBatch(uint32_t groupMaskWord, size_t count) {
+    const size_t length = kSystemLogHeader + sizeof(JQSystemLogFrame) * count;
+    unsigned char* buffer = static_cast<unsigned char*>(malloc(length));
+    if (buffer == nullptr) {
+        TRUCK_LOG(0, "malloc out of memory\n");
+        return nullptr;
+    }
+    memset(buffer, 0, length);
+    PutLE32(buffer, groupMaskWord);
+    PutLE32(buffer + 4, static_cast<uint32_t>(count));
+    return buffer;
+}
+
+void CTruckServiceManage::SendLogBatch(const unsigned char* buffer, size_t length) {
+    m_pMsgClient->MSGSendMessage(0, kSystemLogEvent, 0, reinterpret_cast<const char*>(buffer),
+                                 static_cast<int>(length), static_cast<int>(m_uiSourceId));
+}
+
 int CTruckServiceManage::basic_system_log_write() {
     MutexLocker locker(m_systemLogMutex);
     for (int group = 0; group < kSystemLogGroups; ++group) {
@@ -391,21 +411,16 @@ int CTruckServiceManage::basic_system_log_write() {
         }
         const size_t count = queue.size() < kSystemLogBatchMax ? queue.size() : kSystemLogBatchMax;
         const size_t length = kSystemLogHeader + sizeof(JQSystemLogFrame) * count;
-        unsigned char* buffer = static_cast<unsigned char*>(malloc(length));
+        unsigned char* buffer = NewLogBatch(1u << group, count);
         if (buffer == nullptr) {
-            TRUCK_LOG(0, "malloc out of memory\n");
             return -1;
         }
-        memset(buffer, 0, length);
-        PutLE32(buffer, 1u << group);
-        PutLE32(buffer + 4, static_cast<uint32_t>(count));
         for (size_t i = 0; i < count; ++i) {
             memcpy(buffer + kSystemLogHeader + i * sizeof(JQSystemLogFrame), &queue.front(),
                    sizeof(JQSystemLogFrame));
             queue.pop_front();
         }
-        m_pMsgClient->MSGSendMessage(0, kSystemLogEvent, 0, reinterpret_cast<const char*>(buffer),
-                                     static_cast<int>(length), static_cast<int>(m_uiSourceId));
+        SendLogBatch(buffer, length);
         TRUCK_LOG(4, "Write record log, group = %d, writeCount = %d, writeLen = %d\n", 1 << group,
                   static_cast<int>(count), static_cast<int>(length));
         free(buffer);
@@ -425,17 +440,12 @@ int CTruckServiceManage::WriteSystemLog(unsigned char groupMask, JQSystemLogFram
         if ((groupMask & (1u << group)) == 0) {
             continue;
         }
-        unsigned char* buffer = static_cast<unsigned char*>(malloc(length));
+        unsigned char* buffer = NewLogBatch(1u << group, 1);
         if (buffer == nullptr) {
-            TRUCK_LOG(0, "malloc out of memory\n");
             return -1;
         }
-        memset(buffer, 0, length);
-        PutLE32(buffer, 1u << group);
-        PutLE32(buffer + 4, 1);
         memcpy(buffer + kSystemLogHeader, &frame, sizeof(frame));
-        m_pMsgClient->MSGSendMessage(0, kSystemLogEvent, 0, reinterpret_cast<const char*>(buffer),
-                                     static_cast<int>(length), static_cast<int>(m_uiSourceId));
+        SendLogBatch(buffer, length);
         TRUCK_LOG(3, "Write record log, group = %d, szLogDisplay = %s\n", 1 << group, text);
         free(buffer);
     }

@@ -186,6 +186,9 @@ private:
     Mutex m_runStateMutex;  // orders the stop request against the cycle's write of ucRunning
 
     ~CTruckServiceManage();  // through basic_release() only
+
+    unsigned char* NewLogBatch(uint32_t groupMaskWord, size_t count);
+    void SendLogBatch(const unsigned char* buffer, size_t length);
 };
 
 #endif
