@@ -97,6 +97,38 @@ uint64_t CallCount(const std::string& operation);
 int RunningThreads();
 bool WaitForThreadsToEnd(int timeoutMs);
 
+// ---- device identity ----
+// The serial number comes from the device profile; the next `count` requests fail.
+void SetSerialNumberFailures(int count);
+
+// ---- storage service ----
+// What JQ_SDK_Storage_GetFuseMntPath answers (default: result -10, empty path).
+void SetStorageMount(int32_t result, const std::string& path);
+// Sends a report to every monitor, on the storage thread; the mount path above follows it.
+void InjectStorageReport(int32_t result, const std::string& path);
+// Sends raw bytes as a report (of any length) to every monitor, on the storage thread.
+void InjectStorageRaw(const void* data, size_t length);
+// Waits until the storage thread has delivered everything handed to it.
+bool WaitForStorageIdle(int timeoutMs);
+
+// ---- global parameter store ----
+// The store is loaded by JQ_SDK_Global_Initialize from this file (default: the device path
+// "/mnt/tmpfs/global.bsn" under the system root) and saved to the device path.
+void SetParamStoreSource(const std::string& file);
+// The store's document as compact text.
+std::string ParamStoreText();
+// Every request text handed to JQ_SDK_Global_GetParameter / JQ_SDK_Global_ListenParameter.
+std::vector<std::string> ParamGetRequests();
+std::vector<std::string> ParamListenRequests();
+// Called on the writing thread for every document merged by JQ_SDK_Global_SetParameter, and
+// for one merged with the function below. Empty function to remove.
+void SetParamWriteObserver(std::function<void(const std::string& text)> observer);
+// Merges a document into the store as JQ_SDK_Global_SetParameter does (the host's and the
+// tests' way to change a parameter). 0, or -1 for a text that is not such a document.
+int SetParameterDocument(const std::string& text);
+// Waits until the parameter thread has delivered every reply and notification queued.
+bool WaitForParamIdle(int timeoutMs);
+
 // Back to a fresh device: profile, failures, captures, sent messages, counters, clock.
 // Clients and threads that are still alive are left alone.
 void Reset();

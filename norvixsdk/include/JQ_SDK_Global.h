@@ -28,4 +28,21 @@ tagGlobalConfig* JQ_SDK_Global_Initialize(const char* path);
 int JQ_SDK_Global_StartService(tagGlobalConfig* config);
 int JQ_SDK_Global_Deinitialize(void);
 
+// Parameter replies and change notifications: the text of a document
+// {"PARAMETER": {"MDVR": {group: value, ...}}}, its length, and the caller's two pointers.
+typedef void (*JQ_SDK_ParamCallback)(const char* text, int length, void* user, void* context);
+
+// Asks for the groups named in the request document (each value the placeholder "?"). The
+// reply comes later, once, on the platform's parameter thread, with every placeholder of a
+// known group filled in. 0, or a negative code when the request cannot be taken.
+int JQ_SDK_Global_GetParameter(const char* text, int length, JQ_SDK_ParamCallback callback, void* user,
+                               void* context);
+// Watches the groups named in a group map {group: "?", ...}: every later change of one of
+// them is reported on the parameter thread with the changed groups. 0, or a negative code.
+int JQ_SDK_Global_ListenParameter(const char* text, int length, JQ_SDK_ParamCallback callback, void* user,
+                                  void* context);
+// Merges a document {"PARAMETER": {"MDVR": {...}}} into the store, saves it and notifies the
+// listeners of the changed groups. 0, or a negative code for a text that is not such a document.
+int JQ_SDK_Global_SetParameter(const char* text, int length);
+
 #endif

@@ -129,6 +129,9 @@ void Reset() {
     detail::ResetBus();
     detail::ResetLog();
     detail::ResetThreads();
+    detail::ResetIdentity();
+    detail::ResetStorage();
+    detail::ResetParamStore();
 }
 
 }  // namespace nvx

@@ -26,6 +26,9 @@ bool BasicInitFails();
 void ResetBus();
 void ResetLog();
 void ResetThreads();
+void ResetIdentity();
+void ResetStorage();
+void ResetParamStore();
 
 // Starts and stops the watchdog monitor (the platform's service thread).
 void StartWatchdogMonitor();

@@ -208,10 +208,18 @@ CTruckServiceManage::CTruckServiceManage(tagGlobalConfig* globalConfig)
     : m_pGlobalConfig(globalConfig),
       m_pMsgClient(nullptr),
       m_uiSourceId(0),
+      m_uiRemoteTaskListState(0),
       m_iThreadState(3),
       m_basicSDKHandle(nullptr),
       m_iHolders(1) {
     s_iLiveManages.fetch_add(1);
+    memset(m_peripheralConfig, 0, sizeof(m_peripheralConfig));
+    memset(&m_serialNumberInfo, 0, sizeof(m_serialNumberInfo));
+    memset(&m_chnAlarmState, 0, sizeof(m_chnAlarmState));
+    memset(&m_chipInfo, 0, sizeof(m_chipInfo));
+    // Until the storage service first reports, no path is known.
+    memset(&m_fuseMntPath, 0, sizeof(m_fuseMntPath));
+    m_fuseMntPath.iResult = -10;
     if (m_pGlobalConfig == nullptr) {
         APPCOM_LOG(0, "GlobalConfig ptr is null\n");
         exit(1);

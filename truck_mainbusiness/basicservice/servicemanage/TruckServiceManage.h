@@ -1,5 +1,12 @@
 // The service object behind the three host entry points, and the service manager that runs
 // the main cycle on the thread "truckservice".
+//
+// The manager is one class implemented in several files of this folder, by concern:
+//   TruckServiceManage.cpp         service object, entry points, lifecycle, main cycle, system log
+//   TruckServiceManageLoad.cpp     business configuration and loading, the factory
+//   TruckServiceManageDevice.cpp   device and system information
+//   TruckServiceManageStorage.cpp  storage root directory and peripheral block
+//   TruckServiceManageParam.cpp    global parameter groups
 #ifndef TRUCK_SERVICEMANAGE_TRUCKSERVICEMANAGE_H
 #define TRUCK_SERVICEMANAGE_TRUCKSERVICEMANAGE_H
 
@@ -9,13 +16,16 @@
 
 #include <atomic>
 #include <deque>
+#include <list>
 #include <map>
+#include <string>
 
 #include <json/json.h>
 
 #include "JQ_SDK_Basic.h"
 #include "JQ_SDK_DateTime.h"
 #include "JQ_SDK_Global.h"
+#include "JQ_SDK_Storage.h"
 #include "MsgClientManage.h"
 
 class CTruckServiceBase;
@@ -83,6 +93,49 @@ static_assert(offsetof(JQSystemLogFrame, aucReserved0) == 8, "reserved bytes at 
 static_assert(offsetof(JQSystemLogFrame, szLogDisplay) == 12, "log text at 12");
 static_assert(offsetof(JQSystemLogFrame, aucReserved1) == 140, "reserved bytes at 140");
 
+// ---- device information ----
+
+// Channel alarm states: stored and handed out whole; the content is the businesses' own.
+typedef struct ChnAlarmState_t {
+    uint8_t aucState[32];
+} ChnAlarmState_t;
+static_assert(sizeof(ChnAlarmState_t) == 32, "channel alarm state is 32 bytes");
+
+// Remote task types 0..31 have a bit in the remote task-list flags.
+typedef int enumTaskType;
+
+typedef struct SerialNumberInfo_t {
+    uint32_t bValid;  // 1 once the serial number has been read
+    char szSerialNumber[16];
+} SerialNumberInfo_t;
+
+typedef struct ChipInfo_t {
+    uint32_t uiFlashSize;
+    uint32_t uiChipType;
+    uint32_t mainBoardType;
+    uint32_t uiDeviceInfoReady;
+} ChipInfo_t;
+
+// Size of the peripheral configuration block taken from the peripheral file.
+const size_t kPeripheralConfigSize = 7716;
+
+// ---- business configuration ----
+
+// One enabled element of the business configuration file.
+typedef struct BusinessLoadAttr_t {
+    unsigned int id;
+    unsigned char type;
+    unsigned char bEnable;
+    unsigned char bThread;
+    char name[32];
+    Json::Value param;
+} BusinessLoadAttr_t;
+
+class CTruckServiceBase;
+class CMsgClientManage;
+CTruckServiceBase* CreateBusinessInstance(CTruckServiceManage* manager, CMsgClientManage* client, unsigned int id,
+                                          char* name, unsigned char type, Json::Value& param);
+
 // ---- host entry points (the module exports these three and nothing else) ----
 
 extern "C" {
@@ -126,6 +179,9 @@ private:
 
 void* service_thread_entry(void* args);
 
+// The storage service's callback for mount-path reports; `user` is the manager.
+void callback_basic_request_storage_mntputh(void* data, int length, void* user);
+
 // ---- the service manager ----
 
 // Lifetime: the manager is created by the service object, which holds it; every thread that
@@ -148,6 +204,49 @@ public:
     // Enters a started business into the map under its id; the manager owns it from then on.
     // Only before the main cycle runs or on the main cycle's thread: the map has no lock.
     int basic_register_business(unsigned int id, CTruckServiceBase* business);
+
+    // Business configuration and loading (TruckServiceManageLoad.cpp).
+    int basic_analyze_basic_config(std::list<BusinessLoadAttr_t>& out);
+    // The checks of the configuration document alone, on a parsed root.
+    static int basic_parse_basic_config(const Json::Value& root, std::list<BusinessLoadAttr_t>& out);
+    int basic_load_business();
+    int basic_start_business(unsigned int id, char* name, unsigned char type, bool bThread, Json::Value& param);
+
+    // Device and system information (TruckServiceManageDevice.cpp).
+    int BasicAnalyzeSystemconfig();
+    Json::Value BasicGetSystemConfig();
+    std::string BasicGetCustomerName();
+    int GetChipInfo();
+    // The command-line search of GetChipInfo on a NUL-terminated text; both values start at 0.
+    static void basic_parse_cmdline(const char* text, unsigned int& flashSize, unsigned int& chipType);
+    int BasicGetDeviceInfo();
+    int GetProductInfoFromAuthSerial(const char* serial, unsigned int& productCode, unsigned int& boardType);
+    unsigned int basic_get_product_type();
+    unsigned int basic_get_system_type();
+    unsigned int BasicGetVideoInNum();
+    unsigned int BasicGetVideoIpNum();
+    SerialNumberInfo_t* basic_get_serialnumber_info();
+    ChipInfo_t basic_get_chip_info();
+    int SetChannelAlarmState(const ChnAlarmState_t& state);
+    ChnAlarmState_t GetChannelAlarmState() const;
+    int SetRemoteTaskListState(enumTaskType type, bool on);
+    bool GetRemoteTastListState(enumTaskType type);
+
+    // Storage root directory and peripheral block (TruckServiceManageStorage.cpp).
+    int basic_request_storage_mntputh();
+    int basic_set_normal_file_root_dir(tag_fuseMntPathAck* ack);
+    int basic_get_normal_file_root_dir(const char* subPath, char* out, int outLen);
+    int basic_get_normal_file_root_dir(char* out, int outLen);
+    int basic_load_peripheral_config();
+    unsigned char* basic_get_peripheral_config();
+
+    // Global parameter groups (TruckServiceManageParam.cpp).
+    int basic_global_package_param(unsigned long long mask, Json::Value& request);
+    int basic_global_get_param(Json::Value& groups, JQ_SDK_ParamCallback callback, void* user, void* context);
+    int basic_global_get_param(unsigned long long mask, JQ_SDK_ParamCallback callback, void* user, void* context);
+    int basic_global_listen_param(Json::Value& groups, JQ_SDK_ParamCallback callback, void* user, void* context);
+    int basic_global_listen_param(unsigned long long mask, JQ_SDK_ParamCallback callback, void* user,
+                                  void* context);
 
     // System log: records queued per group (mask bits 0..2), sent once a second in batches.
     int basic_system_log_push(unsigned char groupMask, JQSystemLogFrame& frame);
@@ -175,9 +274,18 @@ private:
     unsigned int m_uiSourceId;
     std::map<unsigned int, CTruckServiceBase*> m_mapBusiness;
     Json::Value m_businessConfig;
+    unsigned char m_peripheralConfig[kPeripheralConfigSize];
+    SerialNumberInfo_t m_serialNumberInfo;
     Json::Value m_systemConfig;
+    ChnAlarmState_t m_chnAlarmState;  // guarded by m_chnAlarmStateMutex: set and read on any thread
+    mutable Mutex m_chnAlarmStateMutex;
+    mutable Mutex m_deviceInfoMutex;  // guards m_chipInfo and m_serialNumberInfo against readers
     std::deque<JQSystemLogFrame> m_systemLogQueue[3];  // guarded by m_systemLogMutex
+    Mutex m_fuseMntPathMutex;
+    ChipInfo_t m_chipInfo;
+    tag_fuseMntPathAck m_fuseMntPath;  // guarded by m_fuseMntPathMutex
     Mutex m_systemLogMutex;
+    std::atomic<uint32_t> m_uiRemoteTaskListState;  // set and read by businesses on any thread
     std::atomic<int32_t> m_iThreadState;  // 1 running, 2 stop requested, 3 stopped
     // Set by the main cycle's thread, read by businesses; taken by whoever releases it.
     std::atomic<JQ_BASIC_HANDLE> m_basicSDKHandle;

@@ -1,0 +1,7 @@
+#include "Device.h"
+
+namespace nvx {
+namespace detail {
+void ResetParamStore() {}
+}  // namespace detail
+}  // namespace nvx
