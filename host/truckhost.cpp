@@ -39,6 +39,8 @@ typedef int (*RunFn)(HostServiceParam*);
 struct Options {
     std::string plugin;
     std::string sysroot = TRUCK_DEMO_SYSROOT;
+    bool sysrootGiven = false;
+    std::string paramStore;  // empty: see InitialParamStore
     std::string busLog;
     double duration = -1;  // seconds; negative: until SIGINT/SIGTERM
     int logLevel = 2;
@@ -57,7 +59,10 @@ void Usage(FILE* out) {
             "  --sysroot DIR      folder that stands for the device's / (default: the bundled demo device)\n"
             "  --duration SECONDS run that long, then stop (default: until SIGINT or SIGTERM)\n"
             "  --log-level N      platform log lines up to level N go to standard error (0..4, default 2)\n"
-            "  --bus-log FILE     write every bus message sent, one JSON object per line\n"
+            "  --param-store FILE start from this parameter store (default: the demo store with the\n"
+            "                     demo device, else the store of the given device folder)\n"
+            "  --bus-log FILE     write every bus message sent and every parameter write, one JSON\n"
+            "                     object per line\n"
             "  --help             this text\n");
 }
 
@@ -83,7 +88,7 @@ int ParseOptions(int argc, char** argv, Options& options) {
         }
         const bool hasValue = i + 1 < argc;
         if (arg != "--plugin" && arg != "--sysroot" && arg != "--duration" && arg != "--log-level" &&
-            arg != "--bus-log") {
+            arg != "--bus-log" && arg != "--param-store") {
             fprintf(stderr, "truckhost: unknown option '%s' (see --help)\n", arg.c_str());
             return 2;
         }
@@ -97,6 +102,13 @@ int ParseOptions(int argc, char** argv, Options& options) {
             options.plugin = value;
         } else if (arg == "--sysroot") {
             options.sysroot = value;
+            options.sysrootGiven = true;
+        } else if (arg == "--param-store") {
+            if (access(value.c_str(), R_OK) != 0) {
+                fprintf(stderr, "truckhost: cannot read the parameter store '%s'\n", value.c_str());
+                return 2;
+            }
+            options.paramStore = value;
         } else if (arg == "--bus-log") {
             options.busLog = value;
         } else if (arg == "--duration") {
@@ -115,6 +127,17 @@ int ParseOptions(int argc, char** argv, Options& options) {
         }
     }
     return 0;
+}
+
+// The store the device starts from. The live store is the device's own file under the
+// system root, which the device rewrites; the bundled demo folder is part of the repository,
+// so its run starts from a copy kept outside it. A device folder given by the user brings
+// its own store.
+std::string InitialParamStore(const Options& options) {
+    if (!options.paramStore.empty()) {
+        return options.paramStore;
+    }
+    return options.sysrootGiven ? std::string() : std::string(TRUCK_DEMO_PARAM_STORE);
 }
 
 void AppendHex(std::string& out, const std::vector<uint8_t>& bytes) {
@@ -143,7 +166,7 @@ void AppendJsonString(std::string& out, const std::string& text) {
     out.push_back('"');
 }
 
-// One JSON object per line for every message the plug-in sends.
+// One JSON object per line for every message the plug-in sends and every parameter write.
 class BusLog {
 public:
     bool Open(const std::string& path) {
@@ -163,12 +186,22 @@ public:
                 ", \"len\": " + std::to_string(message.payload.size()) + ", \"hex\": \"";
         AppendHex(line, message.payload);
         line += "\"}\n";
+        Put(line);
+    }
+    void WriteParameter(uint64_t tMs, const std::string& text) {
+        std::string line = "{\"t_ms\": " + std::to_string(tMs) + ", \"kind\": \"param_set\", \"text\": ";
+        AppendJsonString(line, text);
+        line += "}\n";
+        Put(line);
+    }
+
+private:
+    void Put(const std::string& line) {
         std::lock_guard<std::mutex> lock(m_mutex);
         fputs(line.c_str(), m_file);
         fflush(m_file);
     }
 
-private:
     std::mutex m_mutex;
     FILE* m_file = nullptr;
 };
@@ -188,6 +221,9 @@ int main(int argc, char** argv) {
 
     nvx::SetLogLevel(options.logLevel);
     nvx::SetSystemRoot(options.sysroot);
+    nvx::SetParamStoreSource(InitialParamStore(options));
+    // The simulated recorder boots with its hard disk mounted.
+    nvx::SetStorageMount(0, "/mnt/hd1");
     const auto started = std::chrono::steady_clock::now();
     auto sinceStart = [&started] {
         return static_cast<uint64_t>(
@@ -202,6 +238,8 @@ int main(int argc, char** argv) {
             return 2;
         }
         nvx::SetSendObserver([&](const nvx::BusMessage& m) { busLog.Write(sinceStart(), m); });
+        nvx::SetParamWriteObserver(
+            [&](const std::string& text) { busLog.WriteParameter(sinceStart(), text); });
     }
 
     void* module = dlopen(options.plugin.c_str(), RTLD_NOW | RTLD_LOCAL);
@@ -255,6 +293,7 @@ int main(int argc, char** argv) {
         _exit(3);
     }
     nvx::SetSendObserver(nullptr);
+    nvx::SetParamWriteObserver(nullptr);
     fflush(stdout);
     return startRc == 0 ? 0 : 1;
 }

@@ -1,8 +1,9 @@
 #!/usr/bin/env bash
-# Installs the Debian packages the build needs, when any is missing. Debian 12.
+# Installs the Debian packages the build needs, when any is missing. Debian 12. Further
+# package names given as arguments are installed the same way.
 set -euo pipefail
 
-packages=(cmake ninja-build g++ make pkg-config binutils libjsoncpp-dev libgtest-dev libgmock-dev libbenchmark-dev)
+packages=(cmake ninja-build g++ make pkg-config binutils libjsoncpp-dev libgtest-dev libgmock-dev libbenchmark-dev "$@")
 missing=()
 for p in "${packages[@]}"; do
   dpkg-query -W -f='${Status}' "$p" 2>/dev/null | grep -q "install ok installed" || missing+=("$p")

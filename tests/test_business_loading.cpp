@@ -1,0 +1,162 @@
+// Which businesses the configuration file enables, and what loading does with each.
+#include <stdlib.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <fstream>
+#include <list>
+#include <string>
+
+#include "CommonDefine.h"
+#include "CycleRunner.h"
+#include "TestSupport.h"
+#include "TruckServiceBase.h"
+
+namespace {
+
+std::list<BusinessLoadAttr_t> Parse(const std::string& text, int* result = nullptr) {
+    Json::Value root;
+    EXPECT_TRUE(ConvertStringToJson(text.data(), static_cast<unsigned int>(text.size()), root)) << text;
+    std::list<BusinessLoadAttr_t> out;
+    const int rc = CTruckServiceManage::basic_parse_basic_config(root, out);
+    if (result != nullptr) {
+        *result = rc;
+    }
+    return out;
+}
+
+std::string Element(const std::string& members) {
+    return "{\"BUSINESS_CONFIG\": [" + members + "]}";
+}
+
+class BusinessLoading : public DeviceTest {
+protected:
+    void SetUp() override {
+        DeviceTest::SetUp();
+        char dir[] = "/tmp/test_business_loading.XXXXXX";
+        ASSERT_NE(mkdtemp(dir), nullptr);
+        m_root = dir;
+        ASSERT_EQ(system(("mkdir -p " + m_root + "/usr/local/cfg").c_str()), 0);
+        nvx::SetSystemRoot(m_root);
+        config = MakeGlobalConfig();
+        manage = new CTruckServiceManage(&config);
+    }
+    void TearDown() override {
+        manage->basic_release();
+        nvx::SetSystemRoot("");
+        EXPECT_EQ(system(("rm -rf " + m_root).c_str()), 0);
+        DeviceTest::TearDown();
+    }
+    void WriteConfig(const std::string& text) {
+        std::ofstream(m_root + "/usr/local/cfg/truckbusiness.jsn") << text;
+    }
+    std::string m_root;
+    tagGlobalConfig config;
+    CTruckServiceManage* manage = nullptr;
+};
+
+class Placeholder : public CTruckServiceBase {
+public:
+    Placeholder(CTruckServiceManage* manage, unsigned int id)
+        : CTruckServiceBase(manage, manage->basic_get_msg_client(), id, const_cast<char*>("placeholder"), 0,
+                            NoParam()) {}
+
+private:
+    static Json::Value& NoParam() {
+        static Json::Value none;
+        return none;
+    }
+};
+
+}  // namespace
+
+TEST_F(BusinessLoading, OnlyTheLowerCaseStringTrueEnablesAnElement) {
+    const std::list<BusinessLoadAttr_t> out = Parse(Element(
+        R"({"BUSINESS_ENABLE": true, "BUSINESS_ID": 1},
+           {"BUSINESS_ENABLE": "TRUE", "BUSINESS_ID": 2},
+           {"BUSINESS_ENABLE": 1, "BUSINESS_ID": 3},
+           {"BUSINESS_ID": 4},
+           {"BUSINESS_ENABLE": "true", "BUSINESS_ID": "7"},
+           {"BUSINESS_ENABLE": "true"},
+           "true", 17,
+           {"BUSINESS_ENABLE": "true", "BUSINESS_ID": 7})"));
+    ASSERT_EQ(out.size(), 1u);
+    EXPECT_EQ(out.front().id, 7u);
+    EXPECT_EQ(out.front().bEnable, 1);
+    EXPECT_EQ(out.front().type, 0);
+}
+
+TEST_F(BusinessLoading, NamesThreadsAndParametersTakeTheirDefaults) {
+    const std::list<BusinessLoadAttr_t> out = Parse(Element(
+        R"({"BUSINESS_ENABLE": "true", "BUSINESS_ID": 7},
+           {"BUSINESS_ENABLE": "true", "BUSINESS_ID": -2, "BUSINESS_NAME": 5, "BUSINESS_THREAD": true},
+           {"BUSINESS_ENABLE": "true", "BUSINESS_ID": 8, "BUSINESS_NAME": "osd_business_with_a_long_name_xyz",
+            "BUSINESS_THREAD": "true", "BUSINESS_PARAM": {"A": [1, 2]}},
+           {"BUSINESS_ENABLE": "true", "BUSINESS_ID": 9, "BUSINESS_THREAD": "false"})"));
+    ASSERT_EQ(out.size(), 4u);
+    auto it = out.begin();
+    EXPECT_STREQ(it->name, "default_business_7");
+    EXPECT_EQ(it->bThread, 0);
+    EXPECT_TRUE(it->param.isNull());
+    ++it;
+    EXPECT_STREQ(it->name, "default_business_-2");
+    EXPECT_EQ(it->bThread, 0) << "a boolean true is not the string";
+    ++it;
+    EXPECT_STREQ(it->name, "osd_business_with_a_long_name_x");
+    EXPECT_EQ(it->bThread, 1);
+    EXPECT_EQ(it->param["A"][1].asInt(), 2);
+    ++it;
+    EXPECT_EQ(it->bThread, 0);
+}
+
+TEST_F(BusinessLoading, ADocumentWithoutAnArrayIsRefusedAndAnEmptyOneIsQuiet) {
+    for (const char* text : {"[1, 2]", "{}", R"({"BUSINESS_CONFIG": {"BUSINESS_ID": 7}})", "7"}) {
+        int rc = 0;
+        EXPECT_TRUE(Parse(text, &rc).empty());
+        EXPECT_EQ(rc, -1) << text;
+    }
+    EXPECT_TRUE(Logged("TRUCK", 1, "Config json error or config_size <= 0\n"));
+
+    nvx::StartLogCapture();
+    int rc = -1;
+    EXPECT_TRUE(Parse(R"({"BUSINESS_CONFIG": []})", &rc).empty());
+    EXPECT_EQ(rc, 0);
+    EXPECT_TRUE(nvx::CapturedLogs().empty());
+}
+
+TEST_F(BusinessLoading, AMissingOrBrokenFileLoadsNothing) {
+    EXPECT_EQ(manage->basic_load_business(), -1);
+    EXPECT_TRUE(Logged("TRUCK", 1, "Get basic config json failed [/usr/local/cfg/truckbusiness.jsn]\n"));
+    WriteConfig(R"({"BUSINESS_CONFIG": [{"BUSINESS_ENABLE": "true", "BUSINESS_ID": 7)");
+    nvx::StartLogCapture();
+    EXPECT_EQ(manage->basic_load_business(), -1);
+    EXPECT_TRUE(Logged("TRUCK", 1, "Get basic config json failed [/usr/local/cfg/truckbusiness.jsn]\n"));
+}
+
+TEST_F(BusinessLoading, UnknownAndDuplicateIdsAreLoggedAndLoadingGoesOn) {
+    auto* placeholder = new Placeholder(manage, 5);
+    ASSERT_EQ(manage->basic_register_business(5, placeholder), 0);
+    WriteConfig(Element(R"({"BUSINESS_ENABLE": "true", "BUSINESS_ID": 3, "BUSINESS_NAME": "nobody"},
+                           {"BUSINESS_ENABLE": "true", "BUSINESS_ID": 5, "BUSINESS_NAME": "again"},
+                           {"BUSINESS_ENABLE": "true", "BUSINESS_ID": 4})"));
+    EXPECT_EQ(manage->basic_load_business(), 0);
+    EXPECT_TRUE(Logged("TRUCK", 2, "Create business instance failed, id = 3, name = nobody\n"));
+    EXPECT_TRUE(Logged("TRUCK", 2, "Business id[5, again] is alardy created, and continue\n"));
+    EXPECT_TRUE(Logged("TRUCK", 2, "Create business instance failed, id = 4, name = default_business_4\n"));
+}
+
+TEST_F(BusinessLoading, TheMainCycleLoadsOnItsFirstPassOnly) {
+    WriteConfig(Element(R"({"BUSINESS_ENABLE": "true", "BUSINESS_ID": 3, "BUSINESS_NAME": "first_pass"})"));
+    CycleRunner runner(manage);
+    auto loaded = [](const nvx::LogLine& line) {
+        return line.text == "Create business instance failed, id = 3, name = first_pass\n";
+    };
+    EXPECT_TRUE(nvx::WaitForLog(loaded, kGenerousMs));
+    EXPECT_TRUE(nvx::WaitForWatchdogFeeds("truckbusiness.02", 5, kGenerousMs));
+    manage->basic_uninit();
+    int times = 0;
+    for (const nvx::LogLine& line : nvx::CapturedLogs()) {
+        times += loaded(line) ? 1 : 0;
+    }
+    EXPECT_EQ(times, 1);
+}

@@ -1,0 +1,168 @@
+// Device and system information: the system configuration, the kernel command line, the
+// serial number with its board type, and the state that businesses share through the manager.
+#include <stdlib.h>
+#include <string.h>
+
+#include <fstream>
+#include <string>
+#include <thread>
+#include <vector>
+
+#include "CycleRunner.h"
+#include "TestSupport.h"
+
+namespace {
+
+class DeviceInfo : public DeviceTest {
+protected:
+    void SetUp() override {
+        DeviceTest::SetUp();
+        char dir[] = "/tmp/test_device_info.XXXXXX";
+        ASSERT_NE(mkdtemp(dir), nullptr);
+        m_root = dir;
+        ASSERT_EQ(system(("mkdir -p " + m_root + "/usr/local/cfg " + m_root + "/proc").c_str()), 0);
+        nvx::SetSystemRoot(m_root);
+        config = MakeGlobalConfig();
+        manage = new CTruckServiceManage(&config);
+    }
+    void TearDown() override {
+        manage->basic_release();
+        nvx::SetSystemRoot("");
+        EXPECT_EQ(system(("rm -rf " + m_root).c_str()), 0);
+        DeviceTest::TearDown();
+    }
+    void Write(const std::string& devicePath, const std::string& bytes) {
+        std::ofstream(m_root + devicePath, std::ios::binary) << bytes;
+    }
+    std::string m_root;
+    tagGlobalConfig config;
+    CTruckServiceManage* manage = nullptr;
+};
+
+}  // namespace
+
+TEST_F(DeviceInfo, SystemConfigurationIsKeptWholeOrNotAtAll) {
+    const std::string path = m_root + "/usr/local/cfg/SYSTEM_CONFIG";
+    EXPECT_EQ(manage->BasicAnalyzeSystemconfig(), -1);
+    EXPECT_TRUE(Logged("TRUCK", 2, "Get system config json failed [" + path + "]\n\n\n"));
+
+    Write("/usr/local/cfg/SYSTEM_CONFIG", "{\"CUSTOMER_NAME\": \"" + std::string(40, 'c') + "\"}");
+    EXPECT_EQ(manage->BasicAnalyzeSystemconfig(), 0);
+    EXPECT_TRUE(Logged("TRUCK", 3, "Get system config json succ [" + path + "]\n\n\n"));
+    EXPECT_EQ(manage->BasicGetCustomerName(), std::string(31, 'c'));
+
+    // A document that breaks off half way must not leave its first half behind.
+    Write("/usr/local/cfg/SYSTEM_CONFIG", "{\"CUSTOMER_NAME\": \"ACME\", \"N\": ");
+    EXPECT_EQ(manage->BasicAnalyzeSystemconfig(), -1);
+    EXPECT_TRUE(manage->BasicGetSystemConfig().isNull());
+    EXPECT_EQ(manage->BasicGetCustomerName(), "");
+
+    for (const char* text :
+         {"[\"CUSTOMER_NAME\"]", "{\"CUSTOMER_NAME\": 7}", "{\"CUSTOMER_NAME\": \"\"}", "{}"}) {
+        Write("/usr/local/cfg/SYSTEM_CONFIG", text);
+        EXPECT_EQ(manage->BasicAnalyzeSystemconfig(), 0) << text;
+        EXPECT_EQ(manage->BasicGetCustomerName(), "") << text;
+    }
+    EXPECT_FALSE(manage->BasicGetSystemConfig().isMember("CUSTOMER_NAME")) << "asking must not add the name";
+}
+
+TEST_F(DeviceInfo, CommandLineValuesNeedTheirEndMarkAndDigitsOnly) {
+    struct Case {
+        std::string text;
+        unsigned int flashSize, chipType;
+    };
+    const std::vector<Case> cases = {
+        {"console=ttyS0 flashsize=16M chiptype=3 mem=64M", 16, 3},
+        {"chiptype=12 flashsize=16MB", 16, 12},
+        {"flashsize=0x10 chiptype=3\n", 0, 0},   // no unit at all; no space after the chip type
+        {"flashsize=128m chiptype=7 ", 128, 7},  // a small m only when no capital M follows
+        {"flashsize=32m mem=64M", 0, 0},         // the capital M comes first and wins
+        {"flashsize=M chiptype= end", 0, 0},     // empty values read as 0
+        {"flashsize=" + std::string(126, '0') + "5M", 5, 0},
+        {"flashsize=" + std::string(127, '0') + "5M", 0, 0},
+        {"flashsize=99999999999M chiptype=-1 ", 0xFFFFFFFFu, 0},
+    };
+    for (const Case& c : cases) {
+        unsigned int flashSize = 77, chipType = 77;
+        CTruckServiceManage::basic_parse_cmdline(c.text.c_str(), flashSize, chipType);
+        EXPECT_EQ(flashSize, c.flashSize) << c.text;
+        EXPECT_EQ(chipType, c.chipType) << c.text;
+    }
+}
+
+TEST_F(DeviceInfo, CommandLineFileIsReadUpToItsFirst512BytesOrFirstNul) {
+    EXPECT_EQ(manage->GetChipInfo(), -1);
+    EXPECT_TRUE(Logged("TRUCK", 0, "Can't open /proc/cmdline\n"));
+
+    Write("/proc/cmdline", "flashsize=16M " + std::string(490, 'x') + "chiptype=5 ");
+    EXPECT_EQ(manage->GetChipInfo(), 0);
+    EXPECT_EQ(manage->basic_get_chip_info().uiFlashSize, 16u);
+    EXPECT_EQ(manage->basic_get_chip_info().uiChipType, 0u) << "the chip type lies past byte 512";
+
+    Write("/proc/cmdline", std::string("chiptype=4 flashsize=8M\0chiptype=9 ", 35));
+    EXPECT_EQ(manage->GetChipInfo(), 0);
+    EXPECT_EQ(manage->basic_get_chip_info().uiChipType, 4u);
+}
+
+TEST_F(DeviceInfo, SerialNumberIsAskedForUntilGivenThenBoardTypeAndReadiness) {
+    config.uiProductType = 20;
+    nvx::DeviceProfile profile;
+    profile.serialNumber = "1A8B0123456789ABCDEF";
+    nvx::SetDeviceProfile(profile);
+    nvx::SetSerialNumberFailures(2);
+    Write("/proc/cmdline", "flashsize=16M chiptype=3 mem=64M");
+
+    for (int second = 0; second < 2; ++second) {
+        manage->BasicGetDeviceInfo();
+        EXPECT_EQ(manage->basic_get_serialnumber_info()->bValid, 0u);
+        EXPECT_EQ(manage->basic_get_chip_info().uiDeviceInfoReady, 0u);
+    }
+    manage->BasicGetDeviceInfo();
+    manage->BasicGetDeviceInfo();
+    EXPECT_EQ(nvx::CallCount("JQ_SDK_Device_GetDeviceSerialNumber"), 3u) << "not asked again once known";
+    EXPECT_STREQ(manage->basic_get_serialnumber_info()->szSerialNumber, "1A8B0123456789A");
+    EXPECT_EQ(manage->basic_get_chip_info().mainBoardType, 132u);
+    EXPECT_EQ(manage->basic_get_chip_info().uiDeviceInfoReady, 1u);
+    EXPECT_TRUE(Logged("TRUCK", 3, "get SerialNumber.1A8B0123456789A mainBoardType.132\n"));
+
+    unsigned int product = 0, board = 0;
+    EXPECT_EQ(manage->GetProductInfoFromAuthSerial("7E0A", product, board), 0);
+    EXPECT_EQ(product * 1000 + board, 126010u) << "126 is folded on boards only";
+    manage->GetProductInfoFromAuthSerial("3C", product, board);
+    EXPECT_EQ(product * 1000 + board, 60010u) << "a missing pair keeps its value";
+    config.uiProductType = 7;
+    manage->GetProductInfoFromAuthSerial("1A8B", product, board);
+    EXPECT_EQ(board, 139u);
+}
+
+TEST_F(DeviceInfo, RemoteTaskBitsAreIndependentAndOnlyZeroTo31Exist) {
+    for (int type : {0, 5, 9, 31, 32, 40, -1}) {
+        EXPECT_EQ(manage->SetRemoteTaskListState(type, true), 0);
+    }
+    manage->SetRemoteTaskListState(9, false);
+    manage->SetRemoteTaskListState(40, false);
+    for (int type = -1; type < 41; ++type) {
+        EXPECT_EQ(manage->GetRemoteTastListState(type), type == 0 || type == 5 || type == 31) << type;
+    }
+}
+
+TEST_F(DeviceInfo, AlarmStateIsCopiedAndAlwaysReadWhole) {
+    ChnAlarmState_t a, b;
+    memset(&a, 0x11, sizeof(a));
+    memset(&b, 0x22, sizeof(b));
+    manage->SetChannelAlarmState(a);
+    std::thread writer([&] {
+        for (int i = 0; i < 5000; ++i) {
+            manage->SetChannelAlarmState(i % 2 == 0 ? b : a);
+        }
+    });
+    int torn = 0;
+    for (int i = 0; i < 5000; ++i) {
+        const ChnAlarmState_t seen = manage->GetChannelAlarmState();
+        torn += memcmp(&seen, &a, sizeof(seen)) != 0 && memcmp(&seen, &b, sizeof(seen)) != 0;
+    }
+    writer.join();
+    EXPECT_EQ(torn, 0);
+    memset(&a, 0x33, sizeof(a));  // the manager keeps its own copy
+    EXPECT_EQ(manage->GetChannelAlarmState().aucState[31], 0x11);
+}

@@ -1,0 +1,161 @@
+// The storage root directory as the storage service reports it, the paths built below it,
+// and the peripheral block taken from its file.
+#include <stdlib.h>
+#include <string.h>
+
+#include <atomic>
+#include <fstream>
+#include <string>
+#include <thread>
+#include <vector>
+
+#include "CycleRunner.h"
+#include "TestSupport.h"
+
+namespace {
+
+class StoragePath : public DeviceTest {
+protected:
+    void SetUp() override {
+        DeviceTest::SetUp();
+        char dir[] = "/tmp/test_storage_path.XXXXXX";
+        ASSERT_NE(mkdtemp(dir), nullptr);
+        m_root = dir;
+        ASSERT_EQ(system(("mkdir -p " + m_root + "/usr/local/cfg").c_str()), 0);
+        nvx::SetSystemRoot(m_root);
+        config = MakeGlobalConfig();
+        manage = new CTruckServiceManage(&config);
+        JQ_SDK_Storage_MonitorFuseStatus(callback_basic_request_storage_mntputh, manage, 0);
+    }
+    void TearDown() override {
+        JQ_SDK_Storage_MonitorFuseStatus(nullptr, manage, 0);
+        manage->basic_release();
+        nvx::SetSystemRoot("");
+        EXPECT_EQ(system(("rm -rf " + m_root).c_str()), 0);
+        DeviceTest::TearDown();
+    }
+    std::string Root(const char* subPath = "", int outLen = 64) {
+        char out[64] = "";
+        const int rc = manage->basic_get_normal_file_root_dir(subPath, out, outLen);
+        return rc == 0 ? std::string(out) : "rc " + std::to_string(rc);
+    }
+    static int CountLogged(const std::string& text) {
+        int count = 0;
+        for (const nvx::LogLine& line : nvx::CapturedLogs()) {
+            count += line.text == text;
+        }
+        return count;
+    }
+    std::string m_root;
+    tagGlobalConfig config;
+    CTruckServiceManage* manage = nullptr;
+};
+
+}  // namespace
+
+TEST_F(StoragePath, PathsAreBuiltBelowAUsableMountOnlyAndCutToTheBuffer) {
+    char out[64];
+    memset(out, 'Q', sizeof(out));
+    EXPECT_EQ(manage->basic_get_normal_file_root_dir("log", out, sizeof(out)), -10);
+    EXPECT_EQ(std::string(out, sizeof(out)), std::string(64, 'Q'));
+    EXPECT_TRUE(Logged("TRUCK", 3, "param error result : -10, mntPath =  \n"));
+
+    nvx::SetStorageMount(0, "/mnt/hd1");
+    manage->basic_request_storage_mntputh();
+    ASSERT_TRUE(nvx::WaitForStorageIdle(kGenerousMs));
+    EXPECT_EQ(Root("log"), "/mnt/hd1/log");
+    EXPECT_EQ(manage->basic_get_normal_file_root_dir(out, sizeof(out)), 0);
+    EXPECT_STREQ(out, "/mnt/hd1/");
+    memset(out, 'Q', sizeof(out));
+    EXPECT_EQ(manage->basic_get_normal_file_root_dir("log", out, 5), 0);
+    EXPECT_EQ(std::string(out, 6), std::string("/mnt\0Q", 6));
+
+    EXPECT_EQ(Root("log", 0) + Root(nullptr) + Root("log", -1), "rc -1rc -1rc -1");
+    EXPECT_TRUE(Logged("TRUCK", 1, "param error length = 0 \n"));
+    EXPECT_TRUE(Logged("TRUCK", 1, "param error length = 64 \n"));
+    EXPECT_EQ(manage->basic_get_normal_file_root_dir("log", nullptr, 64), -1);
+}
+
+TEST_F(StoragePath, OnlyAChangedRecordReplacesThePathAndIsLogged) {
+    nvx::InjectStorageReport(0, "/mnt/hd1");
+    nvx::InjectStorageReport(0, "/mnt/hd1");
+    tag_fuseMntPathAck ack;  // the same path with other bytes behind its end
+    memset(&ack, 0, sizeof(ack));
+    memcpy(ack.szMntPath, "/mnt/hd1\0old", 12);
+    nvx::InjectStorageRaw(&ack, sizeof(ack));
+    nvx::InjectStorageReport(3, "/mnt/hd1");
+    ASSERT_TRUE(nvx::WaitForStorageIdle(kGenerousMs));
+    EXPECT_EQ(CountLogged("m_fuseMntPath result = 0, mntPath = /mnt/hd1\n"), 2);
+    EXPECT_TRUE(Logged("TRUCK", 3, "m_fuseMntPath result = 3, mntPath = /mnt/hd1\n"));
+    EXPECT_EQ(Root("log"), "rc 3");
+    EXPECT_TRUE(Logged("TRUCK", 3, "param error result : 3, mntPath = /mnt/hd1 \n"));
+}
+
+TEST_F(StoragePath, MalformedReportsAreLoggedAndLeaveThePath) {
+    nvx::InjectStorageReport(0, "/mnt/hd1");
+    const std::vector<char> bytes(37, 'A');
+    nvx::InjectStorageRaw(bytes.data(), 35);
+    nvx::InjectStorageRaw(bytes.data(), 37);
+    nvx::InjectStorageRaw(nullptr, 36);
+    ASSERT_TRUE(nvx::WaitForStorageIdle(kGenerousMs));
+    for (int length : {35, 37, 36}) {
+        EXPECT_TRUE(
+            Logged("TRUCK", 1, "storage callback param error, length = " + std::to_string(length) + "\n"));
+    }
+    EXPECT_EQ(Root(), "/mnt/hd1/");
+
+    // A path that fills its 32 bytes without an end is taken as those 32 characters.
+    tag_fuseMntPathAck ack;
+    memset(&ack, 'A', sizeof(ack));
+    ack.iResult = 0;
+    nvx::InjectStorageRaw(&ack, sizeof(ack));
+    ASSERT_TRUE(nvx::WaitForStorageIdle(kGenerousMs));
+    EXPECT_EQ(Root("x"), std::string(32, 'A') + "/x");
+    EXPECT_TRUE(Logged("TRUCK", 3, "m_fuseMntPath result = 0, mntPath = " + std::string(32, 'A') + "\n"));
+}
+
+TEST_F(StoragePath, ReadersAlwaysSeeOneWholeMountPath) {
+    nvx::InjectStorageReport(0, "/mnt/hd1");
+    ASSERT_TRUE(nvx::WaitForStorageIdle(kGenerousMs));
+    std::thread platform([] {
+        for (int i = 0; i < 2000; ++i) {
+            nvx::InjectStorageReport(0, i % 2 == 0 ? "/mnt/sd_card_two" : "/mnt/hd1");
+        }
+    });
+    std::atomic<int> mixed{0};
+    auto reader = [&] {
+        for (int i = 0; i < 20000; ++i) {
+            const std::string root = Root();
+            mixed += root != "/mnt/hd1/" && root != "/mnt/sd_card_two/";
+        }
+    };
+    std::thread first(reader), second(reader);
+    platform.join();
+    first.join();
+    second.join();
+    ASSERT_TRUE(nvx::WaitForStorageIdle(kGenerousMs));
+    EXPECT_EQ(mixed.load(), 0);
+}
+
+TEST_F(StoragePath, PeripheralBlockTakesWhatTheFileHasAndNeverReadsPastItsEnd) {
+    const std::string path = m_root + "/usr/local/cfg/serialconfig.bsn";
+    auto load = [&](const std::string& bytes) {
+        std::ofstream(path, std::ios::binary) << bytes;
+        manage->basic_load_peripheral_config();
+        return std::string(reinterpret_cast<char*>(manage->basic_get_peripheral_config()),
+                           kPeripheralConfigSize);
+    };
+    const std::string zero(kPeripheralConfigSize, '\0');
+    EXPECT_EQ(manage->basic_load_peripheral_config(), 0);
+    EXPECT_EQ(load(""), zero);
+    EXPECT_EQ(CountLogged("load peripheral config file[" + path + "] failed\n"), 2) << "missing, then empty";
+
+    // Ends on a page boundary: a copy of the whole block would touch the page past the file.
+    std::string bytes(4096, '\0');
+    for (size_t i = 0; i < bytes.size(); ++i) {
+        bytes[i] = static_cast<char>(i * 7 + 1);
+    }
+    EXPECT_EQ(load(bytes), bytes + zero.substr(bytes.size()));
+    EXPECT_TRUE(Logged("TRUCK", 4, "load peripheral config file[" + path + "] success\n"));
+    EXPECT_EQ(load(std::string(8000, 'p')), std::string(kPeripheralConfigSize, 'p'));
+}

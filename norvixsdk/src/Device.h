@@ -30,6 +30,13 @@ void ResetIdentity();
 void ResetStorage();
 void ResetParamStore();
 
+// The parameter store: loaded by the global SDK's initialisation from the control's source
+// file, else from `devicePath` under the system root, and saved to that device path. Stopped
+// by its deinitialisation: listeners and undelivered texts are dropped, and a callback that
+// is running is waited for.
+void LoadParamStore(const char* devicePath);
+void StopParamStore();
+
 // Starts and stops the watchdog monitor (the platform's service thread).
 void StartWatchdogMonitor();
 void StopWatchdogMonitor();

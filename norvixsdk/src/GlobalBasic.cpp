@@ -28,6 +28,7 @@ tagGlobalConfig* JQ_SDK_Global_Initialize(const char* path) {
         return nullptr;
     }
     const nvx::DeviceProfile profile = nvx::GetDeviceProfile();
+    nvx::detail::LoadParamStore(path);
     std::lock_guard<std::mutex> lock(g_mutex);
     memset(&g_config, 0, sizeof(g_config));
     g_config.uiProductType = profile.productType;
@@ -53,6 +54,7 @@ int JQ_SDK_Global_StartService(tagGlobalConfig* config) {
 int JQ_SDK_Global_Deinitialize(void) {
     nvx::detail::CountCall("JQ_SDK_Global_Deinitialize");
     nvx::detail::StopWatchdogMonitor();
+    nvx::detail::StopParamStore();
     std::lock_guard<std::mutex> lock(g_mutex);
     g_initialised = false;
     return 0;

@@ -76,7 +76,9 @@ int OsUtilsCreateThread(pthread_t* handle, OsUtilsThreadEntry entry, void* arg, 
     }
     if (stackSize != 0) {
         // Sanitizer builds need more stack than the device gives; never go below the minimum.
-        size_t size = stackSize < PTHREAD_STACK_MIN ? PTHREAD_STACK_MIN : stackSize;
+        size_t size = static_cast<size_t>(stackSize) < static_cast<size_t>(PTHREAD_STACK_MIN)
+                          ? static_cast<size_t>(PTHREAD_STACK_MIN)
+                          : stackSize;
 #if defined(__SANITIZE_ADDRESS__) || defined(__SANITIZE_THREAD__)
         size *= 4;
 #endif

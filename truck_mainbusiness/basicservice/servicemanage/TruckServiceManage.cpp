@@ -28,6 +28,9 @@ const size_t kSystemLogHeader = 8;
 
 // Process-wide: the tick of the last once-a-second step of the main cycle.
 std::atomic<unsigned long long> s_ullLastWriteTick{0};
+// Set once the main cycle's first pass has loaded the businesses. Cleared by every new
+// manager, so that a start after a stop loads the businesses again instead of running none.
+std::atomic<unsigned char> s_ucBusinessLoaded{0};
 // Managers not yet destroyed, counting one that outlived its stop.
 std::atomic<int> s_iLiveManages{0};
 
@@ -170,19 +173,19 @@ int CTruckService::ServeStop(tag_ServiceParam* param) {
     manage->basic_uninit();
     param->ucRunning.store(0);
 
+    // The global SDK goes down before the businesses do: its parameter thread may still be
+    // about to call a business's watch, and deinitialising drops every watch and waits for a
+    // call in progress, so nothing reaches a business once it is destroyed.
+    JQ_SDK_Global_Deinitialize();
+
     // Threads that have written their stopped state still have to let go of the manager;
-    // wait for that, so that the manager normally dies here, before the global SDK goes down.
-    // A thread that overran its stop wait keeps the manager, and with it the SDK, alive: the
-    // manager then dies with that thread and the SDK stays up.
-    const bool sole =
-        manage->basic_threads_stopped() && manage->basic_wait_sole_holder(kStopPolls * kStopPollMs);
+    // wait for that, so that the manager normally dies here. A thread that overran its stop
+    // wait keeps the manager alive, and the manager then dies with that thread.
+    if (!(manage->basic_threads_stopped() && manage->basic_wait_sole_holder(kStopPolls * kStopPollMs))) {
+        TRUCK_LOG(1, "Service manage still in use by a thread, it goes when the thread ends\n");
+    }
     m_pServiceManage = nullptr;
     manage->basic_release();
-    if (!sole) {
-        TRUCK_LOG(1, "Service manage still in use by a thread, it goes when the thread ends\n");
-        return 0;
-    }
-    JQ_SDK_Global_Deinitialize();
     return 0;
 }
 
@@ -213,6 +216,7 @@ CTruckServiceManage::CTruckServiceManage(tagGlobalConfig* globalConfig)
       m_basicSDKHandle(nullptr),
       m_iHolders(1) {
     s_iLiveManages.fetch_add(1);
+    s_ucBusinessLoaded.store(0);
     memset(m_peripheralConfig, 0, sizeof(m_peripheralConfig));
     memset(&m_serialNumberInfo, 0, sizeof(m_serialNumberInfo));
     memset(&m_chnAlarmState, 0, sizeof(m_chnAlarmState));
@@ -233,6 +237,8 @@ CTruckServiceManage::CTruckServiceManage(tagGlobalConfig* globalConfig)
 }
 
 CTruckServiceManage::~CTruckServiceManage() {
+    // The storage service must not report into a manager that is gone.
+    JQ_SDK_Storage_MonitorFuseStatus(nullptr, this, 0);
     for (auto& entry : m_mapBusiness) {
         delete entry.second;
         entry.second = nullptr;
@@ -290,6 +296,8 @@ int CTruckServiceManage::basic_register_business(unsigned int id, CTruckServiceB
 }
 
 int CTruckServiceManage::basic_init() {
+    basic_load_peripheral_config();
+    BasicAnalyzeSystemconfig();
     m_basicSDKHandle.store(JQ_SDK_Basic_Initialize(0, 0));
     if (m_basicSDKHandle.load() == nullptr) {
         TRUCK_LOG(0, "JQ_SDK_Basic_Initialize failed.\n");
@@ -310,8 +318,16 @@ int CTruckServiceManage::basic_thread_cycle(tag_ServiceParam* param) {
         m_pMsgClient->MSGWaitForEvent(50);
         m_pMsgClient->MSGFeedWatchDog(now);
 
+        if (s_ucBusinessLoaded.load() == 0) {
+            basic_load_business();
+            basic_request_storage_mntputh();
+            JQ_SDK_Storage_MonitorFuseStatus(callback_basic_request_storage_mntputh, this, 0);
+            s_ucBusinessLoaded.store(1);
+        }
+
         if (TickDistance(now, s_ullLastWriteTick.load()) > 999) {
             s_ullLastWriteTick.store(now);
+            BasicGetDeviceInfo();
             basic_system_log_write();
         }
 

@@ -1,0 +1,104 @@
+// Business configuration and loading: which businesses run, under which names, on which
+// thread and with which parameters, and the factory that maps a business id to its class.
+#include <stdio.h>
+#include <string.h>
+
+#include "CommonDefine.h"
+#include "TruckServiceBase.h"
+#include "TruckServiceManage.h"
+
+#define TRUCK_LOG_SOURCE "truck_mainbusiness/basicservice/servicemanage/TruckServiceManage"
+
+namespace {
+const char kBusinessConfigPath[] = "/usr/local/cfg/truckbusiness.jsn";
+
+bool IsStringTrue(const Json::Value& element, const char* key) {
+    return JsonUtils::IsStringMember(element, key) && element[key].asString() == "true";
+}
+}  // namespace
+
+CTruckServiceBase* CreateBusinessInstance(CTruckServiceManage* /*manager*/, CMsgClientManage* /*client*/,
+                                          unsigned int /*id*/, char* /*name*/, unsigned char /*type*/,
+                                          Json::Value& /*param*/) {
+    return nullptr;
+}
+
+int CTruckServiceManage::basic_analyze_basic_config(std::list<BusinessLoadAttr_t>& out) {
+    const std::string path = TruckDevicePath(kBusinessConfigPath);
+    if (LoadJsonFile(path.c_str(), m_businessConfig) != 0) {
+        TRUCK_LOG(1, "Get basic config json failed [%s]\n", kBusinessConfigPath);
+        return -1;
+    }
+    return basic_parse_basic_config(m_businessConfig, out);
+}
+
+int CTruckServiceManage::basic_parse_basic_config(const Json::Value& root,
+                                                  std::list<BusinessLoadAttr_t>& out) {
+    if (!JsonUtils::IsArrayMember(root, "BUSINESS_CONFIG")) {
+        TRUCK_LOG(1, "Config json error or config_size <= 0\n");
+        return -1;
+    }
+    const Json::Value& elements = root["BUSINESS_CONFIG"];
+    for (Json::ArrayIndex i = 0; i < elements.size(); ++i) {
+        const Json::Value& element = elements[i];
+        // Every test below is a member test, which is false for an element that is not an
+        // object, so such an element is skipped like a disabled one.
+        if (!IsStringTrue(element, "BUSINESS_ENABLE") || !JsonUtils::IsIntMember(element, "BUSINESS_ID")) {
+            continue;
+        }
+        BusinessLoadAttr_t attr;
+        attr.id = static_cast<unsigned int>(element["BUSINESS_ID"].asInt());
+        attr.type = 0;
+        attr.bEnable = 1;
+        attr.bThread = IsStringTrue(element, "BUSINESS_THREAD") ? 1 : 0;
+        if (JsonUtils::IsStringMember(element, "BUSINESS_NAME")) {
+            StringCopy(attr.name, sizeof(attr.name), element["BUSINESS_NAME"].asCString());
+        } else {
+            memset(attr.name, 0, sizeof(attr.name));
+            snprintf(attr.name, sizeof(attr.name), "default_business_%d", static_cast<int>(attr.id));
+        }
+        attr.param = element.isMember("BUSINESS_PARAM") ? element["BUSINESS_PARAM"] : Json::Value();
+        out.push_back(attr);
+    }
+    return 0;
+}
+
+int CTruckServiceManage::basic_load_business() {
+    std::list<BusinessLoadAttr_t> businesses;
+    if (basic_analyze_basic_config(businesses) != 0) {
+        return -1;
+    }
+    for (BusinessLoadAttr_t& attr : businesses) {
+        Json::Value document(Json::objectValue);
+        document["MAIN_PARAM"] = attr.param;
+        basic_start_business(attr.id, attr.name, attr.type, attr.bThread != 0, document);
+    }
+    return 0;
+}
+
+int CTruckServiceManage::basic_start_business(unsigned int id, char* name, unsigned char type, bool bThread,
+                                              Json::Value& param) {
+    if (m_mapBusiness.count(id) != 0) {
+        TRUCK_LOG(2, "Business id[%d, %s] is alardy created, and continue\n", static_cast<int>(id), name);
+        return 0;
+    }
+    CTruckServiceBase* business =
+        CreateBusinessInstance(this, bThread ? nullptr : m_pMsgClient, id, name, type, param);
+    if (business == nullptr) {
+        TRUCK_LOG(2, "Create business instance failed, id = %d, name = %s\n", static_cast<int>(id), name);
+        return -1;
+    }
+    if (business->business_start() != 0) {
+        TRUCK_LOG(0, "Create business instance failed, id = %d, name = %s\n", static_cast<int>(id), name);
+        // A business that failed its start never runs: undo what its init registered and let
+        // it go, rather than keep an object nobody owns.
+        business->business_stop();
+        delete business;
+        return -1;
+    }
+    m_mapBusiness[id] = business;
+    TRUCK_LOG(1, "Create business instance, id = %d, name = %s, type = %d, bThread = %d, size = %d\n",
+              static_cast<int>(id), name, static_cast<int>(type), bThread ? 1 : 0,
+              static_cast<int>(m_mapBusiness.size()));
+    return 0;
+}
