@@ -11,6 +11,9 @@ extern "C" {
 int JQ_LOG_Output(const char* module, int level, const char* file, const char* func, int line,
                   const char* format, ...) __attribute__((format(printf, 6, 7)));
 
+// A line without module tag, source file, function or line.
+int JQ_LOG_Format(int level, const char* format, ...) __attribute__((format(printf, 2, 3)));
+
 #ifdef __cplusplus
 }
 #endif

@@ -7,8 +7,8 @@
 
 // The storage service's report.
 typedef struct tag_fuseMntPathAck {
-    int32_t iResult;       // 0: the mount path is valid; otherwise the service's status code
-    char szMntPath[32];    // NUL-terminated directory path
+    int32_t iResult;     // 0: the mount path is valid; otherwise the service's status code
+    char szMntPath[32];  // NUL-terminated directory path
 } tag_fuseMntPathAck;
 static_assert(sizeof(tag_fuseMntPathAck) == 36, "storage report is 36 bytes");
 static_assert(offsetof(tag_fuseMntPathAck, szMntPath) == 4, "mount path at 4");

@@ -17,4 +17,7 @@ unsigned long long OsUtilsGetTickCount(void);
 
 void OsUtilsSleep(unsigned int ms);
 
+// Monotonic whole seconds since an arbitrary origin (boot); never jumps with the wall clock.
+unsigned int OsUtilsGetSeconds(void);
+
 #endif

@@ -22,5 +22,6 @@ int JQ_SDK_DateTime_GetLocalBrokendownTime(tagDateTime* dateTime) {
     dateTime->ucHour = static_cast<uint8_t>(parts.tm_hour);
     dateTime->ucMinute = static_cast<uint8_t>(parts.tm_min);
     dateTime->ucSecond = static_cast<uint8_t>(parts.tm_sec);
+    dateTime->ucWeek = static_cast<uint8_t>(parts.tm_wday);
     return 0;
 }

@@ -94,39 +94,41 @@ void ResetLog() {
 
 }  // namespace nvx
 
-extern "C" int JQ_LOG_Output(const char* module, int level, const char* file, const char* func, int line,
-                             const char* format, ...) {
-    nvx::LogLine entry;
-    entry.module = module != nullptr ? module : "";
-    entry.level = level;
-    entry.file = file != nullptr ? file : "";
-    entry.func = func != nullptr ? func : "";
-    entry.line = line;
-    if (format != nullptr) {
-        char small[512];
-        va_list args;
-        va_start(args, format);
-        va_list again;
-        va_copy(again, args);
-        int needed = vsnprintf(small, sizeof(small), format, args);
-        va_end(args);
-        if (needed >= static_cast<int>(sizeof(small))) {
-            std::string big(static_cast<size_t>(needed) + 1, '\0');
-            vsnprintf(&big[0], big.size(), format, again);
-            big.resize(static_cast<size_t>(needed));
-            entry.text = std::move(big);
-        } else if (needed > 0) {
-            entry.text.assign(small, static_cast<size_t>(needed));
-        }
-        va_end(again);
-    }
+namespace {
 
-    if (level <= nvx::g_level.load()) {
-        const char levelName = (level >= 0 && level <= 4) ? nvx::kLevelNames[level] : '?';
+std::string FormatText(const char* format, va_list args) {
+    std::string text;
+    if (format == nullptr) {
+        return text;
+    }
+    char small[512];
+    va_list again;
+    va_copy(again, args);
+    int needed = vsnprintf(small, sizeof(small), format, args);
+    if (needed >= static_cast<int>(sizeof(small))) {
+        text.assign(static_cast<size_t>(needed) + 1, '\0');
+        vsnprintf(&text[0], text.size(), format, again);
+        text.resize(static_cast<size_t>(needed));
+    } else if (needed > 0) {
+        text.assign(small, static_cast<size_t>(needed));
+    }
+    va_end(again);
+    return text;
+}
+
+void Emit(const nvx::LogLine& entry) {
+    if (entry.level <= nvx::g_level.load()) {
+        const char levelName = (entry.level >= 0 && entry.level <= 4) ? nvx::kLevelNames[entry.level] : '?';
         const bool newline = !entry.text.empty() && entry.text.back() == '\n';
-        fprintf(stderr, "%10llu L%c [%s] %s:%s:%d %s%s",
-                static_cast<unsigned long long>(nvx::detail::ElapsedMs()), levelName, entry.module.c_str(),
-                entry.file.c_str(), entry.func.c_str(), line, entry.text.c_str(), newline ? "" : "\n");
+        if (entry.module.empty() && entry.file.empty()) {
+            fprintf(stderr, "%10llu L%c %s%s", static_cast<unsigned long long>(nvx::detail::ElapsedMs()),
+                    levelName, entry.text.c_str(), newline ? "" : "\n");
+        } else {
+            fprintf(stderr, "%10llu L%c [%s] %s:%s:%d %s%s",
+                    static_cast<unsigned long long>(nvx::detail::ElapsedMs()), levelName,
+                    entry.module.c_str(), entry.file.c_str(), entry.func.c_str(), entry.line,
+                    entry.text.c_str(), newline ? "" : "\n");
+        }
     }
 
     nvx::LogState& s = nvx::State();
@@ -142,5 +144,33 @@ extern "C" int JQ_LOG_Output(const char* module, int level, const char* file, co
     if (observer) {
         observer(entry);
     }
+}
+
+}  // namespace
+
+extern "C" int JQ_LOG_Output(const char* module, int level, const char* file, const char* func, int line,
+                             const char* format, ...) {
+    nvx::LogLine entry;
+    entry.module = module != nullptr ? module : "";
+    entry.level = level;
+    entry.file = file != nullptr ? file : "";
+    entry.func = func != nullptr ? func : "";
+    entry.line = line;
+    va_list args;
+    va_start(args, format);
+    entry.text = FormatText(format, args);
+    va_end(args);
+    Emit(entry);
+    return 0;
+}
+
+extern "C" int JQ_LOG_Format(int level, const char* format, ...) {
+    nvx::LogLine entry;
+    entry.level = level;
+    va_list args;
+    va_start(args, format);
+    entry.text = FormatText(format, args);
+    va_end(args);
+    Emit(entry);
     return 0;
 }

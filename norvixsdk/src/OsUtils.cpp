@@ -114,3 +114,7 @@ unsigned long long OsUtilsGetTickCount(void) {
 void OsUtilsSleep(unsigned int ms) {
     std::this_thread::sleep_for(std::chrono::milliseconds(ms));
 }
+
+unsigned int OsUtilsGetSeconds(void) {
+    return static_cast<unsigned int>(OsUtilsGetTickCount() / 1000ULL);
+}
