@@ -21,5 +21,10 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
     unsigned int flashSize = 0;
     unsigned int chipType = 0;
     CTruckServiceManage::basic_parse_cmdline(text, flashSize, chipType);
+    // A value can only come from its key.
+    if ((flashSize != 0 && strstr(text, "flashsize=") == nullptr) ||
+        (chipType != 0 && strstr(text, "chiptype=") == nullptr)) {
+        __builtin_trap();
+    }
     return 0;
 }

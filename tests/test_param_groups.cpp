@@ -104,6 +104,7 @@ const char kStore[] = R"({"PARAMETER":{"MDVR":{"TIMEP":{"TIMEZ":"480","DATEM":1}
 }  // namespace
 
 TEST_F(ParamGroups, FetchNamesTheFullPathAndWatchTheGroupsOnly) {
+    StartDevice(kStore);
     Received received;
     EXPECT_EQ(manage->basic_global_get_param(0x40000ULL, &Received::Callback, &received, nullptr), 0);
     Json::Value groups;
@@ -310,4 +311,6 @@ TEST_F(ParamGroups, NoCallbackRunsOnceDeinitialiseHasReturned) {
     EXPECT_FALSE(runningAtReturn);
     EXPECT_EQ(watcher.calls.load(), callsAtReturn) << "queued notifications and the listener are gone";
     EXPECT_LT(callsAtReturn, 6);
+    EXPECT_NE(manage->basic_global_get_param(1ULL, callback, &watcher, nullptr), 0) << "no fetch after the stop";
+    EXPECT_NE(manage->basic_global_listen_param(1ULL, callback, &watcher, nullptr), 0) << "no watch either";
 }

@@ -46,6 +46,7 @@ const size_t kMaxRecorded = 10000;
 const int kBadArgument = -1;
 const int kBadDocument = -2;
 const int kNoParamThread = -3;
+const int kNotServing = -4;
 
 Json::Value EmptyDocument() {
     Json::Value document;
@@ -79,6 +80,9 @@ struct ParamStore {
     std::vector<Listener> listeners;
     std::deque<Delivery> pending;
     bool delivering = false;
+    // Between initialise and deinitialise. Outside it requests are refused, so that a service
+    // thread that overran its stop cannot arm a delivery into an object about to be freed.
+    bool serving = false;
     bool workerStarted = false;
     std::thread::id worker;
     std::function<void(const std::string&)> observer;
@@ -411,12 +415,20 @@ int ApplyDocument(const char* text, int length) {
     }
     ParamStore& s = Store();
     std::function<void(const std::string&)> observer;
+    {
+        std::lock_guard<std::mutex> lock(s.mutex);
+        observer = s.observer;
+    }
+    // The write is observed before anything it causes, so that a record of the device's
+    // traffic shows the cause first.
+    if (observer) {
+        observer(std::string(text, static_cast<size_t>(length)));
+    }
     bool changed = false;
     int lost = 0;
     {
         std::lock_guard<std::mutex> lock(s.mutex);
         changed = MergeAndNotify(s, *written, lost);
-        observer = s.observer;
     }
     if (lost != 0) {
         NVX_LOG(0, "%d parameter notification(s) lost: no parameter thread\n", lost);
@@ -424,10 +436,13 @@ int ApplyDocument(const char* text, int length) {
     if (changed) {
         SaveStore();
     }
-    if (observer) {
-        observer(std::string(text, static_cast<size_t>(length)));
-    }
     return 0;
+}
+
+bool Serving() {
+    ParamStore& s = Store();
+    std::lock_guard<std::mutex> lock(s.mutex);
+    return s.serving;
 }
 
 void Record(std::deque<std::string> ParamStore::*requests, const char* text, int length) {
@@ -511,6 +526,7 @@ void LoadParamStore(const char* devicePath) {
         std::lock_guard<std::mutex> lock(s.mutex);
         s.document = read ? loaded : EmptyDocument();
         s.savePath = savePath;
+        s.serving = true;
     }
     if (!read) {
         NVX_LOG(1, "parameter store %s %s, the store starts empty\n", file.c_str(), problem);
@@ -520,6 +536,7 @@ void LoadParamStore(const char* devicePath) {
 void StopParamStore() {
     ParamStore& s = Store();
     std::unique_lock<std::mutex> lock(s.mutex);
+    s.serving = false;
     DropDeliveries(s, lock);
 }
 
@@ -529,6 +546,7 @@ void ResetParamStore() {
     std::unique_lock<std::mutex> lock(s.mutex);
     DropDeliveries(s, lock);
     s.document = EmptyDocument();
+    s.serving = false;
     s.source.clear();
     s.savePath.clear();
     s.getRequests.clear();
@@ -551,6 +569,9 @@ int JQ_SDK_Global_GetParameter(const char* text, int length, JQ_SDK_ParamCallbac
         if (callback == nullptr) {
             return nvx::kBadArgument;
         }
+        if (!nvx::Serving()) {
+            return nvx::kNotServing;
+        }
         return nvx::QueueReply(text, length, callback, user, context);
     } catch (const std::exception&) {
         return nvx::kBadDocument;
@@ -567,6 +588,9 @@ int JQ_SDK_Global_ListenParameter(const char* text, int length, JQ_SDK_ParamCall
         nvx::Record(&nvx::ParamStore::listenRequests, text, length);
         if (callback == nullptr) {
             return nvx::kBadArgument;
+        }
+        if (!nvx::Serving()) {
+            return nvx::kNotServing;
         }
         return nvx::AddListener(text, length, callback, user, context);
     } catch (const std::exception&) {

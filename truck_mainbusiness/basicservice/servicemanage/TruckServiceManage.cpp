@@ -28,9 +28,6 @@ const size_t kSystemLogHeader = 8;
 
 // Process-wide: the tick of the last once-a-second step of the main cycle.
 std::atomic<unsigned long long> s_ullLastWriteTick{0};
-// Set once the main cycle's first pass has loaded the businesses. Cleared by every new
-// manager, so that a start after a stop loads the businesses again instead of running none.
-std::atomic<unsigned char> s_ucBusinessLoaded{0};
 // Managers not yet destroyed, counting one that outlived its stop.
 std::atomic<int> s_iLiveManages{0};
 
@@ -214,9 +211,10 @@ CTruckServiceManage::CTruckServiceManage(tagGlobalConfig* globalConfig)
       m_uiRemoteTaskListState(0),
       m_iThreadState(3),
       m_basicSDKHandle(nullptr),
-      m_iHolders(1) {
+      m_iHolders(1),
+      m_bBusinessLoaded(false),
+      m_bStopRequested(false) {
     s_iLiveManages.fetch_add(1);
-    s_ucBusinessLoaded.store(0);
     memset(m_peripheralConfig, 0, sizeof(m_peripheralConfig));
     memset(&m_serialNumberInfo, 0, sizeof(m_serialNumberInfo));
     memset(&m_chnAlarmState, 0, sizeof(m_chnAlarmState));
@@ -224,6 +222,7 @@ CTruckServiceManage::CTruckServiceManage(tagGlobalConfig* globalConfig)
     // Until the storage service first reports, no path is known.
     memset(&m_fuseMntPath, 0, sizeof(m_fuseMntPath));
     m_fuseMntPath.iResult = -10;
+    basic_storage_target(this, true);
     if (m_pGlobalConfig == nullptr) {
         APPCOM_LOG(0, "GlobalConfig ptr is null\n");
         exit(1);
@@ -238,6 +237,7 @@ CTruckServiceManage::CTruckServiceManage(tagGlobalConfig* globalConfig)
 
 CTruckServiceManage::~CTruckServiceManage() {
     // The storage service must not report into a manager that is gone.
+    basic_storage_target(this, false);
     JQ_SDK_Storage_MonitorFuseStatus(nullptr, this, 0);
     for (auto& entry : m_mapBusiness) {
         delete entry.second;
@@ -318,11 +318,8 @@ int CTruckServiceManage::basic_thread_cycle(tag_ServiceParam* param) {
         m_pMsgClient->MSGWaitForEvent(50);
         m_pMsgClient->MSGFeedWatchDog(now);
 
-        if (s_ucBusinessLoaded.load() == 0) {
-            basic_load_business();
-            basic_request_storage_mntputh();
-            JQ_SDK_Storage_MonitorFuseStatus(callback_basic_request_storage_mntputh, this, 0);
-            s_ucBusinessLoaded.store(1);
+        if (!m_bBusinessLoaded) {
+            basic_first_pass();
         }
 
         if (TickDistance(now, s_ullLastWriteTick.load()) > 999) {
@@ -354,7 +351,25 @@ int CTruckServiceManage::basic_thread_cycle(tag_ServiceParam* param) {
     return 0;
 }
 
+// Loads the businesses and subscribes to the storage service, unless a stop came first. The
+// stop takes the same lock before it walks the map, so it never meets the map half filled
+// and never misses a business started here.
+void CTruckServiceManage::basic_first_pass() {
+    m_bBusinessLoaded = true;
+    MutexLocker locker(m_runStateMutex);
+    if (m_bStopRequested) {
+        return;
+    }
+    basic_load_business();
+    basic_request_storage_mntputh();
+    JQ_SDK_Storage_MonitorFuseStatus(callback_basic_request_storage_mntputh, this, 0);
+}
+
 int CTruckServiceManage::basic_uninit() {
+    {
+        MutexLocker locker(m_runStateMutex);
+        m_bStopRequested = true;
+    }
     for (auto& entry : m_mapBusiness) {
         if (entry.second != nullptr) {
             entry.second->business_stop();

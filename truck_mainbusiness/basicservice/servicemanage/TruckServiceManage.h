@@ -133,8 +133,9 @@ typedef struct BusinessLoadAttr_t {
 
 class CTruckServiceBase;
 class CMsgClientManage;
-CTruckServiceBase* CreateBusinessInstance(CTruckServiceManage* manager, CMsgClientManage* client, unsigned int id,
-                                          char* name, unsigned char type, Json::Value& param);
+CTruckServiceBase* CreateBusinessInstance(CTruckServiceManage* manager, CMsgClientManage* client,
+                                          unsigned int id, char* name, unsigned char type,
+                                          Json::Value& param);
 
 // ---- host entry points (the module exports these three and nothing else) ----
 
@@ -181,6 +182,8 @@ void* service_thread_entry(void* args);
 
 // The storage service's callback for mount-path reports; `user` is the manager.
 void callback_basic_request_storage_mntputh(void* data, int length, void* user);
+// Marks `manage` as the manager the storage callback may reach (alive) or no longer (gone).
+void basic_storage_target(CTruckServiceManage* manage, bool alive);
 
 // ---- the service manager ----
 
@@ -210,7 +213,8 @@ public:
     // The checks of the configuration document alone, on a parsed root.
     static int basic_parse_basic_config(const Json::Value& root, std::list<BusinessLoadAttr_t>& out);
     int basic_load_business();
-    int basic_start_business(unsigned int id, char* name, unsigned char type, bool bThread, Json::Value& param);
+    int basic_start_business(unsigned int id, char* name, unsigned char type, bool bThread,
+                             Json::Value& param);
 
     // Device and system information (TruckServiceManageDevice.cpp).
     int BasicAnalyzeSystemconfig();
@@ -243,8 +247,10 @@ public:
     // Global parameter groups (TruckServiceManageParam.cpp).
     int basic_global_package_param(unsigned long long mask, Json::Value& request);
     int basic_global_get_param(Json::Value& groups, JQ_SDK_ParamCallback callback, void* user, void* context);
-    int basic_global_get_param(unsigned long long mask, JQ_SDK_ParamCallback callback, void* user, void* context);
-    int basic_global_listen_param(Json::Value& groups, JQ_SDK_ParamCallback callback, void* user, void* context);
+    int basic_global_get_param(unsigned long long mask, JQ_SDK_ParamCallback callback, void* user,
+                               void* context);
+    int basic_global_listen_param(Json::Value& groups, JQ_SDK_ParamCallback callback, void* user,
+                                  void* context);
     int basic_global_listen_param(unsigned long long mask, JQ_SDK_ParamCallback callback, void* user,
                                   void* context);
 
@@ -286,15 +292,21 @@ private:
     tag_fuseMntPathAck m_fuseMntPath;  // guarded by m_fuseMntPathMutex
     Mutex m_systemLogMutex;
     std::atomic<uint32_t> m_uiRemoteTaskListState;  // set and read by businesses on any thread
-    std::atomic<int32_t> m_iThreadState;  // 1 running, 2 stop requested, 3 stopped
+    std::atomic<int32_t> m_iThreadState;            // 1 running, 2 stop requested, 3 stopped
     // Set by the main cycle's thread, read by businesses; taken by whoever releases it.
     std::atomic<JQ_BASIC_HANDLE> m_basicSDKHandle;
 
     std::atomic<int> m_iHolders;
-    Mutex m_runStateMutex;  // orders the stop request against the cycle's write of ucRunning
+    // Orders the stop request against the cycle's first pass and its write of ucRunning.
+    Mutex m_runStateMutex;
+    // The first pass has run: the businesses are loaded once per manager, so a start after a
+    // stop brings them back. Main cycle's thread only.
+    bool m_bBusinessLoaded;
+    bool m_bStopRequested;  // guarded by m_runStateMutex
 
     ~CTruckServiceManage();  // through basic_release() only
 
+    void basic_first_pass();
     unsigned char* NewLogBatch(uint32_t groupMaskWord, size_t count);
     void SendLogBatch(const unsigned char* buffer, size_t length);
 };

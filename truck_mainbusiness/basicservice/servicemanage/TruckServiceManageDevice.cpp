@@ -106,10 +106,10 @@ int CTruckServiceManage::BasicAnalyzeSystemconfig() {
     if (LoadJsonFile(path.c_str(), m_systemConfig) != 0) {
         // A parse that failed half way may have left part of a document behind.
         m_systemConfig = Json::Value();
-        TRUCK_LOG(2, "Get system config json failed [%s]\n\n\n", path.c_str());
+        TRUCK_LOG(2, "Get system config json failed [%s]\n\n\n", kSystemConfigPath);
         return -1;
     }
-    TRUCK_LOG(3, "Get system config json succ [%s]\n\n\n", path.c_str());
+    TRUCK_LOG(3, "Get system config json succ [%s]\n\n\n", kSystemConfigPath);
     return 0;
 }
 
@@ -184,6 +184,9 @@ int CTruckServiceManage::GetProductInfoFromAuthSerial(const char* serial, unsign
 }
 
 int CTruckServiceManage::BasicGetDeviceInfo() {
+    if (m_chipInfo.uiDeviceInfoReady != 0) {
+        return 0;  // complete: nothing changes any more
+    }
     if (!s_bChipInfoRead.load() && GetChipInfo() == 0) {
         const ChipInfo_t chip = basic_get_chip_info();
         s_uiFlashSize.store(chip.uiFlashSize);
@@ -191,10 +194,6 @@ int CTruckServiceManage::BasicGetDeviceInfo() {
         s_bChipInfoRead.store(true);
         TRUCK_LOG(3, "get ChipType.%d FlashSize.%d\n", static_cast<int>(chip.uiChipType),
                   static_cast<int>(chip.uiFlashSize));
-    } else if (s_bChipInfoRead.load()) {
-        MutexLocker locker(m_deviceInfoMutex);
-        m_chipInfo.uiFlashSize = s_uiFlashSize.load();
-        m_chipInfo.uiChipType = s_uiChipType.load();
     }
 
     // Only the main cycle writes the serial number, so reading bValid here needs no lock.
@@ -207,10 +206,12 @@ int CTruckServiceManage::BasicGetDeviceInfo() {
             unsigned int productCode = 0;
             unsigned int boardType = m_chipInfo.mainBoardType;
             GetProductInfoFromAuthSerial(serial, productCode, boardType);
+            memcpy(m_serialNumberInfo.szSerialNumber, serial, sizeof(serial));
+            // Businesses read the record through a plain pointer: the text is complete before
+            // bValid says so, and a reader that sees bValid with acquire sees the whole text.
+            __atomic_store_n(&m_serialNumberInfo.bValid, 1u, __ATOMIC_RELEASE);
             {
                 MutexLocker locker(m_deviceInfoMutex);
-                memcpy(m_serialNumberInfo.szSerialNumber, serial, sizeof(serial));
-                m_serialNumberInfo.bValid = 1;
                 m_chipInfo.mainBoardType = boardType;
             }
             TRUCK_LOG(3, "get SerialNumber.%s mainBoardType.%d\n", serial, static_cast<int>(boardType));
@@ -218,12 +219,18 @@ int CTruckServiceManage::BasicGetDeviceInfo() {
     }
 
     if (s_bChipInfoRead.load() && m_serialNumberInfo.bValid == 1) {
+        // The command line is read once per process: a manager of a later start takes what
+        // the first read found.
         MutexLocker locker(m_deviceInfoMutex);
+        m_chipInfo.uiFlashSize = s_uiFlashSize.load();
+        m_chipInfo.uiChipType = s_uiChipType.load();
         m_chipInfo.uiDeviceInfoReady = 1;
     }
     return 0;
 }
 
+// Readers on other threads check bValid with __atomic_load_n(..., __ATOMIC_ACQUIRE) before
+// they read the text; the text never changes once bValid is 1.
 SerialNumberInfo_t* CTruckServiceManage::basic_get_serialnumber_info() {
     return &m_serialNumberInfo;
 }

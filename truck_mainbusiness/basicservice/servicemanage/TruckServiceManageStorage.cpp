@@ -2,10 +2,14 @@
 //
 // m_fuseMntPath always holds one whole report of the storage service, as it came, all 36
 // bytes; m_fuseMntPathMutex guards it against the storage thread that writes it and the
-// businesses that build paths from it. The lock is held for copies only: logging and
-// formatting happen on a private copy, so nothing that runs with the lock held can call back
-// into the manager. The report's path is not trusted to be terminated; every reader takes
-// it through MountPathText.
+// businesses that build paths from it. Readers copy under the lock and format the copy; a
+// change is logged under the lock, so the last line logged names the report kept. The
+// report's path is not trusted to be terminated; every reader takes it through MountPathText.
+//
+// Reports may still be on their way from the storage service when a manager is destroyed,
+// and the service has no promise that a withdrawn monitor stays quiet. So the callback
+// forwards only to the manager that is alive, under a process-wide lock that the destructor
+// takes to let go.
 //
 // The peripheral block is written once by basic_init, before any business exists, and only
 // read afterwards.
@@ -35,7 +39,23 @@ void MountPathText(const tag_fuseMntPathAck& ack, MountPathText_t& text) {
     text[sizeof(ack.szMntPath)] = '\0';
 }
 
+// Never destroyed: a storage report may come while the process exits.
+Mutex& StorageTargetMutex() {
+    static Mutex* mutex = new Mutex;
+    return *mutex;
+}
+CTruckServiceManage* s_pStorageTarget = nullptr;  // guarded by StorageTargetMutex()
+
 }  // namespace
+
+void basic_storage_target(CTruckServiceManage* manage, bool alive) {
+    MutexLocker locker(StorageTargetMutex());
+    if (alive) {
+        s_pStorageTarget = manage;
+    } else if (s_pStorageTarget == manage) {
+        s_pStorageTarget = nullptr;
+    }
+}
 
 void callback_basic_request_storage_mntputh(void* data, int length, void* user) {
     if (data == nullptr || length != static_cast<int>(sizeof(tag_fuseMntPathAck)) || user == nullptr) {
@@ -45,7 +65,10 @@ void callback_basic_request_storage_mntputh(void* data, int length, void* user) 
     // The platform's buffer carries no alignment promise: take the record out byte-wise.
     tag_fuseMntPathAck ack;
     memcpy(&ack, data, sizeof(ack));
-    static_cast<CTruckServiceManage*>(user)->basic_set_normal_file_root_dir(&ack);
+    MutexLocker locker(StorageTargetMutex());
+    if (user == s_pStorageTarget) {
+        s_pStorageTarget->basic_set_normal_file_root_dir(&ack);
+    }
 }
 
 int CTruckServiceManage::basic_request_storage_mntputh() {
@@ -57,18 +80,16 @@ int CTruckServiceManage::basic_set_normal_file_root_dir(tag_fuseMntPathAck* ack)
     if (ack == nullptr) {
         return -1;
     }
-    {
-        MutexLocker locker(m_fuseMntPathMutex);
-        // The whole record counts, bytes after the path's end included: the service repeats
-        // its last report, and only a real change is worth a line.
-        if (memcmp(ack, &m_fuseMntPath, sizeof(m_fuseMntPath)) == 0) {
-            return 0;
-        }
-        memcpy(&m_fuseMntPath, ack, sizeof(m_fuseMntPath));
+    MutexLocker locker(m_fuseMntPathMutex);
+    // The whole record counts, bytes after the path's end included: the service repeats
+    // its last report, and only a real change is worth a line.
+    if (memcmp(ack, &m_fuseMntPath, sizeof(m_fuseMntPath)) == 0) {
+        return 0;
     }
+    memcpy(&m_fuseMntPath, ack, sizeof(m_fuseMntPath));
     MountPathText_t path;
-    MountPathText(*ack, path);
-    TRUCK_LOG(3, "m_fuseMntPath result = %d, mntPath = %s\n", static_cast<int>(ack->iResult), path);
+    MountPathText(m_fuseMntPath, path);
+    TRUCK_LOG(3, "m_fuseMntPath result = %d, mntPath = %s\n", static_cast<int>(m_fuseMntPath.iResult), path);
     return 0;
 }
 
@@ -106,7 +127,7 @@ int CTruckServiceManage::basic_load_peripheral_config() {
         if (fd == 0) {
             close(fd);  // descriptor 0 is refused all the same, but not leaked
         }
-        TRUCK_LOG(4, "load peripheral config file[%s] failed\n", path.c_str());
+        TRUCK_LOG(4, "load peripheral config file[%s] failed\n", kPeripheralConfigPath);
         return 0;
     }
     // The file may be shorter than the block. Touching a mapping past the end of the file
@@ -122,13 +143,13 @@ int CTruckServiceManage::basic_load_peripheral_config() {
     void* mapped = length > 0 ? mmap(nullptr, length, PROT_READ, MAP_SHARED, fd, 0) : MAP_FAILED;
     close(fd);
     if (mapped == MAP_FAILED) {
-        TRUCK_LOG(4, "load peripheral config file[%s] failed\n", path.c_str());
+        TRUCK_LOG(4, "load peripheral config file[%s] failed\n", kPeripheralConfigPath);
         return 0;
     }
     memset(m_peripheralConfig, 0, sizeof(m_peripheralConfig));
     memcpy(m_peripheralConfig, mapped, length);
     munmap(mapped, length);
-    TRUCK_LOG(4, "load peripheral config file[%s] success\n", path.c_str());
+    TRUCK_LOG(4, "load peripheral config file[%s] success\n", kPeripheralConfigPath);
     return 0;
 }
 
