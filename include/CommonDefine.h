@@ -134,4 +134,102 @@ unsigned long long AsUInt64ArrayMember(const Json::Value& v, const char* key, in
 
 }  // namespace JsonUtils
 
+// ---- Text encoding (truck_main/common/src/CommonEncoding.cpp) ----
+
+// Overlay texts arrive as UTF-8; the device's fonts are indexed by GB2312 codes.
+
+// Length of the UTF-8 sequence that starts with `first`: its count of leading one bits (1 for
+// ASCII, 0 for a continuation byte, up to 8 for 0xFF; no length is refused here).
+int GetUtf8ByteNumber(unsigned char first);
+
+// Decodes one NUL-terminated UTF-8 sequence of 2, 3 or 4 bytes (its strlen decides; the bytes
+// are not validated) into the little-endian bytes of its code point: 2 bytes for the 2- and
+// 3-byte forms, 3 for the 4-byte form. Any other length logs and gives -1 without writing; a
+// null output gives -1 as well.
+int convert_utf8_unicode(const char* sequence, char* codePoint);
+
+// GB2312 code of an ideograph U+4E00..U+9FA5 from "./fonts/gb2312fonttable" (relative to the
+// working directory): the entry's two bytes copied as they are, so the code's bytes lie in
+// memory in text order. 0, or -1 on a file error with gbCode unchanged. A code point outside
+// the table prints a line and gives 0 without writing gbCode: preset it when that matters.
+// Messages go to standard output.
+int UnicodeToGb2312(unsigned long codePoint, unsigned short& gbCode);
+
+// The last component of path (a pointer into it); path itself when it has no '/' or ends in
+// one. A null path gives null.
+const char* file_name(const char* path);
+
+// ---- Media value conversions (truck_main/common/src/CommonMedia.cpp) ----
+
+// The media interfaces' enumerations, as far as the conversions need them: each names the
+// value its conversion falls back to. The underlying type is fixed so that any number the
+// platform puts in them is a valid value.
+enum eVideoEncodeType : int { VIDEO_ENCODE_TYPE_UNKNOWN = 3 };
+enum eVideoResolution : int { VIDEO_RESOLUTION_UNKNOWN = 30 };
+enum eVideoEncodeBirateCtrlType : int { VIDEO_BITRATE_CTRL_UNKNOWN = 3 };
+enum eAudioFormat : int { AUDIO_FORMAT_UNKNOWN = 7 };
+enum eG726Bps : int { G726_BPS_UNKNOWN = 8 };
+enum eVideoOutputResolution : int { VIDEO_OUTPUT_RESOLUTION_UNKNOWN = 20 };
+
+// Stored parameter byte <-> enumeration. With toEnum the byte is read and the enumeration
+// written (the UNKNOWN value for a byte without meaning); without it the enumeration is read
+// and the byte written (0xFF for a value without a stored form). 0, or -1 for a null argument.
+int Value2VideoEncodeType(unsigned char* stored, eVideoEncodeType* value, bool toEnum);
+int Value2VideoEncodeBitrateMode(unsigned char* stored, eVideoEncodeBirateCtrlType* value, bool toEnum);
+int Value2AudioEncodeFormat(unsigned char* stored, eAudioFormat* value, bool toEnum);
+int Value2AudioG726Bps(unsigned char* stored, eG726Bps* value, bool toEnum);
+int Value2VideoOutputResolution(unsigned char* stored, eVideoOutputResolution* value, bool toEnum);
+// Stored bytes 0..29 are the enumeration itself and larger ones 30; back, the low byte.
+int Value2VideoEncodeResolution(unsigned char* stored, eVideoResolution* value, bool toEnum);
+
+// Pixel size of an output resolution; unknown ones are 1024 x 768. Always 0.
+int GetVideoOutputSize(eVideoOutputResolution resolution, unsigned int& width, unsigned int& height);
+
+// ---- File, time and string helpers (truck_main/common/src/CommonFile.cpp) ----
+
+#include <stdio.h>
+
+#include <list>
+
+#include "JQ_SDK_DateTime.h"
+
+// Creates every missing directory of an absolute path (at most 255 characters, no "//").
+// true when the directory exists afterwards.
+bool make_directory(const char* path);
+
+// Appends to names every entry of folder ("." and ".." included) whose name contains
+// pattern. 0, or -1 when the folder can't be opened or an argument is null.
+int FindFileInFolder(const char* folder, const char* pattern, std::list<std::string>& names);
+
+// Size in bytes, 0 when it can't be learnt; a size beyond a long (2 GiB on the device) gives
+// LONG_MAX. The FILE form leaves the file positioned at its end.
+long GetNormalFileSize(FILE* file);
+long GetNormalFileSize(const char* path);
+
+// Logs title and a hex dump of data (16 bytes a row, each full row followed by its printable
+// characters) as one line at level 0.
+void OutputHexDump(const char* title, const char* data, unsigned int length);
+
+// Erases the trailing run of text made of `characters`; a text made only of them is kept.
+void FilterCharacters(std::string& text, std::string characters);
+
+// Sleeps with select, so a signal ends it early; select's result.
+int mSleep(unsigned int milliseconds);
+
+// Re-armable delay on the platform's seconds clock: *first == 1 arms it (clears *first, sets
+// *since to now). true once `seconds` have passed since *since, counting a clock that went back
+// as elapsed time too. Null arguments give false.
+bool ProcessDelayTime(unsigned char* first, unsigned int* since, unsigned int seconds);
+
+// Milliseconds within the current second of the time of day, 0..999.
+int GetMicroOfSecond();
+
+// Every field in range (the day is not checked against the month).
+bool CheckDateTimeCorrect(tagDateTime& dateTime);
+
+// Business id: type in bits 32..63, group in 16..31, index in 0..15.
+unsigned long long ComposeBusinessId(unsigned int type, unsigned short group, unsigned short index);
+int DecomposeBusinessId(unsigned long long id, unsigned int& type, unsigned short& group,
+                        unsigned short& index);
+
 #endif

@@ -3,7 +3,7 @@
 # package names given as arguments are installed the same way.
 set -euo pipefail
 
-packages=(cmake ninja-build g++ make pkg-config binutils libjsoncpp-dev libgtest-dev libgmock-dev libbenchmark-dev "$@")
+packages=(cmake ninja-build g++ make pkg-config binutils python3 libjsoncpp-dev libgtest-dev libgmock-dev libbenchmark-dev "$@")
 missing=()
 for p in "${packages[@]}"; do
   dpkg-query -W -f='${Status}' "$p" 2>/dev/null | grep -q "install ok installed" || missing+=("$p")

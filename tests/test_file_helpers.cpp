@@ -1,0 +1,166 @@
+// File, time and string helpers: directories and folder search in a temporary folder, file
+// sizes past 2 GiB, the hex dump read back by a decoder of our own, trimming and delays.
+#include <stdlib.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <atomic>
+#include <chrono>
+#include <climits>
+#include <fstream>
+#include <sstream>
+#include <thread>
+#include <vector>
+
+#include "CommonDefine.h"
+#include "OsUtils.h"
+#include "TestSupport.h"
+
+namespace {
+
+class FileHelpers : public DeviceTest {
+protected:
+    void SetUp() override {
+        DeviceTest::SetUp();
+        char dir[] = "/tmp/test_file_helpers.XXXXXX";
+        ASSERT_NE(mkdtemp(dir), nullptr);
+        m_dir = dir;
+    }
+    void TearDown() override {
+        EXPECT_EQ(system(("rm -rf " + m_dir).c_str()), 0);
+        DeviceTest::TearDown();
+    }
+    std::string Write(const std::string& name, const std::string& content) {
+        std::ofstream(m_dir + "/" + name) << content;
+        return m_dir + "/" + name;
+    }
+    static std::vector<std::string> LogTexts() {
+        std::vector<std::string> texts;
+        for (const nvx::LogLine& line : nvx::CapturedLogs()) {
+            texts.push_back(line.text);
+        }
+        return texts;
+    }
+    std::string m_dir;
+};
+
+}  // namespace
+
+TEST_F(FileHelpers, DirectoriesAreMadeAlongThePathEvenByRacingThreads) {
+    // 255 characters, trailing slash included, is the longest path taken.
+    std::string longest = m_dir + "/video/";
+    longest += std::string(254 - longest.size(), 'd') + "/";
+    EXPECT_TRUE(make_directory(longest.c_str()));
+    struct stat status;
+    EXPECT_TRUE(stat(longest.c_str(), &status) == 0 && S_ISDIR(status.st_mode));
+    const std::string deep = m_dir + "/a/b/c/d/e";
+    std::atomic<int> made{0};
+    std::vector<std::thread> threads(8);
+    for (std::thread& t : threads) {
+        t = std::thread([&] { made += make_directory(deep.c_str()); });
+    }
+    for (std::thread& t : threads) {
+        t.join();
+    }
+    EXPECT_EQ(8, made.load());
+    EXPECT_TRUE(LogTexts().empty());
+}
+
+TEST_F(FileHelpers, BadPathsAndFilesInTheWayAreRefusedWithTheirMessage) {
+    EXPECT_FALSE(make_directory("video/ch01"));
+    EXPECT_FALSE(make_directory(("/" + std::string(255, 'd')).c_str()));
+    EXPECT_FALSE(make_directory((m_dir + "//video").c_str()));
+    const std::string plain = Write("plain", "x");
+    EXPECT_FALSE(make_directory((plain + "/sub").c_str()));
+    EXPECT_FALSE(make_directory(plain.c_str())) << "a file is not the directory promised";
+    const std::string inTheWay = "mkdir " + plain + " failed, error = File exists\n";
+    EXPECT_EQ((std::vector<std::string>{"make_directory: invalid directory\n",
+                                        "make_directory: invalid directory\n", "two '/', eg:/test//test\n",
+                                        inTheWay, inTheWay}),
+              LogTexts());
+}
+
+TEST_F(FileHelpers, FolderSearchAppendsMatchingNamesAndCountsThem) {
+    Write("ch01.mp4", "");
+    Write("ch02.mp4", "");
+    Write("ch01.jpg", "");
+    std::list<std::string> names = {"kept"};
+    EXPECT_EQ(0, FindFileInFolder(m_dir.c_str(), ".mp4", names));
+    ASSERT_EQ(3u, names.size());
+    EXPECT_EQ((std::vector<std::string>{"find file, name = " + *std::next(names.begin()) + ", count = 2\n",
+                                        "find file, name = " + names.back() + ", count = 3\n"}),
+              LogTexts());
+    EXPECT_EQ(0, FindFileInFolder(m_dir.c_str(), "", names));
+    EXPECT_EQ(8u, names.size()) << "every entry, . and .. included";
+    nvx::StartLogCapture();
+    EXPECT_EQ(-1, FindFileInFolder((m_dir + "/none").c_str(), "", names));
+    EXPECT_EQ(std::vector<std::string>{"Find file failed, opendir[" + m_dir + "/none] failed\n"}, LogTexts());
+}
+
+TEST_F(FileHelpers, FileSizesSaturateBeyondALong) {
+    EXPECT_EQ(1234, GetNormalFileSize(Write("clip", std::string(1234, 'v')).c_str()));
+    EXPECT_EQ(0, GetNormalFileSize((m_dir + "/none").c_str()));
+    // A recording past 2 GiB, sparse so that it costs no disk.
+    const std::string big = Write("big", "");
+    ASSERT_EQ(0, truncate64(big.c_str(), 3LL << 30));
+    const long expected = (3LL << 30) > LONG_MAX ? LONG_MAX : static_cast<long>(3LL << 30);
+    EXPECT_EQ(expected, GetNormalFileSize(big.c_str()));
+    FILE* file = fopen64(big.c_str(), "rb");
+    EXPECT_EQ(expected, GetNormalFileSize(file));
+    EXPECT_EQ(EOF, fgetc(file)) << "left at its end";
+    fclose(file);
+}
+
+TEST_F(FileHelpers, HexDumpReadsBackAsTheBytesWithACharacterColumnPerFullRow) {
+    std::string data;
+    for (int i = 0; i < 300; ++i) {
+        data += static_cast<char>(i % 3 == 0 ? 'A' + i % 26 : i * 7);
+    }
+    OutputHexDump("frame", data.data(), data.size());
+    ASSERT_EQ(1u, nvx::CapturedLogs().size());
+    EXPECT_EQ(0, nvx::CapturedLogs()[0].level);
+    const std::string text = LogTexts()[0];
+    ASSERT_EQ("frame\n", text.substr(0, 6));
+    ASSERT_EQ("\n\n", text.substr(text.size() - 2));
+    // Rows read "LL: " then "XX " per byte, a full row followed by its 16 characters.
+    std::istringstream rows(text.substr(6, text.size() - 8));
+    std::string row;
+    size_t offset = 0;
+    while (std::getline(rows, row)) {
+        const size_t colon = row.find(": ");
+        EXPECT_EQ(offset, std::stoul(row.substr(0, colon), nullptr, 16));
+        const size_t count = std::min<size_t>(16, data.size() - offset);
+        std::string column;
+        for (size_t i = 0; i < count; ++i) {
+            const unsigned char byte = data[offset + i];
+            EXPECT_EQ(byte, std::stoul(row.substr(colon + 2 + 3 * i, 3), nullptr, 16));
+            column += (byte >= 0x20 && byte < 0x7F) ? static_cast<char>(byte) : '.';
+        }
+        EXPECT_EQ(count == 16 ? column : "", row.substr(colon + 2 + 3 * count)) << row;
+        offset += count;
+    }
+    EXPECT_EQ(data.size(), offset);
+}
+
+TEST_F(FileHelpers, TrimmingSleepsAndDelays) {
+    for (const auto& c : std::vector<std::pair<std::string, std::string>>{
+             {"word  ", "word"}, {"   ", "   "}, {"a b \r\n", "a b"}, {" a", " a"}}) {
+        std::string text = c.first;
+        FilterCharacters(text, " \r\n");
+        EXPECT_EQ(c.second, text) << '"' << c.first << '"';
+    }
+    const auto start = std::chrono::steady_clock::now();
+    EXPECT_EQ(0, mSleep(1030));  // whole seconds and the rest both count
+    EXPECT_GE(std::chrono::steady_clock::now() - start, std::chrono::milliseconds(1030));
+
+    unsigned char first = 1;
+    unsigned int since = 0;
+    EXPECT_FALSE(ProcessDelayTime(&first, &since, 0)) << "arming never fires";
+    EXPECT_TRUE(ProcessDelayTime(&first, &since, 0));
+    EXPECT_FALSE(ProcessDelayTime(&first, &since, 3600));
+    since = OsUtilsGetSeconds() + 10;
+    EXPECT_TRUE(ProcessDelayTime(&first, &since, 5)) << "a clock that went back counts as elapsed";
+    EXPECT_FALSE(ProcessDelayTime(&first, &since, 3600)) << "but only by how far it went";
+    first = 1;
+    EXPECT_FALSE(ProcessDelayTime(&first, &since, 5)) << "re-armed";
+}

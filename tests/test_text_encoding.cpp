@@ -1,0 +1,154 @@
+// Text encoding, checked against glibc's iconv as the reference encoder: UTF-8 decoding, and
+// GB2312 look-ups in the font table that the build makes with iconv.
+#include <dirent.h>
+#include <iconv.h>
+#include <stdlib.h>
+#include <string.h>
+#include <unistd.h>
+
+#include <memory>
+#include <string>
+#include <vector>
+
+#include "CommonDefine.h"
+#include "TestSupport.h"
+
+namespace {
+
+// One code point converted by iconv to `to`; empty when `to` has no such character.
+std::string Reference(const char* to, unsigned long cp) {
+    iconv_t cd = iconv_open(to, "UTF-32LE");
+    char in[4] = {char(cp), char(cp >> 8), char(cp >> 16), 0};
+    char out[8];
+    char* inPtr = in;
+    char* outPtr = out;
+    size_t inLeft = sizeof in;
+    size_t outLeft = sizeof out;
+    const bool done = iconv(cd, &inPtr, &inLeft, &outPtr, &outLeft) != static_cast<size_t>(-1);
+    iconv_close(cd);
+    return done ? std::string(out, outPtr) : std::string();
+}
+
+// A heap copy of exactly the text and its terminator, so that ASan sees any read beyond.
+std::unique_ptr<char[]> ExactCopy(const std::string& text) {
+    std::unique_ptr<char[]> copy(new char[text.size() + 1]);
+    memcpy(copy.get(), text.c_str(), text.size() + 1);
+    return copy;
+}
+
+int OpenDescriptors() {
+    int count = 0;
+    DIR* dir = opendir("/proc/self/fd");
+    while (readdir(dir) != nullptr) {
+        ++count;
+    }
+    closedir(dir);
+    return count;
+}
+
+// Each test runs in a folder of its own that holds "fonts/gb2312fonttable", the build's table.
+class TextEncoding : public DeviceTest {
+protected:
+    void SetUp() override {
+        DeviceTest::SetUp();
+        char dir[] = "/tmp/test_text_encoding.XXXXXX";
+        ASSERT_NE(mkdtemp(dir), nullptr);
+        m_dir = dir;
+        ASSERT_EQ(
+            system(("mkdir " + m_dir + "/fonts && cp " TRUCK_GB2312_TABLE " " + m_dir + "/fonts/").c_str()),
+            0);
+        ASSERT_EQ(chdir(m_dir.c_str()), 0);
+    }
+    void TearDown() override {
+        EXPECT_EQ(chdir("/"), 0);
+        EXPECT_EQ(system(("rm -rf " + m_dir).c_str()), 0);
+        DeviceTest::TearDown();
+    }
+    // Checks the look-up's result and returns what it printed.
+    static std::string LookUp(unsigned long codePoint, unsigned short& gbCode, int expectedRc) {
+        testing::internal::CaptureStdout();
+        EXPECT_EQ(expectedRc, UnicodeToGb2312(codePoint, gbCode)) << std::hex << codePoint;
+        return testing::internal::GetCapturedStdout();
+    }
+    std::string m_dir;
+};
+
+}  // namespace
+
+TEST_F(TextEncoding, DecodingAgreesWithTheReferenceEncoderInEveryForm) {
+    std::vector<unsigned long> codePoints = {0x7FF, 0x800, 0xFFFF, 0x10000, 0x10FFFF};
+    for (unsigned long cp = 0x80; cp < 0x10FFFF; cp = cp * 5 / 4 + 1) {
+        codePoints.push_back(cp);
+    }
+    for (unsigned long cp : codePoints) {
+        const std::string utf8 = Reference("UTF-8", cp);
+        if (utf8.empty()) {
+            continue;  // a surrogate
+        }
+        EXPECT_EQ(static_cast<int>(utf8.size()), GetUtf8ByteNumber(utf8[0]));
+        EXPECT_EQ(0, GetUtf8ByteNumber(utf8[1]));
+        // Exactly as wide as the form writes: 3 bytes beyond U+FFFF, else 2.
+        std::unique_ptr<unsigned char[]> out(new unsigned char[cp > 0xFFFF ? 3 : 2]);
+        ASSERT_EQ(0, convert_utf8_unicode(ExactCopy(utf8).get(), reinterpret_cast<char*>(out.get())));
+        EXPECT_EQ(cp, out[0] | out[1] << 8 | (cp > 0xFFFF ? out[2] << 16 : 0)) << std::hex << cp;
+    }
+    EXPECT_TRUE(nvx::CapturedLogs().empty());
+}
+
+TEST_F(TextEncoding, CutOrOverlongSequencesNeverReadPastTheirTerminator) {
+    // A lead byte that promises more than the text holds decodes as the shorter form.
+    for (const char* cut : {"\xF0\x9F", "\xF0\x9F\x98", "\xE4\xB8"}) {
+        std::unique_ptr<char[]> out(new char[2]);
+        EXPECT_EQ(0, convert_utf8_unicode(ExactCopy(cut).get(), out.get()));
+    }
+    for (const char* refused : {"", "A", "\xE4", "\xF8\x88\x80\x80\x80"}) {
+        char out[3] = {'x', 'x', 'x'};
+        EXPECT_EQ(-1, convert_utf8_unicode(ExactCopy(refused).get(), out));
+        EXPECT_EQ("xxx", std::string(out, 3));
+    }
+    ASSERT_EQ(4u, nvx::CapturedLogs().size());
+    const nvx::LogLine last = nvx::CapturedLogs()[3];
+    EXPECT_EQ("convert_utf8_unicode::invalid str_len[5]\n", last.text);
+    EXPECT_EQ(2, last.level);
+    EXPECT_EQ(415, last.line);
+    EXPECT_EQ(8, GetUtf8ByteNumber(0xFF)) << "a lead beyond four bytes is counted, not refused";
+}
+
+TEST_F(TextEncoding, LookUpsAgreeWithTheReferenceEncoder) {
+    // Every seventh ideograph, both ends of the table included.
+    for (unsigned long cp = 0x4E00; cp <= 0x9FA5; cp += (cp == 0x9F9F ? 6 : 7)) {
+        const std::string gb = Reference("GB2312", cp);
+        unsigned short code = 0x5555;
+        ASSERT_EQ("", LookUp(cp, code, 0));
+        // The bytes lie in text order; our table marks what GB2312 lacks with 00 00.
+        EXPECT_EQ(gb.empty() ? std::string(2, '\0') : gb, std::string(reinterpret_cast<char*>(&code), 2))
+            << std::hex << cp;
+    }
+    unsigned short code = 0xABCD;
+    EXPECT_EQ("UnicodeToGb2312 unicode invalid parameter[4dff]\n", LookUp(0x4DFF, code, 0));
+    EXPECT_EQ("UnicodeToGb2312 unicode invalid parameter[9fa6]\n", LookUp(0x9FA6, code, 0));
+    EXPECT_EQ(0xABCD, code);
+}
+
+TEST_F(TextEncoding, FileErrorsFailLeaveTheResultAndCloseTheTable) {
+    const int descriptors = OpenDescriptors();
+    unsigned short code = 0;
+    ASSERT_EQ(0, truncate("fonts/gb2312fonttable", 41803));  // the last entry cut in half
+    EXPECT_EQ("", LookUp(0x9FA4, code, 0));
+    const unsigned short whole = code;
+    EXPECT_EQ("read gb2312fonttable faild, erro = No data available\n", LookUp(0x9FA5, code, -1));
+    ASSERT_EQ(0, system("rm -r fonts/gb2312fonttable && mkdir fonts/gb2312fonttable"));
+    EXPECT_EQ("read gb2312fonttable faild, erro = Is a directory\n", LookUp(0x4E00, code, -1));
+    ASSERT_EQ(0, system("rm -r fonts"));
+    EXPECT_EQ("open gb2312fonttable faild, error = No such file or directory\n", LookUp(0x4E00, code, -1));
+    EXPECT_EQ(whole, code);
+    EXPECT_EQ(descriptors, OpenDescriptors()) << "every look-up closes the table";
+}
+
+TEST_F(TextEncoding, FileNameIsTheLastComponentUnlessThereIsNone) {
+    const char* path = "/mnt/sd1/video/ch01.mp4";
+    EXPECT_EQ(path + 15, file_name(path));
+    for (const char* whole : {"/mnt/sd1/", "ch01.mp4", ""}) {
+        EXPECT_EQ(whole, file_name(whole));
+    }
+}

@@ -1,5 +1,9 @@
-// Common utilities of the service. This file holds the JSON access helpers: typed reads,
-// text and file conversions, the document merge and the JsonUtils member tests.
+// Common utilities of the service, declared in include/CommonDefine.h and split by concern:
+//   CommonDefine.cpp    JSON access helpers: typed reads, text and file conversions, the
+//                       document merge and the JsonUtils member tests
+//   CommonEncoding.cpp  UTF-8 decoding and the GB2312 table look-up
+//   CommonMedia.cpp     stored media values to encoder and output settings
+//   CommonFile.cpp      directories, folder search, hex dumps, delays, business ids
 #include "CommonDefine.h"
 
 #include <string.h>
