@@ -1,0 +1,305 @@
+// The block pool: where a request is served, how freed space comes back, the large-record
+// list, the chunk cache, refusals of bad input, and several threads at once.
+#include <stddef.h>
+#include <stdint.h>
+#include <string.h>
+
+#include <algorithm>
+#include <random>
+#include <string>
+#include <thread>
+#include <vector>
+
+#include <gtest/gtest.h>
+
+#include "cbb_mempool.h"
+
+namespace {
+
+// Runs `action` and checks that the pool printed exactly one line,
+// "[truck_TruckCBB/CM/src/cbb_mempool::<func>::<line>]<text>".
+template <class Action>
+void ExpectPrinted(const std::string& func, const std::string& text, Action action) {
+    testing::internal::CaptureStderr();
+    action();
+    const std::string out = testing::internal::GetCapturedStderr();
+    const std::string head = "[truck_TruckCBB/CM/src/cbb_mempool::" + func + "::";
+    const size_t close = out.find(']');
+    ASSERT_EQ(out.compare(0, head.size(), head), 0) << out;
+    ASSERT_NE(close, std::string::npos) << out;
+    const std::string line = out.substr(head.size(), close - head.size());
+    EXPECT_TRUE(!line.empty() && line.find_first_not_of("0123456789") == std::string::npos) << out;
+    EXPECT_EQ(out.substr(close + 1), text);
+}
+
+std::string NotFound(const void* p) {
+    char text[48];
+    snprintf(text, sizeof(text), "addr %p not found\n", p);
+    return text;
+}
+
+}  // namespace
+
+TEST(MempoolPlacement, SmallRequestsComeFromBlocksAndLargeOnesFromTheHeapUpToOneFullHdFrame) {
+    JQ_CBB_Mempool pool(4096);
+    EXPECT_EQ(pool.GetLargeThreshold(), 4096u - 24u);  // six 32-bit words of header on every width
+    void* small = pool.JQ_CBB_Alloc(4071, false);
+    EXPECT_EQ(pool.GetLargeRecordCount(), 0u);
+    void* large = pool.JQ_CBB_Alloc(4072, false);
+    EXPECT_EQ(pool.GetLargeRecordCount(), 1u);
+    memset(small, 0x11, 4071);
+    memset(large, 0x22, 4072);
+    EXPECT_EQ(pool.GetBlockCount(), 2u);  // the first block was full: the record started another
+    void* frame = pool.JQ_CBB_Alloc(3110400, false);
+    ASSERT_NE(frame, nullptr);
+    memset(frame, 0x33, 3110400);
+    ExpectPrinted("alloc_large", "size[3110401] too large!\n",
+                  [&] { EXPECT_EQ(pool.JQ_CBB_Alloc(3110401, true), nullptr); });
+    pool.JQ_CBB_Free(large);
+    pool.JQ_CBB_Free(frame);
+
+    // A larger block caps the threshold at 4096; a block smaller than its header still works.
+    EXPECT_EQ(JQ_CBB_Mempool(8192).GetLargeThreshold(), 4096u);
+    JQ_CBB_Mempool tiny(3);
+    for (unsigned int size : {tiny.GetLargeThreshold() - 1, 100u}) {
+        void* p = tiny.JQ_CBB_Alloc(size, false);
+        ASSERT_NE(p, nullptr);
+        memset(p, 0, size);
+        tiny.JQ_CBB_Free(p);
+    }
+}
+
+TEST(MempoolReuse, ABlockWhoseAllocationsAreAllFreedIsFilledAgainFirst) {
+    JQ_CBB_Mempool pool(4096);
+    void* a = pool.JQ_CBB_Alloc(3000, false);  // block 0, where the search starts
+    auto* c = static_cast<unsigned char*>(pool.JQ_CBB_Alloc(2000, false));  // no room: block 1
+    void* d = pool.JQ_CBB_Alloc(2000, false);                               // block 1 again
+    ASSERT_EQ(pool.GetBlockCount(), 2u);
+    EXPECT_EQ(d, c + 2000);
+
+    // A new block's first allocation counts as live: freeing only the second keeps block 1
+    // where it is, and block 0 still serves first.
+    pool.JQ_CBB_Free(d);
+    void* e = pool.JQ_CBB_Alloc(100, false);
+    EXPECT_EQ(e, static_cast<unsigned char*>(a) + 3000);
+    pool.JQ_CBB_Free(e);
+
+    // Emptied, block 1 becomes the current block and is handed out again from its start,
+    // before block 0's remaining room; the current block empties in place the same way.
+    pool.JQ_CBB_Free(c);
+    EXPECT_EQ(pool.JQ_CBB_Alloc(100, false), c);
+    EXPECT_EQ(pool.JQ_CBB_Alloc(3900, false), c + 104);
+    pool.JQ_CBB_Free(c + 104);
+    pool.JQ_CBB_Free(c);
+    EXPECT_EQ(pool.JQ_CBB_Alloc(4000, false), c);
+    EXPECT_EQ(pool.GetBlockCount(), 2u);
+}
+
+// Lifetimes drawn at random are the hardest case for whole-block reuse: a survivor pins its
+// block. Still every block but the newest holds something live, so the block count follows
+// the peak of what is live, and the large-record list follows the live large allocations.
+TEST(MempoolReuse, RandomLifetimesKeepEveryAllocationIntactAndTheFootprintBoundedByWhatIsLive) {
+    JQ_CBB_Mempool pool(4096);
+    std::mt19937 random(7);
+    struct Live {
+        unsigned char* p;
+        size_t size;
+        unsigned char fill;
+    };
+    std::vector<Live> live;
+    size_t liveLarge = 0;
+    size_t peakLive = 0;
+    for (int round = 0; round < 60000; ++round) {
+        if (live.size() < 300 && random() % 2 == 0) {
+            const size_t size = random() % 10 == 0 ? 4072 + random() % 20000 : 1 + random() % 600;
+            auto* p = static_cast<unsigned char*>(pool.JQ_CBB_Alloc(static_cast<unsigned int>(size), false));
+            ASSERT_NE(p, nullptr);
+            ASSERT_EQ(reinterpret_cast<uintptr_t>(p) % 8, 0u) << "timer nodes hold pointers and atomics";
+            live.push_back({p, size, static_cast<unsigned char>(random())});
+            memset(p, live.back().fill, size);
+            liveLarge += size >= 4072 ? 1 : 0;
+        } else if (!live.empty()) {
+            const size_t pick = random() % live.size();
+            const Live gone = live[pick];
+            for (size_t i = 0; i < gone.size; ++i) {
+                ASSERT_EQ(gone.p[i], gone.fill) << "overwritten by another allocation";
+            }
+            pool.JQ_CBB_Free(gone.p);
+            liveLarge -= gone.size >= 4072 ? 1 : 0;
+            live[pick] = live.back();
+            live.pop_back();
+        }
+        peakLive = std::max(peakLive, live.size());
+        ASSERT_LE(pool.GetLargeRecordCount(), liveLarge + 6);
+        // Live small allocations, plus at most six idle records, plus the newest block.
+        ASSERT_LE(pool.GetBlockCount(), peakLive + 7);
+    }
+    for (const Live& entry : live) {
+        pool.JQ_CBB_Free(entry.p);
+    }
+    EXPECT_LE(pool.GetAddressMapSize(), 6u);  // only the idle large records are left
+}
+
+// Large records beyond the first six are unlinked when their allocation is freed. Here they
+// sit alone in a block that then empties and is written over: a record still linked would
+// send the next walk of the list into that data.
+TEST(MempoolLargeRecords, RecordsOfFreedAllocationsNeverOutliveTheirBlock) {
+    JQ_CBB_Mempool pool(4096);
+    std::vector<void*> older, newer;
+    for (int i = 0; i < 4; ++i) {
+        older.push_back(pool.JQ_CBB_Alloc(5000, false));  // records in block 0
+    }
+    void* filler = pool.JQ_CBB_Alloc(pool.GetLargeThreshold() - 4 * sizeof(LargeRecord) - 1, false);
+    for (int i = 0; i < 6; ++i) {
+        newer.push_back(pool.JQ_CBB_Alloc(5000, false));  // records in block 1
+    }
+    ASSERT_EQ(pool.GetBlockCount(), 2u);
+    for (void* p : older) {
+        pool.JQ_CBB_Free(p);  // positions 6 to 9
+    }
+    EXPECT_EQ(pool.GetLargeRecordCount(), 6u);
+    pool.JQ_CBB_Free(filler);
+    for (int i = 0; i < 8; ++i) {
+        memset(pool.JQ_CBB_Alloc(500, false), 0xAB, 500);  // over block 0, rewound
+    }
+    EXPECT_EQ(pool.GetBlockCount(), 2u);
+
+    // Six idle records are reused, not added to.
+    for (void*& p : newer) {
+        pool.JQ_CBB_Free(p);
+        p = pool.JQ_CBB_Alloc(6000, false);
+    }
+    EXPECT_EQ(pool.GetLargeRecordCount(), 6u);
+    int unknown = 0;  // walks the whole list, as the destructor does
+    ExpectPrinted("JQ_CBB_Free", NotFound(&unknown), [&] { pool.JQ_CBB_Free(&unknown); });
+    for (void* p : newer) {
+        pool.JQ_CBB_Free(p);
+    }
+}
+
+TEST(MempoolReset, ReleasesEverythingAtOnceAndForgetsTheAddressesItHandedOut) {
+    JQ_CBB_Mempool pool(4096);
+    void* first = pool.JQ_CBB_Alloc(64, true);
+    for (int i = 0; i < 200; ++i) {
+        pool.JQ_CBB_Alloc(100, false);
+    }
+    pool.JQ_CBB_Alloc(100000, false);  // freed by the reset, or the leak checker complains
+    int size = 300;
+    char* chunk = pool.JQ_CBB_GetChunk(size);
+    const unsigned int blocks = pool.GetBlockCount();
+
+    pool.JQ_CBB_Reset();
+    EXPECT_EQ(pool.GetLargeRecordCount(), 0u);
+    EXPECT_EQ(pool.GetAddressMapSize(), 0u);
+    EXPECT_EQ(pool.GetBlockCount(), blocks);
+    // A late free of an address from before is refused rather than taken from a count.
+    ExpectPrinted("JQ_CBB_Free", NotFound(first), [&] { pool.JQ_CBB_Free(first); });
+    EXPECT_EQ(pool.JQ_CBB_Alloc(64, true), first);
+    pool.JQ_CBB_PutChunk(size, chunk);  // chunks are not the blocks' business
+}
+
+TEST(MempoolChunks, ChunksComeFromTheNextLargerClassAndGoBackToTheOneTheyCameFrom) {
+    JQ_CBB_Mempool pool(4096);
+    int size = 255;
+    char* c256 = pool.JQ_CBB_GetChunk(size);
+    EXPECT_EQ(size, 256);
+    size = 256;
+    char* c512 = pool.JQ_CBB_GetChunk(size);
+    EXPECT_EQ(size, 512);
+    memset(c512, 2, 512);
+    size = -5;
+    char* negative = pool.JQ_CBB_GetChunk(size);
+    EXPECT_EQ(size, 256);
+    pool.JQ_CBB_PutChunk(255, c256);
+    size = 255;
+    EXPECT_EQ(pool.JQ_CBB_GetChunk(size), c256);
+
+    // 512, the size reported, would look up as the 1024 class: the chunk must still go back
+    // to 512, and never be handed out as 1024 bytes.
+    pool.JQ_CBB_PutChunk(512, c512);
+    size = 600;
+    char* c1024 = pool.JQ_CBB_GetChunk(size);
+    EXPECT_NE(c1024, c512);
+    size = 300;
+    EXPECT_EQ(pool.JQ_CBB_GetChunk(size), c512);
+
+    size = 134217728;  // no class is larger
+    ExpectPrinted("JQ_CBB_GetChunk", "size[134217728] too large!\n",
+                  [&] { EXPECT_EQ(pool.JQ_CBB_GetChunk(size), nullptr); });
+    EXPECT_EQ(size, 134217728);
+    for (char* chunk : {c256, c512, c1024, negative}) {
+        pool.JQ_CBB_PutChunk(256, chunk);
+    }
+}
+
+TEST(MempoolRefusals, BadInputPrintsItsMessageAndChangesNothing) {
+    JQ_CBB_Mempool pool(4096);
+    void* kept = pool.JQ_CBB_Alloc(40, false);
+    memset(kept, 0x3C, 40);
+    void* freed = pool.JQ_CBB_Alloc(40, false);
+    pool.JQ_CBB_Free(freed);
+    int onStack = 0;
+    char* stray = reinterpret_cast<char*>(&onStack);
+    int size = 0;
+
+    ExpectPrinted("JQ_CBB_Alloc", "size == 0!!\n", [&] { EXPECT_EQ(pool.JQ_CBB_Alloc(0, false), nullptr); });
+    ExpectPrinted("JQ_CBB_Free", NotFound(&onStack), [&] { pool.JQ_CBB_Free(&onStack); });
+    // A second free must not take another count from the block, which would rewind it
+    // under `kept`.
+    ExpectPrinted("JQ_CBB_Free", NotFound(freed), [&] { pool.JQ_CBB_Free(freed); });
+    ExpectPrinted("JQ_CBB_GetChunk", "size == 0!!\n",
+                  [&] { EXPECT_EQ(pool.JQ_CBB_GetChunk(size), nullptr); });
+    ExpectPrinted("JQ_CBB_PutChunk", "size == 0 || null == data !!\n",
+                  [&] { pool.JQ_CBB_PutChunk(0, stray); });
+    ExpectPrinted("JQ_CBB_PutChunk", "size == 0 || null == data !!\n",
+                  [&] { pool.JQ_CBB_PutChunk(9, nullptr); });
+    ExpectPrinted("JQ_CBB_PutChunk", NotFound(stray), [&] { pool.JQ_CBB_PutChunk(256, stray); });
+    size = 256;
+    char* chunk = pool.JQ_CBB_GetChunk(size);
+    pool.JQ_CBB_PutChunk(size, chunk);
+    ExpectPrinted("JQ_CBB_PutChunk", NotFound(chunk), [&] { pool.JQ_CBB_PutChunk(size, chunk); });
+    testing::internal::CaptureStderr();
+    pool.JQ_CBB_Free(nullptr);
+    EXPECT_EQ(testing::internal::GetCapturedStderr(), "");
+
+    EXPECT_EQ(pool.GetAddressMapSize(), 1u);
+    EXPECT_EQ(pool.JQ_CBB_Alloc(40, false), static_cast<char*>(kept) + 80) << "block not rewound";
+    EXPECT_EQ(std::count(static_cast<char*>(kept), static_cast<char*>(kept) + 40, 0x3C), 40);
+}
+
+TEST(MempoolThreads, ThreadsAllocatingAndFreeingAtOnceNeverShareMemory) {
+    JQ_CBB_Mempool pool(4096);
+    std::vector<std::thread> threads;
+    std::vector<int> failures(4, 0);
+    for (int t = 0; t < 4; ++t) {
+        threads.emplace_back([&pool, &failures, t] {
+            std::mt19937 random(100 + t);
+            std::vector<std::pair<unsigned char*, size_t>> mine;
+            const unsigned char mark = static_cast<unsigned char>(0x10 + t);
+            for (int i = 0; i < 20000; ++i) {
+                if (mine.size() < 64 && random() % 3 != 0) {
+                    const size_t size = random() % 16 == 0 ? 4100 + random() % 4000 : 1 + random() % 300;
+                    auto* p = static_cast<unsigned char*>(
+                        pool.JQ_CBB_Alloc(static_cast<unsigned int>(size), false));
+                    memset(p, mark, size);
+                    mine.emplace_back(p, size);
+                } else if (!mine.empty()) {
+                    const size_t pick = random() % mine.size();
+                    failures[t] += std::count(mine[pick].first, mine[pick].first + mine[pick].second, mark) !=
+                                   static_cast<std::ptrdiff_t>(mine[pick].second);
+                    pool.JQ_CBB_Free(mine[pick].first);
+                    mine[pick] = mine.back();
+                    mine.pop_back();
+                }
+            }
+            for (const auto& entry : mine) {
+                pool.JQ_CBB_Free(entry.first);
+            }
+        });
+    }
+    for (std::thread& thread : threads) {
+        thread.join();
+    }
+    EXPECT_EQ(failures, std::vector<int>(4, 0));
+    EXPECT_LE(pool.GetAddressMapSize(), 6u);
+}

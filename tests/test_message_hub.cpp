@@ -1,0 +1,427 @@
+// The message hub inside the simulated device: local delivery, the bus both ways, many
+// threads and subscribers that change subscriptions from inside their call, the pace it takes
+// from the timestamp clock, its lifecycle; and the platform's message calls beneath it.
+#include <dirent.h>
+#include <sched.h>
+#include <string.h>
+#include <sys/prctl.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <atomic>
+#include <condition_variable>
+#include <fstream>
+#include <mutex>
+#include <stdexcept>
+#include <string>
+#include <thread>
+#include <vector>
+
+#include "HC.h"
+#include "JQ_SDK_MSG.h"
+#include "MsgClientManage.h"
+#include "TestSupport.h"
+#include "TruckServiceManage.h"
+
+namespace {
+
+std::string CurrentThreadName() {
+    char name[17] = {0};
+    prctl(PR_GET_NAME, name, 0, 0, 0);
+    return name;
+}
+
+// Thread id and name of every thread of the process.
+std::vector<std::pair<int, std::string>> Tasks() {
+    std::vector<std::pair<int, std::string>> tasks;
+    DIR* dir = opendir("/proc/self/task");
+    for (const dirent* entry = readdir(dir); entry != nullptr; entry = readdir(dir)) {
+        std::string name;
+        std::getline(std::ifstream(std::string("/proc/self/task/") + entry->d_name + "/comm"), name);
+        tasks.emplace_back(atoi(entry->d_name), name);
+    }
+    closedir(dir);
+    return tasks;
+}
+
+int CountThreads(const std::string& name) {
+    const auto tasks = Tasks();
+    return static_cast<int>(
+        std::count_if(tasks.begin(), tasks.end(), [&](const auto& t) { return t.second == name; }));
+}
+
+// What a subscriber received, and on which thread.
+struct Inbox {
+    std::mutex mutex;
+    std::condition_variable changed;
+    std::vector<std::string> texts, threads;
+    int nullData = 0, withUser = 0;
+
+    void Put(const char* data, int length, void* user = nullptr) {
+        std::lock_guard<std::mutex> lock(mutex);
+        texts.emplace_back(data != nullptr ? std::string(data, static_cast<size_t>(length)) : std::string());
+        threads.push_back(CurrentThreadName());
+        nullData += data == nullptr ? 1 : 0;
+        withUser += user != nullptr ? 1 : 0;
+        changed.notify_all();
+    }
+    void OnEvent(const char* data, int length) { Put(data, length); }
+    bool WaitFor(size_t count) {
+        std::unique_lock<std::mutex> lock(mutex);
+        return changed.wait_for(lock, std::chrono::milliseconds(kGenerousMs),
+                                [&] { return texts.size() >= count; });
+    }
+    size_t Count() {
+        std::lock_guard<std::mutex> lock(mutex);
+        return texts.size();
+    }
+};
+
+Inbox* g_fnInbox = nullptr;
+void FnSubscriber(const char* data, int length, void* user) {
+    g_fnInbox->Put(data, length, user);
+}
+
+Subscriber* InboxSubscriber(Inbox& inbox) {
+    auto* subscriber = new Subscriber;
+    subscriber->key = &inbox;
+    subscriber->callback = [&inbox](const char* data, int length) { inbox.Put(data, length); };
+    return subscriber;
+}
+
+class Hub : public DeviceTest {
+protected:
+    // Waits until the scheduler has begun `passes` more passes; each waits for the bus once.
+    static bool WaitForPasses(uint64_t passes) {
+        const uint64_t target = nvx::CallCount("JQ_SDK_MSG_WaitForEvent") + passes;
+        return Eventually([&] { return nvx::CallCount("JQ_SDK_MSG_WaitForEvent") >= target; });
+    }
+    static long Queued() {
+        const auto lines = nvx::CapturedLogs();
+        return std::count_if(lines.begin(), lines.end(),
+                             [](const nvx::LogLine& l) { return l.func == "Publish" && l.level == 3; });
+    }
+};
+using MsgSdk = DeviceTest;
+
+}  // namespace
+
+// The calls themselves are exercised through the hub below; here, what they refuse.
+TEST_F(MsgSdk, DeadHandlesAndOtherModesAreRefused) {
+    EXPECT_EQ(JQ_SDK_MSG_Initialize(30, 0), nullptr);
+    nvx::SetMsgInitFails(true);
+    EXPECT_EQ(JQ_SDK_MSG_Initialize(30, 1), nullptr);
+    nvx::SetMsgInitFails(false);
+    JQ_MSG_HANDLE handle = JQ_SDK_MSG_Initialize(30, 1);
+    ASSERT_EQ(JQ_SDK_MSG_Uninitialize(handle), 0);
+    int other = 0;
+    for (JQ_MSG_HANDLE dead :
+         {handle, static_cast<JQ_MSG_HANDLE>(nullptr), static_cast<JQ_MSG_HANDLE>(&other)}) {
+        EXPECT_EQ(JQ_SDK_MSG_Uninitialize(dead), -1);
+        EXPECT_EQ(JQ_SDK_MSG_Register(dead, 0x2001, FnSubscriber, nullptr), -1);
+        EXPECT_EQ(JQ_SDK_MSG_Unregister(dead, 0x2001), -1);
+        EXPECT_EQ(JQ_SDK_MSG_Send(dead, 0, 0x2001, 0, "a", 1, 0), -1);
+        EXPECT_EQ(JQ_SDK_MSG_Response(dead, 0, 0x2001, "a", 1, 0), -1);
+        EXPECT_EQ(JQ_SDK_MSG_WaitForEvent(dead, 0), -1);
+        EXPECT_EQ(JQ_SDK_MSG_SendHeartbeat(dead), -1);
+    }
+    EXPECT_TRUE(nvx::SentMessages().empty());
+}
+
+TEST_F(Hub, LocalEventsReachEverySubscriberInOrderAsTheHubsOwnCopyOnItsThread) {
+    MsgManager hub;
+    Inbox fnInbox, callbackInbox;
+    g_fnInbox = &fnInbox;
+    EXPECT_EQ(hub.Publish(1, 0x10100, "lost", 4, MSG_TYPE_SEND, 0), 0);
+    EXPECT_EQ(Queued(), 0) << "no subscriber: nothing is queued";
+
+    ASSERT_EQ(hub.Subscribe(0x10100, FnSubscriber), 0);
+    ASSERT_EQ(hub.Subscribe(0x10100, InboxSubscriber(callbackInbox)), 0);
+    char payload[] = "first";
+    ASSERT_EQ(hub.Publish(1, 0x10100, payload, 5, MSG_TYPE_SEND, 0), 0);
+    memset(payload, 'X', 5);  // the hub delivers its own copy
+    ASSERT_EQ(hub.Publish(2, 0x10100, payload, 0, MSG_TYPE_SEND, 0), 0);
+    ASSERT_EQ(hub.Publish(3, 0x10100, "third", 5, MSG_TYPE_RESPONSE, 0), 0);
+    ASSERT_EQ(hub.Publish(4, 0x10100, nullptr, 2, MSG_TYPE_SEND, 0), 0);
+    ASSERT_TRUE(fnInbox.WaitFor(4));
+    ASSERT_TRUE(callbackInbox.WaitFor(4));
+    const std::vector<std::string> expected{"first", "", "third", std::string(2, '\0')};
+    EXPECT_EQ(fnInbox.texts, expected);
+    EXPECT_EQ(callbackInbox.texts, expected);
+    EXPECT_EQ(fnInbox.nullData, 1) << "a length of 0 delivers no data";
+    EXPECT_EQ(fnInbox.withUser, 0);
+    EXPECT_EQ(fnInbox.threads[0], "HCt");
+    EXPECT_TRUE(nvx::SentMessages().empty()) << "local events never reach the bus";
+}
+
+TEST_F(Hub, BusEventsGoOutAsSendsOrResponsesOrStayLocalByTheirType) {
+    MsgManager hub;
+    CMsgClientManage listener("listener", 30, nullptr);
+    Inbox remote, local;
+    listener.MSGEventRegister(1, 0x3001, &remote, &Inbox::OnEvent);
+    ASSERT_EQ(hub.Subscribe(0x3002, InboxSubscriber(local)), 0);
+
+    hub.Publish(5, 0x3001, "s0", 2, MSG_TYPE_SEND, 0x11);
+    hub.Publish(6, 0x3001, "s1", 2, MSG_TYPE_REQUEST, 0x12);
+    hub.Publish(7, 0x3001, "r2", 2, MSG_TYPE_RESPONSE, 0x13);
+    hub.Publish(8, 0x3002, "l3", 2, MSG_TYPE_LOCAL, 0x14);
+    hub.Publish(9, 0x3001, "s4", 2, static_cast<MSG_TYPE_E>(7), 0x15);
+    ASSERT_TRUE(nvx::WaitForSent([](const nvx::BusMessage& m) { return m.session == 9; }, kGenerousMs));
+
+    const std::vector<nvx::BusMessage> sent = nvx::SentMessages();
+    ASSERT_EQ(sent.size(), 4u) << "the local one stays in the process";
+    const int sessions[] = {5, 6, 7, 9}, flags[] = {0, 1, 0, 1}, sources[] = {0x11, 0x12, 0x13, 0x15};
+    for (size_t i = 0; i < sent.size(); ++i) {
+        EXPECT_EQ(sent[i].client, nvx::kMsgHandleClient);
+        EXPECT_EQ(sent[i].event, 0x3001);
+        EXPECT_EQ(sent[i].session, sessions[i]);
+        EXPECT_EQ(sent[i].flag, flags[i]);
+        EXPECT_EQ(sent[i].response, i == 2);
+        EXPECT_EQ(sent[i].source, static_cast<uint32_t>(sources[i]));
+    }
+    EXPECT_EQ(local.texts, std::vector<std::string>{"l3"});
+    EXPECT_EQ(listener.MSGWaitForEvent(0), 4);
+    EXPECT_EQ(remote.texts, (std::vector<std::string>{"s0", "s1", "r2", "s4"}));
+}
+
+TEST_F(Hub, BusMessagesReachSubscribersThroughOneRegistrationThatOutlivesItsFirstSubscriber) {
+    MsgManager hub;
+    Inbox first, second, again;
+    ASSERT_EQ(hub.Subscribe(0x4001, InboxSubscriber(first)), 0);
+    ASSERT_EQ(hub.Subscribe(0x4001, InboxSubscriber(second)), 0);
+    EXPECT_EQ(nvx::CallCount("JQ_SDK_MSG_Register"), 1u);
+    EXPECT_EQ(nvx::InjectBusEvent(0x4001, "in", 2), 1);
+    CMsgClientManage sender("sender", 30, nullptr);
+    sender.MSGSendMessage(0, 0x4001, 0, "cm", 2, 1);
+    ASSERT_TRUE(first.WaitFor(2));
+    ASSERT_TRUE(second.WaitFor(2));
+    EXPECT_EQ(first.texts, (std::vector<std::string>{"in", "cm"}));
+    EXPECT_EQ(first.threads[0], "HCt");
+
+    // The first subscriber goes; the registration that was made with it carries on.
+    hub.UnSubscribe(0x4001, &first);
+    EXPECT_EQ(nvx::CallCount("JQ_SDK_MSG_Unregister"), 0u);
+    EXPECT_EQ(nvx::InjectBusEvent(0x4001, "after", 5), 1);
+    ASSERT_TRUE(second.WaitFor(3));
+    ASSERT_TRUE(WaitForPasses(2));
+    EXPECT_EQ(first.Count(), 2u);
+
+    hub.UnSubscribe(0x4001, &second);
+    EXPECT_EQ(nvx::CallCount("JQ_SDK_MSG_Unregister"), 1u);
+    EXPECT_EQ(nvx::InjectBusEvent(0x4001, "gone", 4), 0);
+    ASSERT_EQ(hub.Subscribe(0x4001, InboxSubscriber(again)), 0);
+    EXPECT_EQ(nvx::InjectBusEvent(0x4001, "back", 4), 1);
+    EXPECT_TRUE(again.WaitFor(1));
+}
+
+TEST_F(Hub, BadInputIsRefusedAndOnlyTheSubscribingThreadUnsubscribes) {
+    MsgManager hub;
+    Inbox inbox;
+    g_fnInbox = &inbox;
+    EXPECT_EQ(hub.Publish(0, 0xFFF, "abc", 3, MSG_TYPE_SEND, 0), -1);
+    EXPECT_TRUE(Logged("TRUCK", 0, "HC-param invalid!! [event 0xfff, length 3]\n"));
+    EXPECT_EQ(hub.Publish(0, 0x2000, "abc", -1, MSG_TYPE_SEND, 0), -1);
+    EXPECT_EQ(hub.Subscribe(0x10200, static_cast<Subscriber*>(nullptr)), -1);
+    EXPECT_EQ(hub.Subscribe(0x10200, static_cast<void (*)(const char*, int, void*)>(nullptr)), -1);
+    Subscriber* twice = InboxSubscriber(inbox);
+    ASSERT_EQ(hub.Subscribe(0x10201, twice), 0);
+    EXPECT_EQ(hub.Subscribe(0x10202, twice), -1) << "the hub would delete it twice";
+    EXPECT_EQ(Queued(), 0);
+
+    ASSERT_EQ(hub.Subscribe(0x10200, FnSubscriber), 0);
+    std::thread([&] { hub.UnSubscribe(0x10200, reinterpret_cast<void*>(FnSubscriber)); }).join();
+    ASSERT_EQ(hub.Publish(0, 0x10200, "kept", 4, MSG_TYPE_SEND, 0), 0);
+    ASSERT_TRUE(inbox.WaitFor(1));
+    hub.UnSubscribe(0x10200, reinterpret_cast<void*>(FnSubscriber));
+    ASSERT_EQ(hub.Publish(0, 0x10200, "gone", 4, MSG_TYPE_SEND, 0), 0);
+    EXPECT_EQ(Queued(), 1);
+}
+
+TEST_F(Hub, StressPublishersOnSeveralThreadsWithSubscribersThatChurnFromTheirCall) {
+    nvx::StopLogCapture();  // the hub logs every event twice
+    nvx::SetBusWaitsInstant(true);
+    MsgManager hub;
+    const int relayEvent = 0x10401, steadyEvent = 0x10402, onceEvent = 0x10403;
+    const int kThreads = 4, kRelayed = 600, kSteady = 150;
+    std::atomic<int> relayed{0}, steady{0}, onceCalls{0};
+
+    // Each relayed event subscribes, from the scheduler thread, a one-shot subscriber and
+    // publishes to it. The one-shot removes itself and then still uses what its call holds.
+    Subscriber* relay = new Subscriber;
+    relay->callback = [&](const char* data, int length) {
+        ++relayed;
+        auto* once = new Subscriber;
+        once->key = once;
+        std::atomic<int>* calls = &onceCalls;
+        once->callback = [&hub, once, calls, onceEvent](const char*, int) {
+            hub.UnSubscribe(onceEvent, once);
+            ++*calls;
+        };
+        hub.Subscribe(onceEvent, once);
+        hub.Publish(0, onceEvent, data, length, MSG_TYPE_SEND, 0);
+        hub.Publish(0, 0x10404, data, length, MSG_TYPE_SEND, 0);  // nobody listens: dropped
+    };
+    ASSERT_EQ(hub.Subscribe(relayEvent, relay), 0);
+    Subscriber* counter = new Subscriber;
+    counter->callback = [&](const char*, int) { ++steady; };
+    ASSERT_EQ(hub.Subscribe(steadyEvent, counter), 0);
+
+    std::vector<std::thread> publishers;
+    for (int t = 0; t < kThreads; ++t) {
+        publishers.emplace_back([&, t] {
+            int passing = 0;  // written by the scheduler only
+            for (int i = 0; i < kRelayed; ++i) {
+                const std::string text = std::to_string(t) + ":" + std::to_string(i);
+                hub.Publish(t, relayEvent, text.data(), static_cast<int>(text.size()), MSG_TYPE_SEND, 0);
+                hub.Publish(t, 0x0FFF, "x", 1, MSG_TYPE_SEND, 0);  // refused
+                if (i % (kRelayed / kSteady) == 0) {
+                    // A subscription that comes and goes while deliveries of its event run.
+                    auto* brief = new Subscriber;
+                    brief->key = &passing;
+                    brief->callback = [&passing](const char*, int) { ++passing; };
+                    hub.Subscribe(steadyEvent, brief);
+                    hub.Publish(t, steadyEvent, text.data(), static_cast<int>(text.size()), MSG_TYPE_SEND, 0);
+                    hub.UnSubscribe(steadyEvent, &passing);
+                }
+            }
+        });
+    }
+    for (std::thread& publisher : publishers) {
+        publisher.join();
+    }
+    const int total = kThreads * kRelayed;
+    EXPECT_TRUE(
+        Eventually([&] { return onceCalls.load() == total && steady.load() == kThreads * kSteady; }, 120000));
+    EXPECT_EQ(relayed.load(), total);
+    EXPECT_EQ(onceCalls.load(), total) << "each one-shot subscriber is called exactly once";
+}
+
+TEST_F(Hub, HeartbeatAndWheelFollowTheTimestampSecondsNotTheWallClock) {
+    int64_t wall = 1767323045000000;
+    nvx::HoldWallClockMicros(wall);
+    BTime* clock = BTime::GetInstance();
+    ASSERT_TRUE(Eventually([&] { return clock->wallMicros.load() == static_cast<uint64_t>(wall); }));
+    // Moves the timestamp to `second` in steps the clock accepts.
+    auto advanceTo = [&](uint64_t second) {
+        for (uint64_t stamp = clock->stampMicros.load(); stamp < second * 1000000;) {
+            const uint64_t step = std::min<uint64_t>(500000, second * 1000000 - stamp);
+            wall += static_cast<int64_t>(step);
+            stamp += step;
+            nvx::HoldWallClockMicros(wall);
+            ASSERT_TRUE(Eventually([&] { return clock->stampMicros.load() == stamp; }));
+        }
+    };
+    const uint64_t start = clock->stampMicros.load() / 1000000;
+    TimeWheel* wheel = TimeWheel::GetInstance();
+    const uint32_t shifts0 = wheel->GetCurrent();
+    auto shifts = [&] { return wheel->GetCurrent() - shifts0; };
+
+    MsgManager hub;
+    ASSERT_TRUE(WaitForPasses(1));
+    advanceTo(start + 15);
+    wall += 999999;  // one step short of the sixteenth second
+    nvx::HoldWallClockMicros(wall);
+    ASSERT_TRUE(Eventually([&] { return clock->stampMicros.load() == (start + 16) * 1000000 - 1; }));
+    ASSERT_TRUE(WaitForPasses(2));
+    EXPECT_EQ(nvx::WatchdogFeedCount(nvx::kMsgHandleClient), 0u);
+    EXPECT_EQ(shifts(), 15u);
+
+    advanceTo(start + 16);
+    EXPECT_TRUE(nvx::WaitForWatchdogFeeds(nvx::kMsgHandleClient, 1, kGenerousMs));
+    EXPECT_TRUE(Logged("TRUCK", 0, "HC Feed Watch-Dog\n"));
+    advanceTo(start + 31);
+    ASSERT_TRUE(WaitForPasses(2));
+    EXPECT_EQ(nvx::WatchdogFeedCount(nvx::kMsgHandleClient), 1u);
+    advanceTo(start + 32);
+    EXPECT_TRUE(nvx::WaitForWatchdogFeeds(nvx::kMsgHandleClient, 2, kGenerousMs));
+    EXPECT_TRUE(Eventually([&] { return shifts() == 32u; })) << "the beat goes out before the shifts";
+
+    // A pass held up in a subscriber for three timestamp seconds shifts three times at its end.
+    std::mutex gate;
+    std::condition_variable changed;
+    bool entered = false, released = false;
+    Subscriber* slow = new Subscriber;
+    slow->callback = [&](const char*, int) {
+        std::unique_lock<std::mutex> lock(gate);
+        entered = true;
+        changed.notify_all();
+        changed.wait(lock, [&] { return released; });
+    };
+    hub.Subscribe(0x10500, slow);
+    hub.Publish(0, 0x10500, nullptr, 0, MSG_TYPE_SEND, 0);
+    {
+        std::unique_lock<std::mutex> lock(gate);
+        ASSERT_TRUE(changed.wait_for(lock, std::chrono::milliseconds(kGenerousMs), [&] { return entered; }));
+    }
+    advanceTo(start + 35);
+    {
+        std::lock_guard<std::mutex> lock(gate);
+        released = true;
+        changed.notify_all();
+    }
+    EXPECT_TRUE(Eventually([&] { return shifts() == 35u; }));
+    ASSERT_TRUE(WaitForPasses(2));
+    EXPECT_EQ(shifts(), 35u);
+}
+
+TEST_F(Hub, AFailedConstructionLeavesNoThreadAndAnEarlyDestructionJoinsTheScheduler) {
+    nvx::SetMsgInitFails(true);
+    try {
+        MsgManager hub;
+        ADD_FAILURE() << "constructed without a message handle";
+    } catch (const std::runtime_error& e) {
+        EXPECT_STREQ(e.what(), "init failed!");
+    }
+    char nullText[32];
+    snprintf(nullText, sizeof(nullText), "mMsgHandle %p\n", static_cast<void*>(nullptr));
+    EXPECT_TRUE(Logged("", 0, nullText));
+    EXPECT_EQ(CountThreads("HCt"), 0);
+
+    nvx::SetMsgInitFails(false);
+    for (int i = 0; i < 20; ++i) {
+        MsgManager hub;  // gone long before its loop would begin
+    }
+    EXPECT_EQ(CountThreads("HCt"), 0);
+    EXPECT_EQ(nvx::CallCount("JQ_SDK_MSG_WaitForEvent"), 0u);
+    EXPECT_EQ(nvx::CallCount("JQ_SDK_MSG_Uninitialize"), 20u);
+}
+
+// In a process of its own: the service runs without the hub's threads, the first GetInstance
+// starts them (the scheduler pinned to the last processor), and exit ends them.
+static int SingletonLifeInAFreshProcess() {
+    tag_ServiceParam param;
+    param.ucRunning.store(0);
+    if (JQ_SDK_Service_Start(&param) != 0 || !nvx::WaitForWatchdogFeeds("truckbusiness.02", 3, kGenerousMs) ||
+        CountThreads("HCt") + CountThreads("BTime") != 0) {
+        return 1;
+    }
+    JQ_SDK_Service_Stop(&param);
+    if (MsgManager::GetInstance() != MsgManager::GetInstance() ||
+        !Eventually([] { return CountThreads("HCt") == 1 && CountThreads("BTime") == 1; })) {
+        return 2;
+    }
+    const long processors = sysconf(_SC_NPROCESSORS_CONF);
+    for (const auto& task : Tasks()) {
+        cpu_set_t set;
+        if (task.second == "HCt" && processors > 1 &&
+            (sched_getaffinity(task.first, sizeof(set), &set) != 0 || CPU_COUNT(&set) != 1 ||
+             !CPU_ISSET(processors - 1, &set))) {
+            return 3;
+        }
+    }
+    return 0;
+}
+
+TEST_F(Hub, TheSingletonsThreadsStartWithTheFirstUseAndEndWithTheProcess) {
+#if defined(__arm__)
+    // Re-executing the binary fails where it runs under user-mode emulation; forking needs a
+    // process in which no earlier test has made the singletons, as ctest gives each test.
+    if (CountThreads("BTime") != 0) {
+        GTEST_SKIP() << "the singletons exist already: run this test in a process of its own";
+    }
+    GTEST_FLAG_SET(death_test_style, "fast");
+#else
+    GTEST_FLAG_SET(death_test_style, "threadsafe");
+#endif
+    EXPECT_EXIT(exit(SingletonLifeInAFreshProcess()), testing::ExitedWithCode(0), "");
+}

@@ -27,6 +27,8 @@ DeviceProfile GetDeviceProfile();
 // Make the next initialisations fail until cleared.
 void SetGlobalInitFails(bool fails);
 void SetBasicInitFails(bool fails);
+// JQ_SDK_MSG_Initialize gives no handle until cleared.
+void SetMsgInitFails(bool fails);
 
 // The folder that stands for the device's "/" (empty: the real root). Sets TRUCK_SYSROOT,
 // which the plug-in reads as well; set it before the plug-in starts.
@@ -41,6 +43,11 @@ struct BusMessage {
     uint32_t source = 0;
     int event = 0;
     std::vector<uint8_t> payload;
+    // The session, the flag (JQ_SDK_MSG_Send's response flag, MSGSendMessage's flag) and
+    // whether the message went out as a JQ_SDK_MSG_Response.
+    int session = 0;
+    int flag = 0;
+    bool response = false;
 };
 // Queues an event for every client that has a handler registered for it; returns how many.
 int InjectBusEvent(int event, const void* data, size_t length);
@@ -57,6 +64,9 @@ int LiveClientCount();
 bool HasClient(const std::string& name);
 // Let MSGWaitForEvent return at once instead of waiting out its time-out.
 void SetBusWaitsInstant(bool instant);
+// Every handle of JQ_SDK_MSG_Initialize is a bus client of this name: what it sends is
+// recorded under it, and JQ_SDK_MSG_SendHeartbeat counts as its watchdog feed.
+inline constexpr char kMsgHandleClient[] = "JQ_SDK_MSG";
 
 // ---- watchdog ----
 uint64_t WatchdogFeedCount(const std::string& client);
@@ -88,6 +98,12 @@ void SetLogObserver(std::function<void(const LogLine&)> observer);
 // The device clock runs at real speed from the time set (seconds since 1970, no zone).
 void SetWallClock(time_t seconds);
 time_t WallClock();
+// gettimeofday in this process answers the device clock above. A test that needs exact steps
+// holds it at `micros` (microseconds since 1970): it stands there until held at another
+// value or let go, whatever SetWallClock does meanwhile. Reset lets it go. The date and time
+// calls of the SDK keep following the running device clock.
+void HoldWallClockMicros(int64_t micros);
+void ReleaseWallClock();
 
 // ---- platform calls and threads ----
 // How often an operation of the SDK was called since the last reset, by its name

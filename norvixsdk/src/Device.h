@@ -29,6 +29,7 @@ void ResetThreads();
 void ResetIdentity();
 void ResetStorage();
 void ResetParamStore();
+void ResetMsgSdk();
 
 // The parameter store: loaded by the global SDK's initialisation from the control's source
 // file, else from `devicePath` under the system root, and saved to that device path. Stopped
@@ -40,6 +41,14 @@ void StopParamStore();
 // Starts and stops the watchdog monitor (the platform's service thread).
 void StartWatchdogMonitor();
 void StopWatchdogMonitor();
+
+// The bus as the low-level message calls (MsgSdk.cpp) use it. PostBusMessage records a
+// message, hands it to the send observer and queues it for every client registered for its
+// event. FeedWatchdog counts a feed under `name` and watches `client` for a silence longer
+// than `silenceMs` (0: the bus's watchdog time-out); ForgetWatchdog stops watching it.
+void PostBusMessage(const BusMessage& message);
+void FeedWatchdog(const void* client, const std::string& name, uint64_t silenceMs);
+void ForgetWatchdog(const void* client);
 
 }  // namespace detail
 }  // namespace nvx

@@ -1,5 +1,6 @@
 // The in-process message bus: named clients, per-client event queues delivered on the
-// waiting thread, a record of everything sent, and the watchdog that clients feed.
+// waiting thread, a record of everything sent, and the watchdog that clients feed. The
+// low-level message calls (MsgSdk.cpp) put their handles on this bus as clients too.
 //
 // Locks: the bus mutex guards the client set, the record of sent messages, the observer
 // and the watchdog table; each client's mutex guards its queue and handlers. Order: bus
@@ -59,6 +60,7 @@ struct WatchdogEntry {
     std::string name;
     uint64_t lastFeedMs = 0;
     bool warned = false;
+    uint64_t silenceMs = 0;  // 0: the bus's time-out
 };
 
 struct Bus {
@@ -68,8 +70,8 @@ struct Bus {
     std::deque<BusMessage> sent;
     uint64_t sentTotal = 0;  // messages ever recorded; sent.front() is number sentTotal - sent.size()
     std::function<void(const BusMessage&)> observer;
-    std::map<const CMsgClientManage::Impl*, WatchdogEntry> watchdog;
-    std::map<std::string, uint64_t> feedCounts;  // by client name, kept after the client is gone
+    std::map<const void*, WatchdogEntry> watchdog;  // by client
+    std::map<std::string, uint64_t> feedCounts;     // by client name, kept after the client is gone
     std::condition_variable fed;
     uint64_t watchdogTimeoutMs = 10000;
 
@@ -107,7 +109,8 @@ void MonitorLoop() {
         std::vector<std::pair<std::string, uint64_t>> starving;
         for (auto& item : bus.watchdog) {
             WatchdogEntry& entry = item.second;
-            if (!entry.warned && now - entry.lastFeedMs > bus.watchdogTimeoutMs) {
+            const uint64_t silenceMs = entry.silenceMs != 0 ? entry.silenceMs : bus.watchdogTimeoutMs;
+            if (!entry.warned && now - entry.lastFeedMs > silenceMs) {
                 entry.warned = true;
                 starving.emplace_back(entry.name, now - entry.lastFeedMs);
             }
@@ -223,12 +226,55 @@ void SetWatchdogTimeoutMs(uint64_t ms) {
 namespace detail {
 
 void ResetBus() {
+    {
+        Bus& bus = TheBus();
+        std::lock_guard<std::mutex> lock(bus.mutex);
+        bus.sent.clear();
+        bus.feedCounts.clear();
+        bus.watchdogTimeoutMs = 10000;
+        g_instantWaits.store(false);
+    }
+    ResetMsgSdk();
+}
+
+void PostBusMessage(const BusMessage& message) {
+    Bus& bus = TheBus();
+    std::function<void(const BusMessage&)> observer;
+    {
+        std::lock_guard<std::mutex> lock(bus.mutex);
+        if (bus.sent.size() >= kMaxSent) {
+            bus.sent.pop_front();
+        }
+        bus.sent.push_back(message);
+        ++bus.sentTotal;
+        observer = bus.observer;
+        QueueForClients(bus, message.event, reinterpret_cast<const char*>(message.payload.data()),
+                        message.payload.size());
+    }
+    bus.sentChanged.notify_all();
+    if (observer) {
+        observer(message);
+    }
+}
+
+void FeedWatchdog(const void* client, const std::string& name, uint64_t silenceMs) {
+    Bus& bus = TheBus();
+    {
+        std::lock_guard<std::mutex> lock(bus.mutex);
+        WatchdogEntry& entry = bus.watchdog[client];
+        entry.name = name;
+        entry.lastFeedMs = ElapsedMs();
+        entry.warned = false;
+        entry.silenceMs = silenceMs;
+        ++bus.feedCounts[name];
+    }
+    bus.fed.notify_all();
+}
+
+void ForgetWatchdog(const void* client) {
     Bus& bus = TheBus();
     std::lock_guard<std::mutex> lock(bus.mutex);
-    bus.sent.clear();
-    bus.feedCounts.clear();
-    bus.watchdogTimeoutMs = 10000;
-    g_instantWaits.store(false);
+    bus.watchdog.erase(client);
 }
 
 void StartWatchdogMonitor() {
@@ -322,21 +368,12 @@ int CMsgClientManage::MSGWaitForEvent(int timeoutMs) {
 }
 
 int CMsgClientManage::MSGFeedWatchDog(unsigned long long /*nowMs*/) {
-    nvx::Bus& bus = nvx::TheBus();
-    {
-        std::lock_guard<std::mutex> lock(bus.mutex);
-        nvx::WatchdogEntry& entry = bus.watchdog[m_impl];
-        entry.name = m_impl->name;
-        entry.lastFeedMs = nvx::detail::ElapsedMs();
-        entry.warned = false;
-        ++bus.feedCounts[m_impl->name];
-    }
-    bus.fed.notify_all();
+    nvx::detail::FeedWatchdog(m_impl, m_impl->name, 0);
     return 0;
 }
 
-int CMsgClientManage::MSGSendMessage(int /*destination*/, int eventId, int /*flag*/, const char* data,
-                                     int length, int sourceId) {
+int CMsgClientManage::MSGSendMessage(int /*destination*/, int eventId, int flag, const char* data, int length,
+                                     int sourceId) {
     nvx::detail::CountCall("MSGSendMessage");
     if (length < 0 || (data == nullptr && length > 0)) {
         return -1;
@@ -348,23 +385,8 @@ int CMsgClientManage::MSGSendMessage(int /*destination*/, int eventId, int /*fla
     message.event = eventId;
     message.payload.assign(reinterpret_cast<const uint8_t*>(data),
                            reinterpret_cast<const uint8_t*>(data) + length);
-
-    nvx::Bus& bus = nvx::TheBus();
-    std::function<void(const nvx::BusMessage&)> observer;
-    {
-        std::lock_guard<std::mutex> lock(bus.mutex);
-        if (bus.sent.size() >= nvx::kMaxSent) {
-            bus.sent.pop_front();
-        }
-        bus.sent.push_back(message);
-        ++bus.sentTotal;
-        observer = bus.observer;
-        nvx::QueueForClients(bus, eventId, data, static_cast<size_t>(length));
-    }
-    bus.sentChanged.notify_all();
-    if (observer) {
-        observer(message);
-    }
+    message.flag = flag;
+    nvx::detail::PostBusMessage(message);
     return 0;
 }
 
