@@ -5,7 +5,13 @@
 
 #include <string.h>
 
+#include <filesystem>
+#include <fstream>
+#include <string>
+#include <system_error>
+
 #include "OsUtils.h"
+#include "TestSupport.h"
 #include "TruckServiceManage.h"
 
 struct CycleRunner {
@@ -25,5 +31,46 @@ inline tagGlobalConfig MakeGlobalConfig() {
     memset(&config, 0, sizeof(config));
     return config;
 }
+
+// A manager on a simulated device whose "/" is a temporary folder that holds "usr/local/cfg"
+// and "proc"; the folder is named after the prefix a suite gives.
+class ManagerOnDevice : public DeviceTest {
+protected:
+    explicit ManagerOnDevice(const std::string& folderPrefix) : m_device(folderPrefix) {}
+
+    void SetUp() override {
+        DeviceTest::SetUp();
+        ASSERT_FALSE(m_device.path().empty());
+        for (const char* folder : {"/usr/local/cfg", "/proc"}) {
+            std::error_code error;
+            std::filesystem::create_directories(HostPath(folder), error);
+            ASSERT_FALSE(error) << folder << ": " << error.message();
+        }
+        nvx::SetSystemRoot(m_device.path());
+        config = MakeGlobalConfig();
+        manage = new CTruckServiceManage(&config);
+    }
+    void TearDown() override {
+        if (manage != nullptr) {
+            manage->basic_release();
+        }
+        nvx::SetSystemRoot("");
+        DeviceTest::TearDown();
+    }
+
+    // Where a path on the device lies on this machine.
+    std::string HostPath(const std::string& devicePath) const { return m_device.path() + devicePath; }
+    // Replaces the file at a device path with the bytes, making the folders it needs.
+    void WriteDeviceFile(const std::string& devicePath, const std::string& bytes) const {
+        const std::filesystem::path file = HostPath(devicePath);
+        std::error_code error;
+        std::filesystem::create_directories(file.parent_path(), error);
+        std::ofstream(file, std::ios::binary) << bytes;
+    }
+
+    TempFolder m_device;
+    tagGlobalConfig config;
+    CTruckServiceManage* manage = nullptr;
+};
 
 #endif

@@ -3,9 +3,12 @@
 #define TRUCK_TESTS_TESTSUPPORT_H
 
 #include <gtest/gtest.h>
+#include <stdlib.h>
 
 #include <chrono>
+#include <filesystem>
 #include <string>
+#include <system_error>
 #include <thread>
 
 #include "NvxControl.h"
@@ -25,6 +28,32 @@ bool Eventually(Pred pred, int timeoutMs = kGenerousMs) {
     }
     return true;
 }
+
+// A folder of its own under /tmp ("/tmp/PREFIX.XXXXXX"), removed with everything in it when
+// the object goes; path() is empty when the folder could not be made.
+class TempFolder {
+public:
+    explicit TempFolder(const std::string& prefix) {
+        std::string name = "/tmp/" + prefix + ".XXXXXX";
+        if (mkdtemp(name.data()) != nullptr) {
+            m_path = name;
+        }
+    }
+    ~TempFolder() {
+        if (!m_path.empty()) {
+            std::error_code error;
+            std::filesystem::remove_all(m_path, error);
+            EXPECT_FALSE(error) << "removing " << m_path << ": " << error.message();
+        }
+    }
+    TempFolder(const TempFolder&) = delete;
+    TempFolder& operator=(const TempFolder&) = delete;
+
+    const std::string& path() const { return m_path; }
+
+private:
+    std::string m_path;
+};
 
 // A fresh simulated device for each test, quiet on stderr, with every log line captured.
 class DeviceTest : public ::testing::Test {

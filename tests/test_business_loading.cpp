@@ -1,9 +1,4 @@
 // Which businesses the configuration file enables, and what loading does with each.
-#include <stdlib.h>
-#include <sys/stat.h>
-#include <unistd.h>
-
-#include <fstream>
 #include <list>
 #include <string>
 
@@ -29,30 +24,10 @@ std::string Element(const std::string& members) {
     return "{\"BUSINESS_CONFIG\": [" + members + "]}";
 }
 
-class BusinessLoading : public DeviceTest {
+class BusinessLoading : public ManagerOnDevice {
 protected:
-    void SetUp() override {
-        DeviceTest::SetUp();
-        char dir[] = "/tmp/test_business_loading.XXXXXX";
-        ASSERT_NE(mkdtemp(dir), nullptr);
-        m_root = dir;
-        ASSERT_EQ(system(("mkdir -p " + m_root + "/usr/local/cfg").c_str()), 0);
-        nvx::SetSystemRoot(m_root);
-        config = MakeGlobalConfig();
-        manage = new CTruckServiceManage(&config);
-    }
-    void TearDown() override {
-        manage->basic_release();
-        nvx::SetSystemRoot("");
-        EXPECT_EQ(system(("rm -rf " + m_root).c_str()), 0);
-        DeviceTest::TearDown();
-    }
-    void WriteConfig(const std::string& text) {
-        std::ofstream(m_root + "/usr/local/cfg/truckbusiness.jsn") << text;
-    }
-    std::string m_root;
-    tagGlobalConfig config;
-    CTruckServiceManage* manage = nullptr;
+    BusinessLoading() : ManagerOnDevice("test_business_loading") {}
+    void WriteConfig(const std::string& text) { WriteDeviceFile("/usr/local/cfg/truckbusiness.jsn", text); }
 };
 
 class Placeholder : public CTruckServiceBase {

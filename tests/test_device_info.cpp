@@ -1,9 +1,7 @@
 // Device and system information: the system configuration, the kernel command line, the
 // serial number with its board type, and the state that businesses share through the manager.
-#include <stdlib.h>
 #include <string.h>
 
-#include <fstream>
 #include <string>
 #include <thread>
 #include <vector>
@@ -13,30 +11,9 @@
 
 namespace {
 
-class DeviceInfo : public DeviceTest {
+class DeviceInfo : public ManagerOnDevice {
 protected:
-    void SetUp() override {
-        DeviceTest::SetUp();
-        char dir[] = "/tmp/test_device_info.XXXXXX";
-        ASSERT_NE(mkdtemp(dir), nullptr);
-        m_root = dir;
-        ASSERT_EQ(system(("mkdir -p " + m_root + "/usr/local/cfg " + m_root + "/proc").c_str()), 0);
-        nvx::SetSystemRoot(m_root);
-        config = MakeGlobalConfig();
-        manage = new CTruckServiceManage(&config);
-    }
-    void TearDown() override {
-        manage->basic_release();
-        nvx::SetSystemRoot("");
-        EXPECT_EQ(system(("rm -rf " + m_root).c_str()), 0);
-        DeviceTest::TearDown();
-    }
-    void Write(const std::string& devicePath, const std::string& bytes) {
-        std::ofstream(m_root + devicePath, std::ios::binary) << bytes;
-    }
-    std::string m_root;
-    tagGlobalConfig config;
-    CTruckServiceManage* manage = nullptr;
+    DeviceInfo() : ManagerOnDevice("test_device_info") {}
 };
 
 }  // namespace
@@ -45,20 +22,20 @@ TEST_F(DeviceInfo, SystemConfigurationIsKeptWholeOrNotAtAll) {
     EXPECT_EQ(manage->BasicAnalyzeSystemconfig(), -1);
     EXPECT_TRUE(Logged("TRUCK", 2, "Get system config json failed [/usr/local/cfg/SYSTEM_CONFIG]\n\n\n"));
 
-    Write("/usr/local/cfg/SYSTEM_CONFIG", "{\"CUSTOMER_NAME\": \"" + std::string(40, 'c') + "\"}");
+    WriteDeviceFile("/usr/local/cfg/SYSTEM_CONFIG", "{\"CUSTOMER_NAME\": \"" + std::string(40, 'c') + "\"}");
     EXPECT_EQ(manage->BasicAnalyzeSystemconfig(), 0);
     EXPECT_TRUE(Logged("TRUCK", 3, "Get system config json succ [/usr/local/cfg/SYSTEM_CONFIG]\n\n\n"));
     EXPECT_EQ(manage->BasicGetCustomerName(), std::string(31, 'c'));
 
     // A document that breaks off half way must not leave its first half behind.
-    Write("/usr/local/cfg/SYSTEM_CONFIG", "{\"CUSTOMER_NAME\": \"ACME\", \"N\": ");
+    WriteDeviceFile("/usr/local/cfg/SYSTEM_CONFIG", "{\"CUSTOMER_NAME\": \"ACME\", \"N\": ");
     EXPECT_EQ(manage->BasicAnalyzeSystemconfig(), -1);
     EXPECT_TRUE(manage->BasicGetSystemConfig().isNull());
     EXPECT_EQ(manage->BasicGetCustomerName(), "");
 
     for (const char* text :
          {"[\"CUSTOMER_NAME\"]", "{\"CUSTOMER_NAME\": 7}", "{\"CUSTOMER_NAME\": \"\"}", "{}"}) {
-        Write("/usr/local/cfg/SYSTEM_CONFIG", text);
+        WriteDeviceFile("/usr/local/cfg/SYSTEM_CONFIG", text);
         EXPECT_EQ(manage->BasicAnalyzeSystemconfig(), 0) << text;
         EXPECT_EQ(manage->BasicGetCustomerName(), "") << text;
     }
@@ -93,12 +70,12 @@ TEST_F(DeviceInfo, CommandLineFileIsReadUpToItsFirst512BytesOrFirstNul) {
     EXPECT_EQ(manage->GetChipInfo(), -1);
     EXPECT_TRUE(Logged("TRUCK", 0, "Can't open /proc/cmdline\n"));
 
-    Write("/proc/cmdline", "flashsize=16M " + std::string(490, 'x') + "chiptype=5 ");
+    WriteDeviceFile("/proc/cmdline", "flashsize=16M " + std::string(490, 'x') + "chiptype=5 ");
     EXPECT_EQ(manage->GetChipInfo(), 0);
     EXPECT_EQ(manage->basic_get_chip_info().uiFlashSize, 16u);
     EXPECT_EQ(manage->basic_get_chip_info().uiChipType, 0u) << "the chip type lies past byte 512";
 
-    Write("/proc/cmdline", std::string("chiptype=4 flashsize=8M\0chiptype=9 ", 35));
+    WriteDeviceFile("/proc/cmdline", std::string("chiptype=4 flashsize=8M\0chiptype=9 ", 35));
     EXPECT_EQ(manage->GetChipInfo(), 0);
     EXPECT_EQ(manage->basic_get_chip_info().uiChipType, 4u);
 }
@@ -109,7 +86,7 @@ TEST_F(DeviceInfo, SerialNumberIsAskedForUntilGivenThenBoardTypeAndReadiness) {
     profile.serialNumber = "1A8B0123456789ABCDEF";
     nvx::SetDeviceProfile(profile);
     nvx::SetSerialNumberFailures(2);
-    Write("/proc/cmdline", "flashsize=16M chiptype=3 mem=64M");
+    WriteDeviceFile("/proc/cmdline", "flashsize=16M chiptype=3 mem=64M");
 
     for (int second = 0; second < 2; ++second) {
         manage->BasicGetDeviceInfo();

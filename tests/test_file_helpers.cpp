@@ -1,6 +1,5 @@
 // File, time and string helpers: directories and folder search in a temporary folder, file
 // sizes past 2 GiB, the hex dump read back by a decoder of our own, trimming and delays.
-#include <stdlib.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
@@ -22,13 +21,7 @@ class FileHelpers : public DeviceTest {
 protected:
     void SetUp() override {
         DeviceTest::SetUp();
-        char dir[] = "/tmp/test_file_helpers.XXXXXX";
-        ASSERT_NE(mkdtemp(dir), nullptr);
-        m_dir = dir;
-    }
-    void TearDown() override {
-        EXPECT_EQ(system(("rm -rf " + m_dir).c_str()), 0);
-        DeviceTest::TearDown();
+        ASSERT_FALSE(m_dir.empty());
     }
     std::string Write(const std::string& name, const std::string& content) {
         std::ofstream(m_dir + "/" + name) << content;
@@ -41,7 +34,8 @@ protected:
         }
         return texts;
     }
-    std::string m_dir;
+    TempFolder m_folder{"test_file_helpers"};
+    const std::string& m_dir = m_folder.path();
 };
 
 }  // namespace

@@ -2,7 +2,6 @@
 // system-configuration look-ups and the JsonUtils member reads.
 #include <stdlib.h>
 #include <string.h>
-#include <unistd.h>
 
 #include <fstream>
 #include <string>
@@ -14,6 +13,7 @@
 #include "AppLibCommon.h"
 #include "CommonDefine.h"
 #include "NvxControl.h"
+#include "TestSupport.h"
 
 namespace {
 
@@ -124,9 +124,9 @@ TEST_F(JsonHelpers, TooDeepNestingIsRefusedAndLoggedOnlyByConvertStringToJson) {
 }
 
 TEST_F(JsonHelpers, LoadJsonFileSeparatesMissingPathFromOtherFailures) {
-    char dirTemplate[] = "/tmp/test_json_helpers.XXXXXX";
-    ASSERT_NE(nullptr, mkdtemp(dirTemplate));
-    const std::string dir = dirTemplate;
+    const TempFolder folder("test_json_helpers");
+    ASSERT_FALSE(folder.path().empty());
+    const std::string& dir = folder.path();
     std::ofstream(dir + "/good.jsn") << "[1, 2]";
     std::ofstream(dir + "/bad.jsn") << "[1, ";
     Json::Value root;
@@ -136,9 +136,6 @@ TEST_F(JsonHelpers, LoadJsonFileSeparatesMissingPathFromOtherFailures) {
     EXPECT_EQ(0, LoadJsonFile((dir + "/good.jsn").c_str(), root));
     EXPECT_EQ(Parse("[1,2]"), root);
     EXPECT_TRUE(nvx::CapturedLogs().empty());
-    unlink((dir + "/good.jsn").c_str());
-    unlink((dir + "/bad.jsn").c_str());
-    rmdir(dir.c_str());
 }
 
 TEST_F(JsonHelpers, MergeFillsPlaceholdersOrOverwritesLeaves) {

@@ -1,7 +1,6 @@
 // Global parameter groups: what a business asks the store for, what comes back on the
 // parameter thread, how a write reaches the watchers and the store file, and that nothing
 // is delivered once the global SDK has gone down.
-#include <stdlib.h>
 #include <string.h>
 
 #include <atomic>
@@ -35,11 +34,6 @@ Json::Value Parse(const std::string& text) {
     return root;
 }
 
-void WriteFile(const std::string& path, const std::string& text) {
-    std::filesystem::create_directories(std::filesystem::path(path).parent_path());
-    std::ofstream(path, std::ios::binary) << text;
-}
-
 std::string ReadFile(const std::string& path) {
     std::ifstream in(path, std::ios::binary);
     std::stringstream text;
@@ -67,35 +61,18 @@ struct Received {
     }
 };
 
-class ParamGroups : public DeviceTest {
+class ParamGroups : public ManagerOnDevice {
 protected:
-    void SetUp() override {
-        DeviceTest::SetUp();
-        char folder[] = "/tmp/truck_param_XXXXXX";
-        ASSERT_NE(mkdtemp(folder), nullptr);
-        root = folder;
-        nvx::SetSystemRoot(root);
-        config = MakeGlobalConfig();
-        manage = new CTruckServiceManage(&config);
-    }
+    ParamGroups() : ManagerOnDevice("truck_param") {}
     void TearDown() override {
         JQ_SDK_Global_Deinitialize();  // no callback may reach this test's objects later
-        if (manage != nullptr) {
-            manage->basic_release();
-        }
-        nvx::SetSystemRoot("");
-        std::filesystem::remove_all(root);
-        DeviceTest::TearDown();
+        ManagerOnDevice::TearDown();
     }
-    std::string StoreFile() const { return root + kStoreDevicePath; }
+    std::string StoreFile() const { return HostPath(kStoreDevicePath); }
     void StartDevice(const std::string& storeText) {
-        WriteFile(StoreFile(), storeText);
+        WriteDeviceFile(kStoreDevicePath, storeText);
         ASSERT_NE(JQ_SDK_Global_Initialize(kStoreDevicePath), nullptr);
     }
-
-    std::string root;
-    tagGlobalConfig config;
-    CTruckServiceManage* manage = nullptr;
 };
 
 const char kStore[] = R"({"PARAMETER":{"MDVR":{"TIMEP":{"TIMEZ":"480","DATEM":1},"GSP":{"LANT":1},)"
@@ -205,8 +182,8 @@ TEST_F(ParamGroups, AWriteReachesTheWatchersOfTheChangedGroupsInOrder) {
 
 TEST_F(ParamGroups, TheStoreFileIsReplacedWholeAndReadAgainAtTheNextStart) {
     // The first store comes from outside the device, whose tmpfs does not exist yet.
-    const std::string seed = root + "/seed.bsn";
-    WriteFile(seed, kStore);
+    const std::string seed = HostPath("/seed.bsn");
+    WriteDeviceFile("/seed.bsn", kStore);
     nvx::SetParamStoreSource(seed);
     ASSERT_NE(JQ_SDK_Global_Initialize(kStoreDevicePath), nullptr);
     ASSERT_EQ(nvx::SetParameterDocument(R"({"PARAMETER":{"MDVR":{"GSP":{"LANT":0}}}})"), 0);
@@ -232,7 +209,7 @@ TEST_F(ParamGroups, TheStoreFileIsReplacedWholeAndReadAgainAtTheNextStart) {
     EXPECT_EQ(torn.load(), 0);
     EXPECT_EQ(ReadFile(seed), kStore) << "the seed is only read";
     size_t files = 0;
-    for (const auto& entry : std::filesystem::directory_iterator(root + "/mnt/tmpfs")) {
+    for (const auto& entry : std::filesystem::directory_iterator(HostPath("/mnt/tmpfs"))) {
         EXPECT_EQ(entry.path().filename(), "global.bsn") << "no temporary file is left behind";
         ++files;
     }
@@ -311,6 +288,7 @@ TEST_F(ParamGroups, NoCallbackRunsOnceDeinitialiseHasReturned) {
     EXPECT_FALSE(runningAtReturn);
     EXPECT_EQ(watcher.calls.load(), callsAtReturn) << "queued notifications and the listener are gone";
     EXPECT_LT(callsAtReturn, 6);
-    EXPECT_NE(manage->basic_global_get_param(1ULL, callback, &watcher, nullptr), 0) << "no fetch after the stop";
+    EXPECT_NE(manage->basic_global_get_param(1ULL, callback, &watcher, nullptr), 0)
+        << "no fetch after the stop";
     EXPECT_NE(manage->basic_global_listen_param(1ULL, callback, &watcher, nullptr), 0) << "no watch either";
 }

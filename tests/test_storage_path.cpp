@@ -1,10 +1,8 @@
 // The storage root directory as the storage service reports it, the paths built below it,
 // and the peripheral block taken from its file.
-#include <stdlib.h>
 #include <string.h>
 
 #include <atomic>
-#include <fstream>
 #include <string>
 #include <thread>
 #include <vector>
@@ -14,25 +12,18 @@
 
 namespace {
 
-class StoragePath : public DeviceTest {
+class StoragePath : public ManagerOnDevice {
 protected:
+    StoragePath() : ManagerOnDevice("test_storage_path") {}
     void SetUp() override {
-        DeviceTest::SetUp();
-        char dir[] = "/tmp/test_storage_path.XXXXXX";
-        ASSERT_NE(mkdtemp(dir), nullptr);
-        m_root = dir;
-        ASSERT_EQ(system(("mkdir -p " + m_root + "/usr/local/cfg").c_str()), 0);
-        nvx::SetSystemRoot(m_root);
-        config = MakeGlobalConfig();
-        manage = new CTruckServiceManage(&config);
+        ASSERT_NO_FATAL_FAILURE(ManagerOnDevice::SetUp());
         JQ_SDK_Storage_MonitorFuseStatus(callback_basic_request_storage_mntputh, manage, 0);
     }
     void TearDown() override {
-        JQ_SDK_Storage_MonitorFuseStatus(nullptr, manage, 0);
-        manage->basic_release();
-        nvx::SetSystemRoot("");
-        EXPECT_EQ(system(("rm -rf " + m_root).c_str()), 0);
-        DeviceTest::TearDown();
+        if (manage != nullptr) {
+            JQ_SDK_Storage_MonitorFuseStatus(nullptr, manage, 0);
+        }
+        ManagerOnDevice::TearDown();
     }
     std::string Root(const char* subPath = "", int outLen = 64) {
         char out[64] = "";
@@ -46,9 +37,6 @@ protected:
         }
         return count;
     }
-    std::string m_root;
-    tagGlobalConfig config;
-    CTruckServiceManage* manage = nullptr;
 };
 
 }  // namespace
@@ -146,9 +134,8 @@ TEST_F(StoragePath, ReadersAlwaysSeeOneWholeMountPath) {
 }
 
 TEST_F(StoragePath, PeripheralBlockTakesWhatTheFileHasAndNeverReadsPastItsEnd) {
-    const std::string path = m_root + "/usr/local/cfg/serialconfig.bsn";
     auto load = [&](const std::string& bytes) {
-        std::ofstream(path, std::ios::binary) << bytes;
+        WriteDeviceFile("/usr/local/cfg/serialconfig.bsn", bytes);
         manage->basic_load_peripheral_config();
         return std::string(reinterpret_cast<char*>(manage->basic_get_peripheral_config()),
                            kPeripheralConfigSize);

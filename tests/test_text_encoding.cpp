@@ -51,9 +51,7 @@ class TextEncoding : public DeviceTest {
 protected:
     void SetUp() override {
         DeviceTest::SetUp();
-        char dir[] = "/tmp/test_text_encoding.XXXXXX";
-        ASSERT_NE(mkdtemp(dir), nullptr);
-        m_dir = dir;
+        ASSERT_FALSE(m_dir.empty());
         ASSERT_EQ(
             system(("mkdir " + m_dir + "/fonts && cp " TRUCK_GB2312_TABLE " " + m_dir + "/fonts/").c_str()),
             0);
@@ -61,7 +59,6 @@ protected:
     }
     void TearDown() override {
         EXPECT_EQ(chdir("/"), 0);
-        EXPECT_EQ(system(("rm -rf " + m_dir).c_str()), 0);
         DeviceTest::TearDown();
     }
     // Checks the look-up's result and returns what it printed.
@@ -70,7 +67,8 @@ protected:
         EXPECT_EQ(expectedRc, UnicodeToGb2312(codePoint, gbCode)) << std::hex << codePoint;
         return testing::internal::GetCapturedStdout();
     }
-    std::string m_dir;
+    TempFolder m_folder{"test_text_encoding"};
+    const std::string& m_dir = m_folder.path();
 };
 
 }  // namespace
