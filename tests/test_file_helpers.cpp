@@ -158,3 +158,24 @@ TEST_F(FileHelpers, TrimmingSleepsAndDelays) {
     first = 1;
     EXPECT_FALSE(ProcessDelayTime(&first, &since, 5)) << "re-armed";
 }
+
+TEST_F(FileHelpers, DateChecksAndBusinessIdsKeepTheirFieldsApart) {
+    tagDateTime good = {26, 2, 31, 23, 59, 59, 6, 0};  // 31 February passes: the day is not checked
+    EXPECT_TRUE(CheckDateTimeCorrect(good));
+    for (int field : {1, 2, 3, 6}) {
+        tagDateTime bad = good;
+        uint8_t* bytes = reinterpret_cast<uint8_t*>(&bad);
+        bytes[field] = field == 1 ? 0 : field == 2 ? 32 : field == 3 ? 24 : 7;
+        EXPECT_FALSE(CheckDateTimeCorrect(bad)) << "field " << field;
+    }
+
+    const unsigned long long id = ComposeBusinessId(1, 0x8000, 2);
+    EXPECT_EQ(id >> 32, 1u);
+    EXPECT_EQ(id & 0xFFFFFFFFull, 0x80000002ull);
+    unsigned int type = 0;
+    unsigned short group = 0, index = 0;
+    EXPECT_EQ(DecomposeBusinessId(id, type, group, index), 0);
+    EXPECT_EQ(type, 1u);
+    EXPECT_EQ(group, 0x8000);
+    EXPECT_EQ(index, 2);
+}

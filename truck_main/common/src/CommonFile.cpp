@@ -12,6 +12,9 @@
 #include <sys/time.h>
 #include <sys/types.h>
 
+#include <exception>
+#include <string>
+
 #include "OsUtils.h"
 
 #define TRUCK_LOG_SOURCE "truck_main/common/src/CommonDefine"
@@ -140,27 +143,36 @@ long GetNormalFileSize(const char* path) {
 
 void OutputHexDump(const char* title, const char* data, unsigned int length) {
     static const unsigned int kBytesPerRow = 16;
-    std::string text = title != nullptr ? title : "";
+    const char* heading = title != nullptr ? title : "";
     if (data == nullptr) {
         length = 0;
     }
-    // Each byte takes three characters and a character column; each row a label.
-    text.reserve(text.size() + static_cast<size_t>(length) * 4 + (length / kBytesPerRow + 1) * 12);
-    const unsigned char* bytes = reinterpret_cast<const unsigned char*>(data);
-    char cell[24];
-    for (unsigned int i = 0; i < length; ++i) {
-        if (i % kBytesPerRow == 0) {
-            snprintf(cell, sizeof cell, "\n%02X: ", i);
+    // The dump of a large buffer needs four times its size; on a 32-bit device that can be
+    // more than the process can get. Then the title alone is logged, and nothing throws.
+    std::string text;
+    try {
+        text = heading;
+        // Each byte takes three characters and a character column; each row a label.
+        text.reserve(text.size() + static_cast<size_t>(length) * 4 + (length / kBytesPerRow + 1) * 12);
+        const unsigned char* bytes = reinterpret_cast<const unsigned char*>(data);
+        char cell[24];
+        for (unsigned int i = 0; i < length; ++i) {
+            if (i % kBytesPerRow == 0) {
+                snprintf(cell, sizeof cell, "\n%02X: ", i);
+                text += cell;
+            }
+            snprintf(cell, sizeof cell, "%02X ", bytes[i]);
             text += cell;
-        }
-        snprintf(cell, sizeof cell, "%02X ", bytes[i]);
-        text += cell;
-        if (i % kBytesPerRow == kBytesPerRow - 1) {
-            // ASCII printables only, whatever the process's locale says.
-            for (unsigned int j = i + 1 - kBytesPerRow; j <= i; ++j) {
-                text += (bytes[j] >= 0x20 && bytes[j] < 0x7F) ? static_cast<char>(bytes[j]) : '.';
+            if (i % kBytesPerRow == kBytesPerRow - 1) {
+                // ASCII printables only, whatever the process's locale says.
+                for (unsigned int j = i + 1 - kBytesPerRow; j <= i; ++j) {
+                    text += (bytes[j] >= 0x20 && bytes[j] < 0x7F) ? static_cast<char>(bytes[j]) : '.';
+                }
             }
         }
+    } catch (const std::exception&) {
+        TRUCK_LOG(0, "%s\n\n", heading);
+        return;
     }
     TRUCK_LOG(0, "%s\n\n", text.c_str());
 }
