@@ -2,14 +2,19 @@
 #ifndef TRUCK_TESTS_TESTSUPPORT_H
 #define TRUCK_TESTS_TESTSUPPORT_H
 
+#include <dirent.h>
 #include <gtest/gtest.h>
 #include <stdlib.h>
 
+#include <algorithm>
 #include <chrono>
 #include <filesystem>
+#include <fstream>
 #include <string>
 #include <system_error>
 #include <thread>
+#include <utility>
+#include <vector>
 
 #include "NvxControl.h"
 
@@ -27,6 +32,25 @@ bool Eventually(Pred pred, int timeoutMs = kGenerousMs) {
         std::this_thread::sleep_for(std::chrono::milliseconds(2));
     }
     return true;
+}
+
+// Thread id and name of every thread of the process.
+inline std::vector<std::pair<int, std::string>> Tasks() {
+    std::vector<std::pair<int, std::string>> tasks;
+    DIR* dir = opendir("/proc/self/task");
+    for (const dirent* entry = readdir(dir); entry != nullptr; entry = readdir(dir)) {
+        std::string name;
+        std::getline(std::ifstream(std::string("/proc/self/task/") + entry->d_name + "/comm"), name);
+        tasks.emplace_back(atoi(entry->d_name), name);
+    }
+    closedir(dir);
+    return tasks;
+}
+
+inline int CountThreads(const std::string& name) {
+    const auto tasks = Tasks();
+    return static_cast<int>(
+        std::count_if(tasks.begin(), tasks.end(), [&](const auto& t) { return t.second == name; }));
 }
 
 // A folder of its own under /tmp ("/tmp/PREFIX.XXXXXX"), removed with everything in it when

@@ -13,7 +13,7 @@
 
 #include "HC.h"
 #include "NvxControl.h"
-#include "cbb_mempool.h"
+#include "PoolFootprint.h"
 
 namespace {
 
@@ -39,17 +39,6 @@ std::vector<char> PayloadOf(uint64_t sequence) {
     return payload;
 }
 
-struct Footprint {
-    unsigned int blocks;
-    unsigned int largeRecords;
-    unsigned int mapCapacity;
-};
-
-Footprint Measure() {
-    const JQ_CBB_Mempool* pool = JQ_CBB_Mempool::GetInstance(4096);
-    return {pool->GetBlockCount(), pool->GetLargeRecordCount(), pool->GetAddressMapCapacity()};
-}
-
 }  // namespace
 
 TEST(HubSoak, EventsArriveWholeAndThePoolStaysBounded) {
@@ -57,8 +46,7 @@ TEST(HubSoak, EventsArriveWholeAndThePoolStaysBounded) {
     nvx::SetLogLevel(-1);
     nvx::SetBusWaitsInstant(true);
     uint64_t published = 0, delivered = 0, damaged = 0;  // the scheduler's, until `finished`
-    Footprint early = {};
-    bool measured = false;
+    PoolFootprint early;
     std::mutex mutex;
     std::condition_variable changed;
     bool finished = false;
@@ -80,8 +68,7 @@ TEST(HubSoak, EventsArriveWholeAndThePoolStaysBounded) {
                 (length == 0 ? data == nullptr : memcmp(data, expected.data(), expected.size()) == 0);
             damaged += whole ? 0 : 1;
             if (delivered == kWarmUp) {
-                early = Measure();
-                measured = true;
+                early = MeasurePool();
             }
             if (published < kMostEvents && std::chrono::steady_clock::now() < deadline) {
                 publishNext();
@@ -103,11 +90,8 @@ TEST(HubSoak, EventsArriveWholeAndThePoolStaysBounded) {
     EXPECT_EQ(damaged, 0u);
     printf("hub soak: %llu events in about %lld s\n", static_cast<unsigned long long>(published),
            static_cast<long long>(kRunFor.count()));
-    if (!measured) {
+    if (!early.measured) {
         GTEST_SKIP() << "fewer than " << kWarmUp << " events fit the run on this machine";
     }
-    const Footprint end = Measure();
-    EXPECT_LE(end.blocks, early.blocks);
-    EXPECT_LE(end.largeRecords, early.largeRecords);
-    EXPECT_LE(end.mapCapacity, early.mapCapacity);
+    ExpectNoLarger(MeasurePool(), early);
 }

@@ -10,23 +10,12 @@
 #include <gtest/gtest.h>
 
 #include "HCTimeWheel.h"
+#include "PoolFootprint.h"
 
 namespace {
 
 const int kTotal = 10000000;
 const int kWarmUp = 100000;
-
-// Blocks, large records, address-map slots.
-std::vector<unsigned int> Footprint(const JQ_CBB_Mempool* pool) {
-    return {pool->GetBlockCount(), pool->GetLargeRecordCount(), pool->GetAddressMapCapacity()};
-}
-
-void ExpectNoLarger(const std::vector<unsigned int>& end, const std::vector<unsigned int>& early) {
-    ASSERT_EQ(early.size(), 3u) << "the warm-up was never measured";
-    for (size_t i = 0; i < end.size(); ++i) {
-        EXPECT_LE(end[i], early[i]) << "footprint item " << i;
-    }
-}
 
 // The hub's event record as laid out on this target.
 struct EventRecord {
@@ -45,7 +34,7 @@ TEST(SoakPoolWheel, TenMillionTimersAddedAndRetiredLeaveThePoolNoLarger) {
     JQ_CBB_Mempool* pool = JQ_CBB_Mempool::GetInstance(4096);
     const unsigned int liveBefore = pool->GetAddressMapSize();
     int64_t runs = 0, expectedRuns = 0;
-    std::vector<unsigned int> early;
+    PoolFootprint early;
     // Four timers per shift, one-shot and periodic, intervals below and beyond one lap. The
     // pattern repeats every 192 timers, so the set of pending timers settles long before the
     // warm-up ends.
@@ -56,7 +45,7 @@ TEST(SoakPoolWheel, TenMillionTimersAddedAndRetiredLeaveThePoolNoLarger) {
         }
         wheel->TimerShift();
         if (added == kWarmUp) {
-            early = Footprint(pool);
+            early = MeasurePool();
         }
     }
     for (int i = 0; i < 64 * 3; ++i) {
@@ -65,7 +54,7 @@ TEST(SoakPoolWheel, TenMillionTimersAddedAndRetiredLeaveThePoolNoLarger) {
     EXPECT_EQ(runs, expectedRuns);
     EXPECT_EQ(wheel->GetPendingCount(), 0u);
     EXPECT_EQ(pool->GetAddressMapSize(), liveBefore);
-    ExpectNoLarger(Footprint(pool), early);
+    ExpectNoLarger(MeasurePool(), early);
 }
 
 TEST(SoakPoolWheel, TenMillionEventsInTheHubsPatternLeaveThePoolNoLarger) {
@@ -79,7 +68,7 @@ TEST(SoakPoolWheel, TenMillionEventsInTheHubsPatternLeaveThePoolNoLarger) {
         source[i] = static_cast<char>(i * 7);
     }
     std::deque<EventRecord*> queue;
-    std::vector<unsigned int> early;
+    PoolFootprint early;
     int delivered = 0;
     for (int published = 0; published < kTotal; ++published) {
         auto* record = static_cast<EventRecord*>(pool->JQ_CBB_Alloc(sizeof(EventRecord), false));
@@ -103,7 +92,7 @@ TEST(SoakPoolWheel, TenMillionEventsInTheHubsPatternLeaveThePoolNoLarger) {
             pool->JQ_CBB_Free(event->data);
             pool->JQ_CBB_Free(event);
             if (++delivered == kWarmUp) {
-                early = Footprint(pool);
+                early = MeasurePool();
             }
         }
     }
@@ -112,5 +101,5 @@ TEST(SoakPoolWheel, TenMillionEventsInTheHubsPatternLeaveThePoolNoLarger) {
         pool->JQ_CBB_Free(event);
     }
     EXPECT_LE(pool->GetAddressMapSize(), liveBefore + 6);  // the idle large records
-    ExpectNoLarger(Footprint(pool), early);
+    ExpectNoLarger(MeasurePool(), early);
 }

@@ -112,21 +112,28 @@ TEST(TimerWheelCalls, ATimersCallMayAddTimersAndShiftWithoutAnythingRunningTwice
     EXPECT_EQ(wheel.GetPendingCount(), 0u);
 }
 
-TEST(TimerWheelCalls, AThrowingCallLeavesItsNodeInPlaceAndTheWheelUnlocked) {
+TEST(TimerWheelCalls, AThrowingCallStaysInPlaceAndCostsNeitherTheTimersBehindItNorAskedShifts) {
     TimeWheel wheel;
+    RunRecorder behind(wheel);
     int calls = 0;
+    wheel.AddTimer(0, 1, [&] { wheel.TimerShift(); });  // done once this walk has ended
     wheel.AddTimer(0, 1, [&] {
         if (++calls == 1) {
             throw std::runtime_error("first run fails");
         }
     });
+    wheel.AddTimer(0, 1, &RunRecorder::Ran, &behind);
     EXPECT_THROW(wheel.TimerShift(), std::runtime_error);
+    EXPECT_EQ(behind.Runs(), Shifts({1}));
+    EXPECT_EQ(wheel.GetCurrent(), 2u) << "the shift asked for is done before the exception leaves";
+    wheel.TimerShift();
+    EXPECT_EQ(wheel.GetCurrent(), 3u) << "and is not done again by the next call";
     EXPECT_EQ(wheel.GetPendingCount(), 1u);
     CTimerNode* fromOther = nullptr;  // a lock still held would block this thread for good
     std::thread other([&] { fromOther = wheel.AddTimer(0, 1, [] {}); });
     other.join();
     EXPECT_NE(fromOther, nullptr);
-    Shift(wheel, 16);  // due again a lap later
+    Shift(wheel, 16);  // the failed one is due again a lap later
     EXPECT_EQ(calls, 2);
     EXPECT_EQ(wheel.GetPendingCount(), 0u);
 }

@@ -17,8 +17,6 @@ struct DeviceState {
     std::mutex mutex;
     DeviceProfile profile;
     std::map<std::string, uint64_t> calls;
-    // The device clock is kept as an offset from the host's clock, so it runs at real speed.
-    int64_t wallOffsetSeconds = 0;
 };
 
 DeviceState& State() {
@@ -26,6 +24,10 @@ DeviceState& State() {
     static DeviceState* state = new DeviceState;
     return *state;
 }
+
+// The device clock is kept as an offset from the host's clock, so it runs at real speed. An
+// atomic rather than under the state's mutex: gettimeofday reads it on every call.
+std::atomic<int64_t> g_wallOffsetSeconds{0};
 
 std::atomic<bool> g_globalInitFails{false};
 std::atomic<bool> g_basicInitFails{false};
@@ -46,6 +48,10 @@ void CountCall(const char* operation) {
     DeviceState& s = State();
     std::lock_guard<std::mutex> lock(s.mutex);
     ++s.calls[operation];
+}
+
+int64_t WallOffsetSeconds() {
+    return g_wallOffsetSeconds.load();
 }
 
 bool GlobalInitFails() {
@@ -98,15 +104,11 @@ std::string ResolveDevicePath(const char* devicePath) {
 }
 
 void SetWallClock(time_t seconds) {
-    DeviceState& s = State();
-    std::lock_guard<std::mutex> lock(s.mutex);
-    s.wallOffsetSeconds = static_cast<int64_t>(seconds) - static_cast<int64_t>(time(nullptr));
+    g_wallOffsetSeconds.store(static_cast<int64_t>(seconds) - static_cast<int64_t>(time(nullptr)));
 }
 
 time_t WallClock() {
-    DeviceState& s = State();
-    std::lock_guard<std::mutex> lock(s.mutex);
-    return static_cast<time_t>(static_cast<int64_t>(time(nullptr)) + s.wallOffsetSeconds);
+    return static_cast<time_t>(static_cast<int64_t>(time(nullptr)) + g_wallOffsetSeconds.load());
 }
 
 uint64_t CallCount(const std::string& operation) {
@@ -122,8 +124,8 @@ void Reset() {
         std::lock_guard<std::mutex> lock(s.mutex);
         s.profile = DeviceProfile();
         s.calls.clear();
-        s.wallOffsetSeconds = 0;
     }
+    g_wallOffsetSeconds.store(0);
     g_globalInitFails.store(false);
     g_basicInitFails.store(false);
     detail::ResetBus();

@@ -17,6 +17,9 @@ uint64_t ElapsedMs();
 
 void CountCall(const char* operation);
 
+// Whole seconds from the host's clock to the device clock that SetWallClock set.
+int64_t WallOffsetSeconds();
+
 // The stand-in's own log lines carry this module tag.
 #define NVX_LOG(level, ...) JQ_LOG_Output("NVXSDK", (level), "norvixsdk", __func__, __LINE__, __VA_ARGS__)
 

@@ -9,8 +9,9 @@
 // refused, and an Uninitialize on one thread never frees a handle another thread is waiting
 // on.
 //
-// Locks: the table's mutex, then a handle's mutex, then (inside the client) the bus's. No
-// lock of this file is held while a callback runs.
+// Locks: the table's mutex is held only to look a handle up, never with another; a handle's
+// mutex, then (inside the client) the client's own. No lock of this file is held while a
+// callback runs.
 #include "JQ_SDK_MSG.h"
 
 #include <stdint.h>
@@ -129,24 +130,11 @@ int64_t HostMicros() {
     return static_cast<int64_t>(now.tv_sec) * 1000000 + now.tv_nsec / 1000;
 }
 
-// Whole seconds between the device clock and the host's. Both sides are read in the same
-// host second, so that a second boundary between them never shows as a one-second step.
-int64_t DeviceOffsetSeconds() {
-    for (int attempt = 0; attempt < 8; ++attempt) {
-        const time_t before = time(nullptr);
-        const time_t device = WallClock();
-        if (time(nullptr) == before) {
-            return static_cast<int64_t>(device) - static_cast<int64_t>(before);
-        }
-    }
-    return static_cast<int64_t>(WallClock()) - static_cast<int64_t>(time(nullptr));
-}
-
 int64_t DeviceMicros() {
     if (g_wallHeld.load()) {
         return g_heldMicros.load();
     }
-    return HostMicros() + DeviceOffsetSeconds() * 1000000;
+    return HostMicros() + detail::WallOffsetSeconds() * 1000000;
 }
 
 }  // namespace

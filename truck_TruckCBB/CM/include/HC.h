@@ -1,6 +1,10 @@
 // The hub and the timestamp clock of the common building blocks (the timer wheel is in
 // HCTimeWheel.h). Businesses reach both through GetInstance(); nothing creates them before a
 // business first asks for the hub, so their threads ("HCt", "BTime") exist only from then on.
+//
+// Lock order: wheel, then hub, then pool. A timer's call may publish to the hub, and the
+// scheduler shifts the wheel only after releasing the hub's lock; a subscriber, which runs
+// under the hub's lock, is refused by the wheel (AddTimer gives null) and cannot add a timer.
 #ifndef TRUCK_HC_H
 #define TRUCK_HC_H
 
@@ -48,6 +52,9 @@ const int HC_LAST_BUS_EVENT = 0x100FF;
 // Publish takes events in this range only.
 const int HC_FIRST_EVENT = 0x1000;
 const int HC_LAST_EVENT = 0x7FFFFFFE;
+// The scheduler hands out one event per pass and waits up to 100 ms for the bus after it, so a
+// publisher faster than that would grow the queue, and the pool with it, without end.
+const size_t HC_MAX_QUEUED = 1024;
 
 // The in-process publish/subscribe hub. Publishers queue events from any thread; the scheduler
 // thread "HCt" hands them out one per pass, in order: to the local subscribers, or to the bus
@@ -74,8 +81,9 @@ public:
     // Removes and deletes the calling thread's subscriptions of `event` with `key`. Always 0.
     int UnSubscribe(int event, void* key);
     // Queues a copy of `length` bytes of `data` (zeros when data is null). 0, or -1 for an
-    // event outside HC_FIRST_EVENT..HC_LAST_EVENT, a negative length or a pool that has no
-    // memory. A local event without subscribers is dropped with 0.
+    // event outside HC_FIRST_EVENT..HC_LAST_EVENT, a negative length, a queue that holds
+    // HC_MAX_QUEUED events or a pool that has no memory. A local event without subscribers is
+    // dropped with 0.
     int Publish(int session, int event, const char* data, int length, MSG_TYPE_E type, int source);
 
     // The scheduler loop; returns once the hub is being destroyed.

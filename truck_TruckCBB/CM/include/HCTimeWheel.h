@@ -1,6 +1,10 @@
 // The timer wheel of the common building blocks: 16 slots, no clock of its own. Each call of
 // TimerShift is one tick; the OSD business and the hub's scheduler drive it.
 //
+// Lock order: wheel, then hub, then pool. A timer's call runs under the wheel's lock and may
+// publish to the hub; so the wheel refuses a thread that is inside a hub delivery (whose
+// subscribers run under the hub's lock), and a subscriber cannot add a timer directly.
+//
 // What always holds, under m_mutex (recursive: a timer's call runs with it held and may add
 // timers; the wheel takes the pool's lock inside its own, never the other way round):
 // - Every node in a slot list was made by AddTimer in pool memory and is owned by the wheel;
@@ -13,6 +17,7 @@
 
 #include <stdint.h>
 
+#include <exception>
 #include <functional>
 #include <list>
 #include <memory>
@@ -44,6 +49,22 @@ public:
 };
 static_assert(alignof(CTimerNode) <= JQ_CBB_Mempool::mAlignment, "pool memory suits a timer node");
 
+// Marks the calling thread as inside a hub delivery for as long as it lives; the wheel
+// refuses every call that would take its lock on such a thread, so the hub's lock is never
+// held while waiting for the wheel's.
+class CHubDeliveryScope {
+public:
+    CHubDeliveryScope() { ++s_iDepth; }
+    ~CHubDeliveryScope() { --s_iDepth; }
+    CHubDeliveryScope(const CHubDeliveryScope&) = delete;
+    CHubDeliveryScope& operator=(const CHubDeliveryScope&) = delete;
+
+    static bool Inside() { return s_iDepth > 0; }
+
+private:
+    static thread_local int s_iDepth;
+};
+
 class TimeWheel {
 public:
     static TimeWheel* GetInstance();
@@ -56,16 +77,22 @@ public:
 
     // One tick: runs, on the calling thread, every timer of the slot that falls due. A shift
     // asked for from inside a timer's call is done once the current walk has ended, so a walk
-    // never meets a list that a nested walk has changed under it.
+    // never meets a list that a nested walk has changed under it. A timer that throws stays
+    // where it is and the walk goes on; the first exception leaves after every due shift.
+    // Refused inside a hub delivery.
     void TimerShift();
 
     // Files a timer that runs `times` times (once when times < 1), first on the
     // (interval + 1)-th shift from now and then every interval + 1 shifts; the interval is
     // taken as unsigned. `memberFunction` and `object` are bound as by std::bind: a member
     // function with its object, or any callable with its arguments. Returns the node, or null
-    // when memory for it could not be had; the wheel owns the node.
+    // when memory for it could not be had or when called inside a hub delivery; the wheel
+    // owns the node.
     template <class F, class... Args>
     CTimerNode* AddTimer(int interval, int times, F&& memberFunction, Args&&... object) {
+        if (Refused("AddTimer")) {
+            return nullptr;
+        }
         std::lock_guard<std::recursive_mutex> lock(m_mutex);
         void* memory = m_pPool->JQ_CBB_Alloc(sizeof(CTimerNode), false);
         if (memory == nullptr) {
@@ -89,7 +116,7 @@ public:
         return node;
     }
 
-    // For tests and footprint checks.
+    // For tests and footprint checks; 0 inside a hub delivery.
     uint32_t GetCurrent() const;
     size_t GetPendingCount() const;
     size_t GetSlotPendingCount(uint32_t slot) const;
@@ -97,9 +124,10 @@ public:
 private:
     typedef std::list<CTimerNode*> Slot;
 
-    uint32_t Place(CTimerNode* node) const;  // counts the laps, gives the slot
+    static bool Refused(const char* function);  // logs the refusal inside a hub delivery
+    uint32_t Place(CTimerNode* node) const;     // counts the laps, gives the slot
     bool FileNew(CTimerNode* node);
-    void WalkSlot(uint32_t slot);
+    void WalkSlot(uint32_t slot, std::exception_ptr& first);
     void Retire(CTimerNode* node);
 
     std::vector<Slot> m_slots;

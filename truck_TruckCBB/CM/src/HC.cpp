@@ -1,11 +1,12 @@
 // The message hub: one queue of published events, handed out by the scheduler thread "HCt".
 //
 // What always holds, under mutex (recursive: subscribers are called with it held and may
-// publish, subscribe and unsubscribe from inside their call; lock order hub before pool, and
-// the scheduler takes the wheel's lock only after releasing this one):
-// - events is first in, first out. Each entry is an Event record from the pool, and its data
-//   is the hub's own copy from the pool (null when length is 0); both go back to the pool
-//   once the event is handed out, or with the hub.
+// publish, subscribe and unsubscribe from inside their call; lock order wheel, hub, pool: the
+// scheduler takes the wheel's lock only after releasing this one, and the wheel refuses a
+// thread inside a delivery):
+// - events is first in, first out, and never longer than HC_MAX_QUEUED. Each entry is an
+//   Event record from the pool, and its data is the hub's own copy from the pool (null when
+//   length is 0); both go back to the pool once the event is handed out, or with the hub.
 // - Every subscriber in localSubscribers (events above HC_LAST_BUS_EVENT) and busSubscribers
 //   is in owned, exactly once, under the event it carries; the hub deletes each one once.
 //   One unsubscribed while a delivery runs moves to retired and is deleted when the
@@ -138,10 +139,6 @@ int MsgManager::schedule() {
         }
         running.store(true);
     }
-    // Seconds count from the loop's start: a hub that comes up after the clock has run a
-    // while neither beats at once nor shifts the wheel for time before it existed.
-    lastHeartbeat = StampSeconds();
-    lastShift = lastHeartbeat;
     while (running.load()) {
         size_t waiting = 0;
         {
@@ -216,6 +213,7 @@ void MsgManager::CallSubscribers(const SubscriberMap& subscribers, int event, co
         called.push_back(it->second);
     }
     ++delivering;
+    CHubDeliveryScope inDelivery;  // the wheel refuses this thread until the delivery ends
     for (Subscriber* subscriber : called) {
         if (owned.count(subscriber) != 0 && subscriber->event == event) {
             Call(subscriber, data, length);
@@ -253,14 +251,12 @@ void MsgManager::BusCallback(const char* data, int length, void* user) {
 }
 
 void MsgManager::do_callback(const char* data, int length, void* user) {
-    std::lock_guard<std::recursive_mutex> lock(mutex);
-    // Only a value this hub registered is followed.
-    for (const auto& item : busRegistrations) {
-        if (&item.second == user) {
-            CallSubscribers(busSubscribers, item.first, data, length);
-            return;
-        }
+    const auto* registration = static_cast<const BusRegistration*>(user);
+    if (registration == nullptr) {
+        return;
     }
+    std::lock_guard<std::recursive_mutex> lock(mutex);
+    CallSubscribers(busSubscribers, registration->event, data, length);
 }
 
 int MsgManager::Subscribe(int event, Subscriber* subscriber) {
@@ -343,7 +339,11 @@ int MsgManager::Publish(int session, int event, const char* data, int length, MS
         TRUCK_LOG(0, "HC-param invalid!! [event %#x, length %d]\n", event, length);
         return -1;
     }
-    auto* ev = static_cast<Event*>(Pool()->JQ_CBB_Alloc(sizeof(Event), false));
+    // A full queue fails as the pool would: the publisher has outrun the scheduler.
+    Event* ev = nullptr;
+    if (events.size() < HC_MAX_QUEUED) {
+        ev = static_cast<Event*>(Pool()->JQ_CBB_Alloc(sizeof(Event), false));
+    }
     if (ev == nullptr) {
         TRUCK_LOG(0, "Publish [%#x] fail! leak of memory!\n", event);
         return -1;

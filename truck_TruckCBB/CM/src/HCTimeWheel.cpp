@@ -3,24 +3,46 @@
 
 #include <iterator>
 
+#include "JQ_LOG.h"
+
+#define TRUCK_LOG_SOURCE "truck_TruckCBB/CM/src/HC"
+
 namespace {
 
 const uint32_t kSlotCount = 16;
 const unsigned int kPoolBlockSize = 4096;
 
-// Marks a walk as under way for as long as it lasts, also when a timer's call throws.
+// Marks a walk as under way for as long as it lasts. However the walk ends, no shift asked
+// for during it is left over for the next TimerShift to do on top of its own.
 class ShiftingScope {
 public:
-    explicit ShiftingScope(bool& shifting) : m_bShifting(shifting) { m_bShifting = true; }
-    ~ShiftingScope() { m_bShifting = false; }
+    ShiftingScope(bool& shifting, uint32_t& deferred) : m_bShifting(shifting), m_uiDeferred(deferred) {
+        m_bShifting = true;
+    }
+    ~ShiftingScope() {
+        m_bShifting = false;
+        m_uiDeferred = 0;
+    }
     ShiftingScope(const ShiftingScope&) = delete;
     ShiftingScope& operator=(const ShiftingScope&) = delete;
 
 private:
     bool& m_bShifting;
+    uint32_t& m_uiDeferred;
 };
 
 }  // namespace
+
+thread_local int CHubDeliveryScope::s_iDepth = 0;
+
+bool TimeWheel::Refused(const char* function) {
+    if (!CHubDeliveryScope::Inside()) {
+        return false;
+    }
+    JQ_LOG_Output("TRUCK", 0, TRUCK_LOG_SOURCE, function, __LINE__, "%s refused inside a hub delivery\n",
+                  function);
+    return true;
+}
 
 TimeWheel* TimeWheel::GetInstance() {
     static TimeWheel s_wheel;
@@ -71,24 +93,32 @@ void TimeWheel::Retire(CTimerNode* node) {
 }
 
 void TimeWheel::TimerShift() {
+    if (Refused("TimerShift")) {
+        return;
+    }
     std::lock_guard<std::recursive_mutex> lock(m_mutex);
     if (m_bShifting) {
         ++m_uiDeferredShifts;
         return;
     }
-    ShiftingScope scope(m_bShifting);
+    ShiftingScope scope(m_bShifting, m_uiDeferredShifts);
+    std::exception_ptr first;
     for (;;) {
         const uint32_t slot = m_uiCurrent & m_uiMask;
         ++m_uiCurrent;  // before the walk: a node re-filed now counts from the next shift
-        WalkSlot(slot);
+        WalkSlot(slot, first);
         if (m_uiDeferredShifts == 0) {
-            return;
+            break;
         }
         --m_uiDeferredShifts;
     }
+    // One timer's failure is its caller's to see, but never costs the other timers their run.
+    if (first) {
+        std::rethrow_exception(first);
+    }
 }
 
-void TimeWheel::WalkSlot(uint32_t slot) {
+void TimeWheel::WalkSlot(uint32_t slot, std::exception_ptr& first) {
     Slot& list = m_slots[slot];
     if (list.empty()) {
         return;
@@ -107,11 +137,21 @@ void TimeWheel::WalkSlot(uint32_t slot) {
             ++it;
             continue;
         }
-        if (!node->m_func) {
-            throw std::bad_function_call();
-        }
-        (*node->m_func)();  // a throw leaves the node where it is
         const Slot::iterator next = std::next(it);
+        try {
+            if (!node->m_func) {
+                throw std::bad_function_call();
+            }
+            (*node->m_func)();
+        } catch (...) {
+            // The node stays where it is, due again a lap later; later failures of the same
+            // shift are dropped in favour of the first.
+            if (!first) {
+                first = std::current_exception();
+            }
+            it = next;
+            continue;
+        }
         if (node->m_iTimes > 1) {
             --node->m_iTimes;
             Slot& target = m_slots[Place(node)];
@@ -125,11 +165,17 @@ void TimeWheel::WalkSlot(uint32_t slot) {
 }
 
 uint32_t TimeWheel::GetCurrent() const {
+    if (Refused("GetCurrent")) {
+        return 0;
+    }
     std::lock_guard<std::recursive_mutex> lock(m_mutex);
     return m_uiCurrent;
 }
 
 size_t TimeWheel::GetPendingCount() const {
+    if (Refused("GetPendingCount")) {
+        return 0;
+    }
     std::lock_guard<std::recursive_mutex> lock(m_mutex);
     size_t count = 0;
     for (const Slot& slot : m_slots) {
@@ -139,6 +185,9 @@ size_t TimeWheel::GetPendingCount() const {
 }
 
 size_t TimeWheel::GetSlotPendingCount(uint32_t slot) const {
+    if (Refused("GetSlotPendingCount")) {
+        return 0;
+    }
     std::lock_guard<std::recursive_mutex> lock(m_mutex);
     return m_slots[slot & m_uiMask].size();
 }
