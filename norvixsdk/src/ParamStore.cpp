@@ -558,44 +558,45 @@ void ResetParamStore() {
 }  // namespace detail
 }  // namespace nvx
 
-int JQ_SDK_Global_GetParameter(const char* text, int length, JQ_SDK_ParamCallback callback, void* user,
-                               void* context) {
-    nvx::detail::CountCall("JQ_SDK_Global_GetParameter");
+namespace nvx {
+namespace {
+
+// What a fetch and a watch share: the text is recorded whatever happens to it, then the
+// request is taken only with a callback and while the store serves.
+typedef int (*TakeRequest)(const char*, int, JQ_SDK_ParamCallback, void*, void*);
+int Request(const char* operation, std::deque<std::string> ParamStore::*record, TakeRequest take,
+            const char* text, int length, JQ_SDK_ParamCallback callback, void* user, void* context) {
+    detail::CountCall(operation);
     if (text == nullptr || length <= 0) {
-        return nvx::kBadArgument;
+        return kBadArgument;
     }
     try {
-        nvx::Record(&nvx::ParamStore::getRequests, text, length);
+        Record(record, text, length);
         if (callback == nullptr) {
-            return nvx::kBadArgument;
+            return kBadArgument;
         }
-        if (!nvx::Serving()) {
-            return nvx::kNotServing;
+        if (!Serving()) {
+            return kNotServing;
         }
-        return nvx::QueueReply(text, length, callback, user, context);
+        return take(text, length, callback, user, context);
     } catch (const std::exception&) {
-        return nvx::kBadDocument;
+        return kBadDocument;
     }
+}
+
+}  // namespace
+}  // namespace nvx
+
+int JQ_SDK_Global_GetParameter(const char* text, int length, JQ_SDK_ParamCallback callback, void* user,
+                               void* context) {
+    return nvx::Request("JQ_SDK_Global_GetParameter", &nvx::ParamStore::getRequests, nvx::QueueReply, text,
+                        length, callback, user, context);
 }
 
 int JQ_SDK_Global_ListenParameter(const char* text, int length, JQ_SDK_ParamCallback callback, void* user,
                                   void* context) {
-    nvx::detail::CountCall("JQ_SDK_Global_ListenParameter");
-    if (text == nullptr || length <= 0) {
-        return nvx::kBadArgument;
-    }
-    try {
-        nvx::Record(&nvx::ParamStore::listenRequests, text, length);
-        if (callback == nullptr) {
-            return nvx::kBadArgument;
-        }
-        if (!nvx::Serving()) {
-            return nvx::kNotServing;
-        }
-        return nvx::AddListener(text, length, callback, user, context);
-    } catch (const std::exception&) {
-        return nvx::kBadDocument;
-    }
+    return nvx::Request("JQ_SDK_Global_ListenParameter", &nvx::ParamStore::listenRequests, nvx::AddListener,
+                        text, length, callback, user, context);
 }
 
 int JQ_SDK_Global_SetParameter(const char* text, int length) {

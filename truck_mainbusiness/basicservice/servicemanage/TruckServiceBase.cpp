@@ -14,15 +14,6 @@
 
 namespace {
 
-const unsigned int kClientDepth = 30;
-const unsigned int kThreadStackSize = 0x80000;
-const int kStopPolls = 101;
-const unsigned int kStopPollMs = 20;
-
-unsigned long long TickDistance(unsigned long long a, unsigned long long b) {
-    return a > b ? a - b : b - a;
-}
-
 // The own thread's bus wait: long enough to idle, short enough to keep the cycle on time.
 int EventWaitMs(unsigned long long cycleTime) {
     if (cycleTime > 500) {
@@ -96,7 +87,8 @@ int CTruckServiceBase::business_start() {
         // The thread holds the manager (and so this business) until its last step.
         m_pServiceManage->basic_hold();
         pthread_t handle;
-        if (OsUtilsCreateThread(&handle, business_independ_thread_entry, this, kThreadStackSize, 1) != 0) {
+        if (OsUtilsCreateThread(&handle, business_independ_thread_entry, this, kTruckThreadStackSize, 1) !=
+            0) {
             m_iThreadState.store(3);
             m_pServiceManage->basic_release();
         }
@@ -122,13 +114,13 @@ int CTruckServiceBase::business_stop() {
         return 0;
     }
     m_iThreadState.store(2);
-    WaitForThreadEnd();
+    TruckWaitThreadStopped(m_iThreadState);
     return 0;
 }
 
-void CTruckServiceBase::WaitForThreadEnd() {
-    for (int i = 0; i < kStopPolls && m_iThreadState.load() != 3; ++i) {
-        OsUtilsSleep(kStopPollMs);
+void TruckWaitThreadStopped(const std::atomic<int32_t>& state) {
+    for (int i = 0; i < kTruckStopPolls && state.load() != 3; ++i) {
+        OsUtilsSleep(kTruckStopPollMs);
     }
 }
 
@@ -137,7 +129,7 @@ int CTruckServiceBase::business_shared_thread_run(unsigned long long nowMs) {
         return 0;
     }
     m_pAsynCallback->AsynCallbackExecute();
-    if (TickDistance(nowMs, m_ullLastRunTime) >= m_ullCycleTime) {
+    if (TruckTickDistance(nowMs, m_ullLastRunTime) >= m_ullCycleTime) {
         m_ullLastRunTime = nowMs;
         business_cycle_running(nowMs);
     }
@@ -164,7 +156,7 @@ int CTruckServiceBase::business_independ_thread_func_impl() {
     }
     TRUCK_THREAD_INFO_PRINT(m_szBusinessName);
     if (m_pMsgClient == nullptr) {
-        m_pMsgClient = new (std::nothrow) CMsgClientManage(m_szBusinessName, kClientDepth, nullptr);
+        m_pMsgClient = new (std::nothrow) CMsgClientManage(m_szBusinessName, kTruckClientDepth, nullptr);
     }
     if (m_pMsgClient == nullptr) {
         APPCOM_LOG(0, "Message client manage ptr is null\n");
@@ -184,7 +176,7 @@ int CTruckServiceBase::business_independ_thread_func_impl() {
         m_pMsgClient->MSGWaitForEvent(EventWaitMs(m_ullCycleTime));
         m_pMsgClient->MSGFeedWatchDog(now);
         m_pAsynCallback->AsynCallbackExecute();
-        if (TickDistance(now, m_ullLastRunTime) >= m_ullCycleTime) {
+        if (TruckTickDistance(now, m_ullLastRunTime) >= m_ullCycleTime) {
             m_ullLastRunTime = now;
             business_cycle_running(now);
         }

@@ -14,6 +14,22 @@
 
 class CTruckServiceManage;
 
+// What the manager's and the businesses' threads have in common.
+// Every message-bus client of the service is created with this value.
+const unsigned int kTruckClientDepth = 30;
+const unsigned int kTruckThreadStackSize = 0x80000;  // 512 KiB
+// Stop requests are polled: 101 polls of 20 ms bound each wait to about 2 s.
+const int kTruckStopPolls = 101;
+const unsigned int kTruckStopPollMs = 20;
+
+// Distance of two ticks either way: a tick that went back still counts as time passed.
+inline unsigned long long TruckTickDistance(unsigned long long a, unsigned long long b) {
+    return a > b ? a - b : b - a;
+}
+
+// Waits, in the bounded stop polls, until a thread has written its stopped state (3).
+void TruckWaitThreadStopped(const std::atomic<int32_t>& state);
+
 class CTruckServiceBase {
 public:
     typedef void (CTruckServiceBase::*AsynMember)(std::vector<AsynCallbackParaNode_t>&);
@@ -46,8 +62,6 @@ public:
     const char* business_get_name() const { return m_szBusinessName; }
 
 protected:
-    void WaitForThreadEnd();
-
     unsigned int m_uiBusinessId;
     char m_szBusinessName[32];
     Json::Value m_jsonParam;

@@ -17,8 +17,6 @@ namespace {
 
 const char kGlobalParamPath[] = "/mnt/tmpfs/global.bsn";
 const char kManageClientName[] = "truckbusiness.02";
-const unsigned int kClientDepth = 30;
-const unsigned int kThreadStackSize = 0x80000;
 
 const int kSystemLogEvent = 0x1134;
 const int kSystemLogGroups = 3;
@@ -31,20 +29,12 @@ std::atomic<unsigned long long> s_ullLastWriteTick{0};
 // Managers not yet destroyed, counting one that outlived its stop.
 std::atomic<int> s_iLiveManages{0};
 
-unsigned long long TickDistance(unsigned long long a, unsigned long long b) {
-    return a > b ? a - b : b - a;
-}
-
 void PutLE32(unsigned char* at, uint32_t value) {
     at[0] = static_cast<unsigned char>(value);
     at[1] = static_cast<unsigned char>(value >> 8);
     at[2] = static_cast<unsigned char>(value >> 16);
     at[3] = static_cast<unsigned char>(value >> 24);
 }
-
-// Stop requests are polled: 101 polls of 20 ms bound each wait to about 2 s.
-const int kStopPolls = 101;
-const unsigned int kStopPollMs = 20;
 
 }  // namespace
 
@@ -156,7 +146,7 @@ int CTruckService::ServeStart(tag_ServiceParam* param) {
     // back at once, and stop finds a manager whose cycle never ran.
     m_pServiceManage->basic_hold();
     pthread_t handle;
-    if (OsUtilsCreateThread(&handle, service_thread_entry, &m_threadArgs, kThreadStackSize, 1) != 0) {
+    if (OsUtilsCreateThread(&handle, service_thread_entry, &m_threadArgs, kTruckThreadStackSize, 1) != 0) {
         m_pServiceManage->basic_release();
     }
     return 0;
@@ -178,7 +168,8 @@ int CTruckService::ServeStop(tag_ServiceParam* param) {
     // Threads that have written their stopped state still have to let go of the manager;
     // wait for that, so that the manager normally dies here. A thread that overran its stop
     // wait keeps the manager alive, and the manager then dies with that thread.
-    if (!(manage->basic_threads_stopped() && manage->basic_wait_sole_holder(kStopPolls * kStopPollMs))) {
+    if (!(manage->basic_threads_stopped() &&
+          manage->basic_wait_sole_holder(kTruckStopPolls * kTruckStopPollMs))) {
         TRUCK_LOG(1, "Service manage still in use by a thread, it goes when the thread ends\n");
     }
     m_pServiceManage = nullptr;
@@ -227,7 +218,7 @@ CTruckServiceManage::CTruckServiceManage(tagGlobalConfig* globalConfig)
         APPCOM_LOG(0, "GlobalConfig ptr is null\n");
         exit(1);
     }
-    m_pMsgClient = new (std::nothrow) CMsgClientManage(kManageClientName, kClientDepth, nullptr);
+    m_pMsgClient = new (std::nothrow) CMsgClientManage(kManageClientName, kTruckClientDepth, nullptr);
     if (m_pMsgClient == nullptr) {
         APPCOM_LOG(0, "Message client manage ptr is null\n");
         exit(1);
@@ -322,7 +313,7 @@ int CTruckServiceManage::basic_thread_cycle(tag_ServiceParam* param) {
             basic_first_pass();
         }
 
-        if (TickDistance(now, s_ullLastWriteTick.load()) > 999) {
+        if (TruckTickDistance(now, s_ullLastWriteTick.load()) > 999) {
             s_ullLastWriteTick.store(now);
             BasicGetDeviceInfo();
             basic_system_log_write();
@@ -384,9 +375,7 @@ int CTruckServiceManage::basic_uninit() {
         MutexLocker locker(m_runStateMutex);
         m_iThreadState.store(2);
     }
-    for (int i = 0; i < kStopPolls && m_iThreadState.load() != 3; ++i) {
-        OsUtilsSleep(kStopPollMs);
-    }
+    TruckWaitThreadStopped(m_iThreadState);
     return 0;
 }
 
