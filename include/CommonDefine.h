@@ -3,6 +3,7 @@
 #ifndef TRUCK_INCLUDE_COMMONDEFINE_H
 #define TRUCK_INCLUDE_COMMONDEFINE_H
 
+#include <stdint.h>
 #include <stdlib.h>
 #include <string>
 #include <sys/prctl.h>
@@ -38,6 +39,24 @@ inline std::string TruckDevicePath(const char* devicePath) {
         path.pop_back();
     }
     return path + (devicePath != nullptr ? devicePath : "");
+}
+
+// ---- Little-endian records ----
+// Records exchanged with the platform and the bus are little-endian at fixed offsets; these
+// read and write them byte by byte, whatever the host's byte order and alignment.
+inline void TruckPutLE16(unsigned char* at, uint16_t value) {
+    at[0] = static_cast<unsigned char>(value);
+    at[1] = static_cast<unsigned char>(value >> 8);
+}
+inline void TruckPutLE32(unsigned char* at, uint32_t value) {
+    at[0] = static_cast<unsigned char>(value);
+    at[1] = static_cast<unsigned char>(value >> 8);
+    at[2] = static_cast<unsigned char>(value >> 16);
+    at[3] = static_cast<unsigned char>(value >> 24);
+}
+inline uint32_t TruckGetLE32(const unsigned char* at) {
+    return static_cast<uint32_t>(at[0]) | (static_cast<uint32_t>(at[1]) << 8) |
+           (static_cast<uint32_t>(at[2]) << 16) | (static_cast<uint32_t>(at[3]) << 24);
 }
 
 // ---- JSON access helpers (truck_main/common/src/CommonDefine.cpp) ----

@@ -145,6 +145,19 @@ int SetParameterDocument(const std::string& text);
 // Waits until the parameter thread has delivered every reply and notification queued.
 bool WaitForParamIdle(int timeoutMs);
 
+// ---- device signals and the vehicle-bus port ----
+// Hands raw bytes (any length, no terminator added) to every device-signal monitor, and to
+// every CAN-port monitor, on the platform's signal thread and CAN thread respectively. Each
+// monitor gets its own copy of exactly `length` bytes; null data is handed on as a null pointer
+// with the length given.
+void InjectDevSignal(const void* data, size_t length);
+void InjectCanRecord(const void* data, size_t length);
+// Waits until both threads have delivered everything handed to them.
+bool WaitForPeripheralIdle(int timeoutMs);
+// Monitors registered now (device-signal, CAN-port).
+int DevSignalMonitorCount();
+int CanPortMonitorCount();
+
 // Back to a fresh device: profile, failures, captures, sent messages, counters, clock.
 // Clients and threads that are still alive are left alone.
 void Reset();

@@ -133,6 +133,7 @@ void Reset() {
     detail::ResetThreads();
     detail::ResetIdentity();
     detail::ResetStorage();
+    detail::ResetPeripheral();
     detail::ResetParamStore();
 }
 

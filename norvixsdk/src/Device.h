@@ -31,6 +31,9 @@ void ResetLog();
 void ResetThreads();
 void ResetIdentity();
 void ResetStorage();
+// Drops the peripheral monitors and their queued records, and waits for a delivery that is
+// running (unless called from inside one).
+void ResetPeripheral();
 void ResetParamStore();
 void ResetMsgSdk();
 

@@ -29,13 +29,6 @@ std::atomic<unsigned long long> s_ullLastWriteTick{0};
 // Managers not yet destroyed, counting one that outlived its stop.
 std::atomic<int> s_iLiveManages{0};
 
-void PutLE32(unsigned char* at, uint32_t value) {
-    at[0] = static_cast<unsigned char>(value);
-    at[1] = static_cast<unsigned char>(value >> 8);
-    at[2] = static_cast<unsigned char>(value >> 16);
-    at[3] = static_cast<unsigned char>(value >> 24);
-}
-
 }  // namespace
 
 // ---------------------------------------------------------------------------------------
@@ -420,8 +413,8 @@ unsigned char* CTruckServiceManage::NewLogBatch(uint32_t groupMaskWord, size_t c
         return nullptr;
     }
     memset(buffer, 0, length);
-    PutLE32(buffer, groupMaskWord);
-    PutLE32(buffer + 4, static_cast<uint32_t>(count));
+    TruckPutLE32(buffer, groupMaskWord);
+    TruckPutLE32(buffer + 4, static_cast<uint32_t>(count));
     return buffer;
 }
 

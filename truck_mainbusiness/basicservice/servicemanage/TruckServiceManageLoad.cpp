@@ -3,7 +3,10 @@
 #include <stdio.h>
 #include <string.h>
 
+#include <new>
+
 #include "CommonDefine.h"
+#include "TruckOsdService.h"
 #include "TruckServiceBase.h"
 #include "TruckServiceManage.h"
 
@@ -11,16 +14,22 @@
 
 namespace {
 const char kBusinessConfigPath[] = "/usr/local/cfg/truckbusiness.jsn";
+const unsigned int kBusinessIdOsd = 7;
 
 bool IsStringTrue(const Json::Value& element, const char* key) {
     return JsonUtils::IsStringMember(element, key) && element[key].asString() == "true";
 }
 }  // namespace
 
-CTruckServiceBase* CreateBusinessInstance(CTruckServiceManage* /*manager*/, CMsgClientManage* /*client*/,
-                                          unsigned int /*id*/, char* /*name*/, unsigned char /*type*/,
-                                          Json::Value& /*param*/) {
-    return nullptr;
+CTruckServiceBase* CreateBusinessInstance(CTruckServiceManage* manager, CMsgClientManage* client,
+                                          unsigned int id, char* name, unsigned char type,
+                                          Json::Value& param) {
+    switch (id) {
+        case kBusinessIdOsd:
+            return new (std::nothrow) CTruckOsdService(manager, client, id, name, type, param);
+        default:
+            return nullptr;
+    }
 }
 
 int CTruckServiceManage::basic_analyze_basic_config(std::list<BusinessLoadAttr_t>& out) {

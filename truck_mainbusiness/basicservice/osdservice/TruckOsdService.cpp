@@ -1,0 +1,280 @@
+// The OSD business object: construction, its hooks and cycle, its event sources, and the
+// parameter documents it applies on its own thread.
+#include "TruckOsdService.h"
+
+#include <exception>
+#include <set>
+
+#include "AppLibCommon.h"
+#include "CommonDefine.h"
+#include "HCTimeWheel.h"
+#include "JQ_SDK_Basic.h"
+#include "JQ_SDK_Device.h"
+#include "TruckServiceManage.h"
+
+#define TRUCK_LOG_SOURCE "truck_mainbusiness/basicservice/osdservice/TruckOsdService"
+
+namespace {
+
+const unsigned long long kOsdCycleMs = 500;
+const unsigned long long kParamRetryMs = 1999;  // re-request after more than this
+const unsigned long long kWheelShiftMs = 999;   // one wheel tick a second
+const uint32_t kPendingTimep = 1u << 0;
+const uint32_t kPendingEosd = 1u << 1;
+
+// Process-wide stamps of the cycle, set at its first call. Atomic because a restarted
+// business runs its cycle on a new thread.
+std::atomic<bool> s_stampsSet{false};
+std::atomic<unsigned long long> s_lastRequestMs{0};
+std::atomic<unsigned long long> s_lastShiftMs{0};
+
+std::set<void*>& LiveSet() {
+    static std::set<void*>* live = new std::set<void*>;  // never destroyed: callbacks may outlive statics
+    return *live;
+}
+
+Json::Value ParamGroups() {
+    Json::Value groups(Json::objectValue);
+    groups["TIMEP"] = "?";
+    groups["EOSD"] = "?";
+    return groups;
+}
+
+template <class T>
+void ReadIfPresent(const Json::Value& object, const char* key, T& field) {
+    if (JsonUtils::IsMember(object, key)) {
+        GetJsonIntegral<T>(object[key], field, true, 0);
+    }
+}
+
+}  // namespace
+
+std::mutex& CTruckOsdService::LiveMutex() {
+    static std::mutex* mutex = new std::mutex;  // never destroyed, like the set it guards
+    return *mutex;
+}
+
+bool CTruckOsdService::IsListed(void* user) {
+    return user != nullptr && LiveSet().count(user) != 0;
+}
+
+void CTruckOsdService::Unlist() {
+    std::lock_guard<std::mutex> lock(LiveMutex());
+    LiveSet().erase(this);
+}
+
+CTruckOsdService::CTruckOsdService(CTruckServiceManage* manager, CMsgClientManage* client,
+                                   unsigned int businessId, char* name, unsigned char mode,
+                                   Json::Value& config)
+    : CTruckServiceBase(manager, client, businessId, name, mode, config),
+      m_OSDX_Seven(400),
+      m_OSDY_Seven(80),
+      m_OSD_EN(0),
+      m_uiSevenChnMask(0),
+      m_OSDX_Time(300),
+      m_OSDY_Time(30),
+      m_ucDateFormat(0),
+      m_ucTimeFormat(0),
+      m_sTimeZone(0),
+      m_sTimeZoneEx(0),
+      m_iTimeZoneHour(0),
+      m_iTimeZoneMin(0),
+      m_videoInNum(0),
+      m_videoIpNum(0),
+      m_customerType(0),
+      m_productType(0),
+      m_timeZoneParam(),
+      m_SystemDSTEnable(0),
+      m_ucSpeedUnit(0),
+      m_uiSpeed(0),
+      m_OSDX_Speed(0),
+      m_OSDY_Speed(0),
+      m_IOturnState(0),
+      m_OBDturnState(0),
+      m_ucFontSize(0),
+      m_uiParamPending(kPendingTimep | kPendingEosd),
+      m_ucWaterEn(0),
+      m_enableUtc(0),
+      m_iLastDstState(1),
+      m_ucLastDstOffset(0) {
+    if (manager != nullptr) {
+        m_videoInNum = static_cast<uint16_t>(manager->BasicGetVideoInNum());
+        m_videoIpNum = static_cast<uint16_t>(manager->BasicGetVideoIpNum());
+        m_customerType = static_cast<uint32_t>(ParseCustomerType(manager->BasicGetSystemConfig()));
+        m_productType = manager->basic_get_product_type();
+    }
+    TRUCK_LOG(1, "m_videoInNum = %d, m_videoIpNum = %d, m_customerType = %d, m_productType = %d\n",
+              static_cast<int>(m_videoInNum), static_cast<int>(m_videoIpNum),
+              static_cast<int>(m_customerType), static_cast<int>(m_productType));
+    std::lock_guard<std::mutex> lock(LiveMutex());
+    LiveSet().insert(this);
+}
+
+CTruckOsdService::~CTruckOsdService() {
+    Unlist();
+}
+
+int CTruckOsdService::business_init() {
+    RegisterMessage();
+    MonitorParam();
+    GetParam();
+    business_set_cycle_time(kOsdCycleMs);
+    return 0;
+}
+
+int CTruckOsdService::business_uninit() {
+    // Withdraw first, unlisted after: a CAN withdrawal waits for a callback that is running,
+    // and that callback holds the registry's lock.
+    UnregisterMessage();
+    Unlist();
+    return 0;
+}
+
+int CTruckOsdService::RegisterMessage() {
+    if (m_pMsgClient == nullptr) {
+        return -1;
+    }
+    const int source = static_cast<int>(m_uiSourceId);
+    if (IsCardReader(m_customerType)) {
+        m_pMsgClient->MSGEventRegister(source, kOsdEventSwipe, this, &CTruckOsdService::OnSwipeInfoNotify);
+    }
+    m_pMsgClient->MSGEventRegister(source, kOsdEventSpeed, this, &CTruckOsdService::OnUpdateSpeedInfo);
+    JQ_SDK_Device_MonitorDevSignalData(MonitorIoUseInfo, this, 0);
+    JQ_BASIC_HANDLE handle = m_pServiceManage != nullptr ? m_pServiceManage->GetBasicSDKHandle() : nullptr;
+    if (handle != nullptr) {
+        JQ_SDK_Basic_Peripheral_MonitorCanPortEvent(handle, CallbackCanTruckOsdServiceEvent, this, 0);
+    }
+    return 0;
+}
+
+int CTruckOsdService::UnregisterMessage() {
+    if (m_pMsgClient == nullptr) {
+        return -1;
+    }
+    const int source = static_cast<int>(m_uiSourceId);
+    if (IsCardReader(m_customerType)) {
+        m_pMsgClient->MSGEventUnRegister(source, kOsdEventSwipe);
+    }
+    m_pMsgClient->MSGEventUnRegister(source, kOsdEventSpeed);
+    JQ_BASIC_HANDLE handle = m_pServiceManage != nullptr ? m_pServiceManage->GetBasicSDKHandle() : nullptr;
+    if (handle != nullptr) {
+        JQ_SDK_Basic_Peripheral_MonitorCanPortEvent(handle, nullptr, this, 0);
+    }
+    return 0;
+}
+
+int CTruckOsdService::GetParam() {
+    if (m_pServiceManage == nullptr) {
+        return -1;
+    }
+    Json::Value groups = ParamGroups();
+    return m_pServiceManage->basic_global_get_param(groups, OSDParamCallback, this, nullptr);
+}
+
+int CTruckOsdService::MonitorParam() {
+    if (m_pServiceManage == nullptr) {
+        return -1;
+    }
+    Json::Value groups = ParamGroups();
+    return m_pServiceManage->basic_global_listen_param(groups, OSDParamCallback, this, nullptr);
+}
+
+void OSDParamCallback(const char* data, int length, void* user, void* /*context*/) {
+    if (data == nullptr || user == nullptr || length <= 0) {
+        return;
+    }
+    // The queue copies the text, so it outlives this call until OSDEventHandle has run.
+    CTruckOsdService::WithLive(user, [data, length](CTruckOsdService* self) {
+        AsynCallbackParaNode_t node = {data, length, 0};
+        self->QueueParam(node);
+    });
+}
+
+void CTruckOsdService::QueueParam(const AsynCallbackParaNode_t& node) {
+    if (m_pAsynCallback != nullptr) {
+        m_pAsynCallback->AsynCallbackAdd(1, this, &CTruckOsdService::OSDEventHandle, node);
+    }
+}
+
+int CTruckOsdService::business_cycle_running(unsigned long long nowMs) {
+    bool expected = false;
+    if (s_stampsSet.compare_exchange_strong(expected, true)) {
+        s_lastRequestMs.store(nowMs);
+        s_lastShiftMs.store(nowMs);
+    }
+    if (m_uiParamPending != 0) {
+        if (nowMs - s_lastRequestMs.load() > kParamRetryMs) {
+            s_lastRequestMs.store(nowMs);
+            GetParam();
+        }
+        return 0;
+    }
+    if (nowMs - s_lastShiftMs.load() > kWheelShiftMs) {
+        s_lastShiftMs.store(nowMs);
+        TimeWheel::GetInstance()->TimerShift();
+    }
+    OSDDataSendTime();
+    if (m_productType != kOsdProductNoSpeed) {
+        OSDDataSendSpeed();
+    }
+    return 0;
+}
+
+void CTruckOsdService::OSDEventHandle(std::vector<AsynCallbackParaNode_t>& nodes) {
+    if (nodes.empty()) {
+        return;
+    }
+    const AsynCallbackParaNode_t& node = nodes[0];
+    if (node.pData == nullptr || node.iLen == 0) {
+        TRUCK_LOG(0, "parse param error, length = %d\n", node.iLen);
+        return;
+    }
+    Json::Value document;
+    if (node.iLen < 0 || !ConvertStringToJson(node.pData, static_cast<unsigned int>(node.iLen), document)) {
+        TRUCK_LOG(0, "parse param json error, length = %d\n", node.iLen);
+        return;
+    }
+    try {
+        if (document.empty() || !JsonUtils::IsMember(document, "PARAMETER") ||
+            !JsonUtils::IsMember(document["PARAMETER"], "MDVR")) {
+            return;
+        }
+        const Json::Value& mdvr = document["PARAMETER"]["MDVR"];
+        if (JsonUtils::IsMember(mdvr, "TIMEP")) {
+            TimeParamParse(mdvr["TIMEP"]);
+            m_uiParamPending &= ~kPendingTimep;
+        }
+        if (!JsonUtils::IsArrayMember(mdvr, "EOSD") || mdvr["EOSD"].empty()) {
+            return;
+        }
+        const Json::Value& eosd = mdvr["EOSD"];
+        if (HandleParamParseEOSD(eosd) != 0) {
+            return;  // fresh positions follow in the store's next notification
+        }
+        const Json::Value& first = eosd[0];
+        if (JsonUtils::IsArrayMember(first, "COSD") && !first["COSD"].empty()) {
+            const Json::Value& seven = first["COSD"][0];
+            ReadIfPresent(seven, "X", m_OSDX_Seven);
+            ReadIfPresent(seven, "Y", m_OSDY_Seven);
+            ReadIfPresent(seven, "EN", m_OSD_EN);
+        }
+        ReadIfPresent(first, "TX", m_OSDX_Time);
+        ReadIfPresent(first, "TY", m_OSDY_Time);
+        ReadIfPresent(first, "TFS", m_ucFontSize);
+        ReadIfPresent(first, "SX", m_OSDX_Speed);
+        ReadIfPresent(first, "SY", m_OSDY_Speed);
+        if (m_OSD_EN != 0) {
+            OSDDataSendSeven(m_strSevenTxt);
+        } else {
+            OSDDataSendCancelSeven();
+        }
+        m_uiParamPending &= ~kPendingEosd;
+        TRUCK_LOG(1,
+                  "m_OSDX_Seven = %d, m_OSDY_Seven = %d, m_OSD_EN = %d,\tm_OSDX_Time = %d, m_OSDY_Time = %d, "
+                  "m_ucFontSize:%d, m_OSDX_Speed = %d, m_OSDY_Speed = %d\n",
+                  m_OSDX_Seven, m_OSDY_Seven, m_OSD_EN, m_OSDX_Time, m_OSDY_Time, m_ucFontSize, m_OSDX_Speed,
+                  m_OSDY_Speed);
+    } catch (const std::exception&) {
+        // A document the JSON library throws on ends here; what was applied stays applied.
+    }
+}
