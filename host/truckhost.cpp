@@ -10,10 +10,13 @@
 
 #include <atomic>
 #include <chrono>
+#include <limits>
 #include <mutex>
 #include <string>
 #include <thread>
+#include <vector>
 
+#include "HostScript.h"
 #include "NvxControl.h"
 
 namespace {
@@ -44,6 +47,9 @@ struct Options {
     std::string busLog;
     double duration = -1;  // seconds; negative: until SIGINT/SIGTERM
     int logLevel = 2;
+    bool startTimeGiven = false;
+    int64_t startTime = 0;  // seconds since 1970, no zone
+    std::vector<truckhost::ScriptStep> script;
 };
 
 volatile sig_atomic_t g_stopRequested = 0;
@@ -61,8 +67,28 @@ void Usage(FILE* out) {
             "  --log-level N      platform log lines up to level N go to standard error (0..4, default 2)\n"
             "  --param-store FILE start from this parameter store (default: the demo store with the\n"
             "                     demo device, else the store of the given device folder)\n"
-            "  --bus-log FILE     write every bus message sent and every parameter write, one JSON\n"
-            "                     object per line\n"
+            "  --bus-log FILE     write every bus message sent, every parameter write and every script\n"
+            "                     step run, one JSON object per line\n"
+            "  --start-time YYYY-MM-DDTHH:MM:SS\n"
+            "                     the device's wall clock at start, without a zone (default: the\n"
+            "                     machine's clock); it runs on at real speed\n"
+            "  --script FILE      inject the timed steps of FILE while the plug-in runs: a JSON array of\n"
+            "                     {\"at_ms\": N, \"kind\": K, ...}, N ms after the host started (the clock\n"
+            "                     of --duration); steps due at the end of --duration or later do not run.\n"
+            "                     Kinds and their members:\n"
+            "                       speed   speed (u32), unit (u8): bus event 0x118A\n"
+            "                       swipe   text: a card-swipe notification, bus event 0x4004\n"
+            "                       bus     event, hex: any payload to the handlers of an event\n"
+            "                       io      text: a device-signal record, e.g.\n"
+            "                               {\"SIGNAL\":{\"TURN\":{\"SOURCE\":0,\"VALUE\":1}}}\n"
+            "                       can     hex: a record of the vehicle-bus port\n"
+            "                       param   doc (object or string): {\"PARAMETER\":{\"MDVR\":{...}}},\n"
+            "                               merged into the store and notified\n"
+            "                       clock   set (YYYY-MM-DDTHH:MM:SS): the wall clock jumps there\n"
+            "                       storage result (int), path: a storage report\n"
+            "                     A malformed script is refused before start, naming the step (from 1).\n"
+            "                     Steps run are logged to --bus-log and, at --log-level 3 or more, to\n"
+            "                     standard error\n"
             "  --help             this text\n");
 }
 
@@ -78,6 +104,32 @@ std::string BesideSelf(const char* file) {
     return (slash == std::string::npos ? std::string(".") : dir.substr(0, slash)) + "/" + file;
 }
 
+// Reads and checks the whole script before anything starts; false with a message.
+bool ReadScript(const std::string& path, Options& options) {
+    std::string text;
+    FILE* file = fopen(path.c_str(), "rb");
+    bool read = file != nullptr;
+    if (read) {
+        char chunk[4096];
+        for (size_t n; (n = fread(chunk, 1, sizeof(chunk), file)) > 0;) {
+            text.append(chunk, n);
+        }
+        read = ferror(file) == 0;
+        fclose(file);
+    }
+    if (!read) {
+        fprintf(stderr, "truckhost: cannot read the script '%s'\n", path.c_str());
+        return false;
+    }
+    truckhost::ParsedScript parsed = truckhost::ParseScript(text);
+    if (!parsed.error.empty()) {
+        fprintf(stderr, "truckhost: script %s: %s\n", path.c_str(), parsed.error.c_str());
+        return false;
+    }
+    options.script = std::move(parsed.steps);
+    return true;
+}
+
 // Returns 0, 1 for --help, or 2 with a message for a bad option.
 int ParseOptions(int argc, char** argv, Options& options) {
     options.plugin = BesideSelf("libtruckservice.so");
@@ -88,7 +140,7 @@ int ParseOptions(int argc, char** argv, Options& options) {
         }
         const bool hasValue = i + 1 < argc;
         if (arg != "--plugin" && arg != "--sysroot" && arg != "--duration" && arg != "--log-level" &&
-            arg != "--bus-log" && arg != "--param-store") {
+            arg != "--bus-log" && arg != "--param-store" && arg != "--start-time" && arg != "--script") {
             fprintf(stderr, "truckhost: unknown option '%s' (see --help)\n", arg.c_str());
             return 2;
         }
@@ -111,6 +163,17 @@ int ParseOptions(int argc, char** argv, Options& options) {
             options.paramStore = value;
         } else if (arg == "--bus-log") {
             options.busLog = value;
+        } else if (arg == "--start-time") {
+            if (!truckhost::ParseDeviceTime(value, options.startTime)) {
+                fprintf(stderr, "truckhost: --start-time takes YYYY-MM-DDTHH:MM:SS (from 1970), not '%s'\n",
+                        value.c_str());
+                return 2;
+            }
+            options.startTimeGiven = true;
+        } else if (arg == "--script") {
+            if (!ReadScript(value, options)) {
+                return 2;
+            }
         } else if (arg == "--duration") {
             options.duration = strtod(value.c_str(), &end);
             if (end == value.c_str() || *end != '\0' || !(options.duration >= 0)) {
@@ -188,6 +251,11 @@ public:
         line += "\"}\n";
         Put(line);
     }
+    // `source` is the step's own compact JSON.
+    void WriteStep(uint64_t tMs, size_t number, const std::string& source) {
+        Put("{\"t_ms\": " + std::to_string(tMs) +
+            ", \"kind\": \"script\", \"step\": " + std::to_string(number) + ", \"do\": " + source + "}\n");
+    }
     void WriteParameter(uint64_t tMs, const std::string& text) {
         std::string line = "{\"t_ms\": " + std::to_string(tMs) + ", \"kind\": \"param_set\", \"text\": ";
         AppendJsonString(line, text);
@@ -224,6 +292,9 @@ int main(int argc, char** argv) {
     nvx::SetParamStoreSource(InitialParamStore(options));
     // The simulated recorder boots with its hard disk mounted.
     nvx::SetStorageMount(0, "/mnt/hd1");
+    if (options.startTimeGiven) {
+        nvx::SetWallClock(static_cast<time_t>(options.startTime));
+    }
     const auto started = std::chrono::steady_clock::now();
     auto sinceStart = [&started] {
         return static_cast<uint64_t>(
@@ -277,10 +348,34 @@ int main(int argc, char** argv) {
     printf("start: %d\n", startRc);
     fflush(stdout);
     if (startRc == 0) {
+        // Steps are written to the logs before they run: what the plug-in sends in answer
+        // comes after its cause.
+        truckhost::ScriptTimeline timeline;
+        if (!options.script.empty()) {
+            const double durationMs = options.duration * 1000.0;
+            const uint64_t endMs = options.duration < 0 || durationMs >= 1e18
+                                       ? std::numeric_limits<uint64_t>::max()
+                                       : static_cast<uint64_t>(durationMs);
+            const bool logBus = !options.busLog.empty();
+            const bool logStderr = options.logLevel >= 3;
+            timeline.Start(options.script, started, endMs, [&](const truckhost::ScriptStep& step) {
+                const uint64_t now = sinceStart();
+                if (logBus) {
+                    busLog.WriteStep(now, step.number, step.source);
+                }
+                if (logStderr) {
+                    fprintf(stderr, "truckhost: %llu ms: script step %zu: %s\n",
+                            static_cast<unsigned long long>(now), step.number, step.source.c_str());
+                }
+                truckhost::RunStep(step);
+            });
+        }
         while (g_stopRequested == 0 &&
                (options.duration < 0 || static_cast<double>(sinceStart()) < options.duration * 1000.0)) {
             std::this_thread::sleep_for(std::chrono::milliseconds(20));
         }
+        // Nothing is injected into a plug-in that is stopping.
+        timeline.Stop();
         rc = stop(&param);
         printf("stop: %d, ucRunning %u\n", rc, static_cast<unsigned>(param.running.load()));
     }
