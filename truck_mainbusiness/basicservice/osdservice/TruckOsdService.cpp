@@ -98,8 +98,14 @@ CTruckOsdService::CTruckOsdService(CTruckServiceManage* manager, CMsgClientManag
       m_iLastDstState(1),
       m_ucLastDstOffset(0) {
     if (manager != nullptr) {
-        m_videoInNum = static_cast<uint16_t>(manager->BasicGetVideoInNum());
-        m_videoIpNum = static_cast<uint16_t>(manager->BasicGetVideoIpNum());
+        // The manager's input count includes the IP channels; the overlay masks number the
+        // analog inputs first and the IP channels after them, so the analog count is kept
+        // here. Kept as the sum, a device with 4 inputs and 2 IP cameras would get the masks
+        // of 8 channels, and the label's IP-only delete would miss the real IP channels.
+        const unsigned int all = manager->BasicGetVideoInNum();
+        const unsigned int ip = manager->BasicGetVideoIpNum();
+        m_videoInNum = static_cast<uint16_t>(all >= ip ? all - ip : 0);
+        m_videoIpNum = static_cast<uint16_t>(ip);
         m_customerType = static_cast<uint32_t>(ParseCustomerType(manager->BasicGetSystemConfig()));
         m_productType = manager->basic_get_product_type();
     }
