@@ -83,6 +83,11 @@ int GetJsonFloat(const Json::Value& v, float& out, float defaultValue);
 // is refused, including nesting deeper than the reader allows.
 bool ConvertStringToJson(const char* text, unsigned int length, Json::Value& root);
 
+// Whether the containers of a JSON text nest no deeper than maxDepth, counting brackets
+// outside strings; a cheap scan for a text that arrives on a thread whose stack is not ours
+// to size, before the recursive parser sees it.
+bool JsonNestingWithin(const char* text, unsigned int length, int maxDepth);
+
 // Compact one-line serialisation ending in a newline. text is left unchanged on failure.
 bool ConvertJsonToString(const Json::Value& v, std::string& text);
 void JsonToString(const Json::Value& v, std::string& text);

@@ -123,6 +123,20 @@ TEST_F(JsonHelpers, TooDeepNestingIsRefusedAndLoggedOnlyByConvertStringToJson) {
     EXPECT_EQ(nvx::CapturedLogs().size(), lines);
 }
 
+TEST_F(JsonHelpers, NestingScanCountsContainersOutsideStringsOnly) {
+    const auto within = [](const std::string& text, int depth) {
+        return JsonNestingWithin(text.data(), static_cast<unsigned int>(text.size()), depth);
+    };
+    EXPECT_TRUE(within(R"({"a":[{"b":1}]})", 3));
+    EXPECT_FALSE(within(R"({"a":[{"b":1}]})", 2));
+    EXPECT_TRUE(within(R"({"a":"[[[{{{","b":"\"[[["})", 1)) << "brackets and quotes inside strings";
+    EXPECT_TRUE(within("[][][][]", 1)) << "siblings do not add up";
+    // The scan stops at the length: the deep part lies beyond it.
+    const std::string tail = "[1]" + std::string(100, '[');
+    EXPECT_TRUE(JsonNestingWithin(tail.data(), 3, 1));
+    EXPECT_FALSE(within(std::string(100000, '['), 32));
+}
+
 TEST_F(JsonHelpers, LoadJsonFileSeparatesMissingPathFromOtherFailures) {
     const TempFolder folder("test_json_helpers");
     ASSERT_FALSE(folder.path().empty());

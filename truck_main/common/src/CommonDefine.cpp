@@ -83,6 +83,36 @@ int GetJsonFloat(const Json::Value& v, float& out, float defaultValue) {
     }
 }
 
+bool JsonNestingWithin(const char* text, unsigned int length, int maxDepth) {
+    if (text == nullptr) {
+        return true;
+    }
+    int depth = 0;
+    bool inString = false;
+    bool escaped = false;
+    for (unsigned int i = 0; i < length; ++i) {
+        const char c = text[i];
+        if (inString) {
+            if (escaped) {
+                escaped = false;
+            } else if (c == '\\') {
+                escaped = true;
+            } else if (c == '"') {
+                inString = false;
+            }
+        } else if (c == '"') {
+            inString = true;
+        } else if (c == '[' || c == '{') {
+            if (++depth > maxDepth) {
+                return false;
+            }
+        } else if ((c == ']' || c == '}') && depth > 0) {
+            --depth;
+        }
+    }
+    return true;
+}
+
 bool ConvertStringToJson(const char* text, unsigned int length, Json::Value& root) {
     if (text == nullptr) {
         return false;

@@ -215,13 +215,19 @@ int CTruckOsdService::business_cycle_running(unsigned long long nowMs) {
         }
         return 0;
     }
-    if (nowMs - s_lastShiftMs.load() > kWheelShiftMs) {
-        s_lastShiftMs.store(nowMs);
-        TimeWheel::GetInstance()->TimerShift();
-    }
-    OSDDataSendTime();
-    if (m_productType != kOsdProductNoSpeed) {
-        OSDDataSendSpeed();
+    // Nothing may leave the cycle: it would end the thread that runs it. A timer that threw
+    // or a text that could not be had is tried again on a later cycle.
+    try {
+        if (nowMs - s_lastShiftMs.load() > kWheelShiftMs) {
+            s_lastShiftMs.store(nowMs);
+            TimeWheel::GetInstance()->TimerShift();
+        }
+        OSDDataSendTime();
+        if (m_productType != kOsdProductNoSpeed) {
+            OSDDataSendSpeed();
+        }
+    } catch (const std::exception& e) {
+        TRUCK_LOG(0, "osd cycle failed: %s\n", e.what());
     }
     return 0;
 }

@@ -135,7 +135,11 @@ public:
         if (!IsListed(user)) {
             return false;
         }
-        call(static_cast<CTruckOsdService*>(user));
+        // The platform's threads are not ours to end: nothing thrown goes back to them.
+        try {
+            call(static_cast<CTruckOsdService*>(user));
+        } catch (...) {
+        }
         return true;
     }
 
@@ -147,6 +151,7 @@ private:
     void FillOverlayHeader(unsigned char* record, uint8_t kind, uint32_t mask, uint16_t x, uint16_t y,
                            uint8_t textSize) const;
     void SendBus(int event, const unsigned char* data, size_t length);
+    void ApplySwipe(const char* data, int length);
     static std::mutex& LiveMutex();
     static bool IsListed(void* user);  // under LiveMutex
     void Unlist();

@@ -1,5 +1,6 @@
 // Overlay positions of the EOSD group and the watermark layouts written back to it.
 #include <atomic>
+#include <exception>
 #include <string>
 
 #include "AppLibCommon.h"
@@ -36,7 +37,7 @@ const LayoutPoint kWatermarkItems[] = {
 };
 
 template <size_t N>
-void WriteLayout(const int (&cosd)[2][2], const LayoutPoint (&items)[N]) {
+void BuildAndWriteLayout(const int (&cosd)[2][2], const LayoutPoint (&items)[N]) {
     Json::Value element(Json::objectValue);
     Json::Value lines(Json::arrayValue);
     for (int i = 0; i < 2; ++i) {
@@ -57,6 +58,16 @@ void WriteLayout(const int (&cosd)[2][2], const LayoutPoint (&items)[N]) {
         return;
     }
     JQ_SDK_Global_SetParameter(text.c_str(), static_cast<int>(text.size()));
+}
+
+// Runs on whichever thread shifts the wheel; a layout that cannot be built is simply not
+// written, as when the store refuses it.
+template <size_t N>
+void WriteLayout(const int (&cosd)[2][2], const LayoutPoint (&items)[N]) {
+    try {
+        BuildAndWriteLayout(cosd, items);
+    } catch (const std::exception&) {
+    }
 }
 
 }  // namespace

@@ -1,6 +1,7 @@
 // The overlay message, the Seven line and card swipes.
 #include <string.h>
 
+#include <exception>
 #include <new>
 
 #include "CommonDefine.h"
@@ -119,6 +120,14 @@ void CTruckOsdService::OSDDataDeleteIPCSeven(std::string text) {
 }
 
 void CTruckOsdService::OnSwipeInfoNotify(const char* data, int length) {
+    // Runs inside the client's event wait: nothing thrown may leave it.
+    try {
+        ApplySwipe(data, length);
+    } catch (const std::exception&) {
+    }
+}
+
+void CTruckOsdService::ApplySwipe(const char* data, int length) {
     // Every field read must lie inside the payload: up to the text-present byte at least.
     if (data == nullptr || length <= 19 || static_cast<size_t>(length) <= kSwipeTextPresent) {
         return;

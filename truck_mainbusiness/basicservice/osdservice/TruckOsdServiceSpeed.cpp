@@ -22,6 +22,9 @@ const unsigned int kJ1939Turn = 13;
 const unsigned int kJ1939MinLength = 20;
 const uint32_t kJ1939TurnEvent = 0x4001;
 
+// A signal record nests three levels; this leaves room without costing a deep stack.
+const int kSignalMaxDepth = 32;
+
 }  // namespace
 
 void CTruckOsdService::OnUpdateSpeedInfo(const char* data, int length) {
@@ -80,9 +83,11 @@ void CTruckOsdService::MonitorIoUseInfo(const char* data, int length, void* user
 void CTruckOsdService::OnUpdateIoUseInfo(const char* data, int length) {
     int value = 0;
     Json::Value document;
-    // The parse refuses nesting deeper than its limit, so a hostile text cannot exhaust the
-    // signal thread's stack.
-    if (length <= 0 || !ConvertStringToJson(data, static_cast<unsigned int>(length), document)) {
+    // The text is parsed on the platform's signal thread, whose stack size is the platform's:
+    // the parser's own limit (about a thousand levels) needs a few hundred KiB of it, so a
+    // text nested deeper than any signal record is refused before it is parsed.
+    if (length <= 0 || !JsonNestingWithin(data, static_cast<unsigned int>(length), kSignalMaxDepth) ||
+        !ConvertStringToJson(data, static_cast<unsigned int>(length), document)) {
         TRUCK_LOG(0, "ConvertStringToJson faile.\n");
     } else if (JsonUtils::IsMember(document, "SIGNAL") && JsonUtils::IsMember(document["SIGNAL"], "TURN") &&
                JsonUtils::IsMember(document["SIGNAL"]["TURN"], "SOURCE")) {

@@ -1,4 +1,5 @@
 // Time-zone parameters, the business's own daylight-saving rule and the date/time line.
+#include <stdint.h>
 #include <stdio.h>
 #include <stdlib.h>
 #include <string.h>
@@ -20,7 +21,9 @@ long Seconds32(long long value) {
 // The decimal value of a time-zone text, cut to 16 bits; leading digits only, like atoi,
 // but without its undefined overflow.
 int16_t ZoneMinutes(const std::string& text) {
-    const long long value = strtoll(text.c_str(), nullptr, 10);
+    long long value = strtoll(text.c_str(), nullptr, 10);
+    // Saturate as the device's 32-bit conversion does, then cut.
+    value = value > INT32_MAX ? INT32_MAX : (value < INT32_MIN ? INT32_MIN : value);
     return static_cast<int16_t>(static_cast<uint16_t>(value));
 }
 
@@ -277,12 +280,18 @@ void CTruckOsdService::OSDDataSendTime() {
         const long long local = static_cast<long long>(static_cast<uint32_t>(clock)) +
                                 3600LL * m_iTimeZoneHour + 60LL * m_iTimeZoneMin;
         long seconds = Seconds32(local);
-        JQ_SDK_DateTime_CalendarTimeToBrokenDownTime(&seconds, &date);
-        dstState = CheckDstCriticalCondition(date) ? 1 : 0;
+        // A clock outside the platform's calendar (an RTC reset before 2000, say) shows what
+        // the conversion left, and no daylight-saving rule is tried on it.
+        if (JQ_SDK_DateTime_CalendarTimeToBrokenDownTime(&seconds, &date) == 0) {
+            dstState = CheckDstCriticalCondition(date) ? 1 : 0;
+        }
         if (dstState == 0) {
             seconds = Seconds32(static_cast<long long>(seconds) + 3600LL * m_timeZoneParam.dstShift);
-            memset(&date, 0, sizeof(date));
-            JQ_SDK_DateTime_CalendarTimeToBrokenDownTime(&seconds, &date);
+            tagDateTime shifted;
+            memset(&shifted, 0, sizeof(shifted));
+            if (JQ_SDK_DateTime_CalendarTimeToBrokenDownTime(&seconds, &shifted) == 0) {
+                date = shifted;  // past the calendar's end the standard time is shown
+            }
         }
     }
     FormatTimeTxt(date, text, sizeof(text));
