@@ -5,13 +5,6 @@
 
 #include "OsdFuzzBusiness.h"
 
-// Refused inputs are logged; thousands of lines a second would only slow the search.
-extern "C" int LLVMFuzzerInitialize(int*, char***) {
-    nvx::SetLogLevel(-1);
-    osdfuzz::Businesses();
-    return 0;
-}
-
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
     CTruckOsdService& osd = osdfuzz::Fresh();
     const osdfuzz::Payload payload(data, size);

@@ -87,6 +87,18 @@ bool ToBrokenDown(int64_t seconds, struct tm* parts) {
     return true;
 }
 
+// The record of a broken-down UTC time; every byte is written.
+void FillRecord(const struct tm& parts, int yearOfCentury, tagDateTime* dateTime) {
+    memset(dateTime, 0, sizeof(*dateTime));
+    dateTime->ucYear = static_cast<uint8_t>(yearOfCentury);
+    dateTime->ucMonth = static_cast<uint8_t>(parts.tm_mon + 1);
+    dateTime->ucDay = static_cast<uint8_t>(parts.tm_mday);
+    dateTime->ucHour = static_cast<uint8_t>(parts.tm_hour);
+    dateTime->ucMinute = static_cast<uint8_t>(parts.tm_min);
+    dateTime->ucSecond = static_cast<uint8_t>(parts.tm_sec);
+    dateTime->ucWeek = static_cast<uint8_t>(parts.tm_wday);
+}
+
 }  // namespace
 
 int JQ_SDK_DateTime_GetLocalBrokendownTime(tagDateTime* dateTime) {
@@ -97,15 +109,8 @@ int JQ_SDK_DateTime_GetLocalBrokendownTime(tagDateTime* dateTime) {
     const time_t now = nvx::WallClock();
     struct tm parts;
     gmtime_r(&now, &parts);
-    memset(dateTime, 0, sizeof(*dateTime));
     const int year = parts.tm_year + 1900;
-    dateTime->ucYear = static_cast<uint8_t>(year >= 2000 && year <= 2099 ? year - 2000 : 0);
-    dateTime->ucMonth = static_cast<uint8_t>(parts.tm_mon + 1);
-    dateTime->ucDay = static_cast<uint8_t>(parts.tm_mday);
-    dateTime->ucHour = static_cast<uint8_t>(parts.tm_hour);
-    dateTime->ucMinute = static_cast<uint8_t>(parts.tm_min);
-    dateTime->ucSecond = static_cast<uint8_t>(parts.tm_sec);
-    dateTime->ucWeek = static_cast<uint8_t>(parts.tm_wday);
+    FillRecord(parts, year >= kFirstYear && year <= kLastYear ? year - kFirstYear : 0, dateTime);
     return 0;
 }
 
@@ -130,14 +135,7 @@ int JQ_SDK_DateTime_CalendarTimeToBrokenDownTime(const long* seconds, tagDateTim
     if (year < kFirstYear || year > kLastYear) {
         return -1;
     }
-    memset(dateTime, 0, sizeof(*dateTime));
-    dateTime->ucYear = static_cast<uint8_t>(year - kFirstYear);
-    dateTime->ucMonth = static_cast<uint8_t>(parts.tm_mon + 1);
-    dateTime->ucDay = static_cast<uint8_t>(parts.tm_mday);
-    dateTime->ucHour = static_cast<uint8_t>(parts.tm_hour);
-    dateTime->ucMinute = static_cast<uint8_t>(parts.tm_min);
-    dateTime->ucSecond = static_cast<uint8_t>(parts.tm_sec);
-    dateTime->ucWeek = static_cast<uint8_t>(parts.tm_wday);
+    FillRecord(parts, year - kFirstYear, dateTime);
     return 0;
 }
 
