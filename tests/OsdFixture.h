@@ -30,8 +30,8 @@ protected:
     explicit OsdBusiness(const std::string& folderPrefix) : ManagerOnDevice(folderPrefix) {}
     void SetUp() override {
         ManagerOnDevice::SetUp();
-        // Four analog inputs and two IP cameras. The manager counts the IP cameras in its
-        // input count too, so the business sees 6 inputs and 2 IP channels: 8 channel bits.
+        // Four analog inputs and two IP cameras: channel bits 0-3 analog, 4-5 IP. The
+        // manager's input count includes the IP cameras; the business tells them apart.
         config.uiProductType = 20;
         config.usVideoInNum = 4;
         config.usVideoIpNum = 2;
