@@ -152,6 +152,9 @@ private:
                            uint8_t textSize) const;
     void SendBus(int event, const unsigned char* data, size_t length);
     void ApplySwipe(const char* data, int length);
+    // The turn state of a device-signal text (0 when it has none), and taking it in.
+    static int IoTurnValue(const char* data, int length);
+    void ApplyIoTurn(int value);
     static std::mutex& LiveMutex();
     static bool IsListed(void* user);  // under LiveMutex
     void Unlist();

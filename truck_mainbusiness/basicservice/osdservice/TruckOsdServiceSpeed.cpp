@@ -2,6 +2,8 @@
 // the speed line.
 #include <stdio.h>
 
+#include <exception>
+
 #include "AppLibCommon.h"
 #include "CommonDefine.h"
 #include "TruckOsdService.h"
@@ -77,27 +79,44 @@ void CTruckOsdService::MonitorIoUseInfo(const char* data, int length, void* user
         return;
     }
     TRUCK_LOG(3, "CallbackCanTruckOsdServiceEvent\n");
-    WithLive(user, [data, length](CTruckOsdService* self) { self->OnUpdateIoUseInfo(data, length); });
+    // Parsed before the registry's lock is taken, so that a long text does not hold up the
+    // CAN and parameter callbacks, nor a stop.
+    const int value = IoTurnValue(data, length);
+    WithLive(user, [value](CTruckOsdService* self) { self->ApplyIoTurn(value); });
 }
 
 void CTruckOsdService::OnUpdateIoUseInfo(const char* data, int length) {
+    ApplyIoTurn(IoTurnValue(data, length));
+}
+
+int CTruckOsdService::IoTurnValue(const char* data, int length) {
     int value = 0;
-    Json::Value document;
-    // The text is parsed on the platform's signal thread, whose stack size is the platform's:
-    // the parser's own limit (about a thousand levels) needs a few hundred KiB of it, so a
-    // text nested deeper than any signal record is refused before it is parsed.
-    if (length <= 0 || !JsonNestingWithin(data, static_cast<unsigned int>(length), kSignalMaxDepth) ||
-        !ConvertStringToJson(data, static_cast<unsigned int>(length), document)) {
-        TRUCK_LOG(0, "ConvertStringToJson faile.\n");
-    } else if (JsonUtils::IsMember(document, "SIGNAL") && JsonUtils::IsMember(document["SIGNAL"], "TURN") &&
-               JsonUtils::IsMember(document["SIGNAL"]["TURN"], "SOURCE")) {
-        const Json::Value& turn = document["SIGNAL"]["TURN"];
-        int source = -1;
-        GetJsonIntegral<int>(turn["SOURCE"], source, true, 0);
-        if (source == 0 && JsonUtils::IsMember(turn, "VALUE")) {
-            GetJsonIntegral<int>(turn["VALUE"], value, true, 0);
+    try {
+        Json::Value document;
+        // The text is parsed on the platform's signal thread, whose stack size is the
+        // platform's: the parser's own limit (about a thousand levels) needs a few hundred KiB
+        // of it, so a text nested deeper than any signal record is refused before it is parsed.
+        if (data == nullptr || length <= 0 ||
+            !JsonNestingWithin(data, static_cast<unsigned int>(length), kSignalMaxDepth) ||
+            !ConvertStringToJson(data, static_cast<unsigned int>(length), document)) {
+            TRUCK_LOG(0, "ConvertStringToJson faile.\n");
+        } else if (JsonUtils::IsMember(document, "SIGNAL") &&
+                   JsonUtils::IsMember(document["SIGNAL"], "TURN") &&
+                   JsonUtils::IsMember(document["SIGNAL"]["TURN"], "SOURCE")) {
+            const Json::Value& turn = document["SIGNAL"]["TURN"];
+            int source = -1;
+            GetJsonIntegral<int>(turn["SOURCE"], source, true, 0);
+            if (source == 0 && JsonUtils::IsMember(turn, "VALUE")) {
+                GetJsonIntegral<int>(turn["VALUE"], value, true, 0);
+            }
         }
+    } catch (const std::exception&) {
+        value = 0;  // a text that could not be read clears the state like one without it
     }
+    return value;
+}
+
+void CTruckOsdService::ApplyIoTurn(int value) {
     const uint8_t state = static_cast<uint8_t>(value);
     m_IOturnState.store(state);
     SendBus(kOsdEventIoTurn, &state, 1);
