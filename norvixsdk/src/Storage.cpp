@@ -1,21 +1,18 @@
 // Storage service: the mount path it answers, the monitors that follow its changes, and the
 // storage thread that delivers every report.
 //
-// What always holds: the service's mutex guards every field. Each queued delivery names one
-// callback, one user and its own copy of the report. A withdrawn user has no monitor and no
-// queued delivery, and once its withdrawal has returned the storage thread is not calling
-// it. Callbacks run on the storage thread with no lock held, so a callback may call any
-// storage operation. The service is never destroyed: its thread is started on first use and
-// idles on a condition variable for the rest of the process, so nothing has to join it.
+// What always holds (see DeliveryChannel.h for the thread): the channel's mutex guards the
+// monitors and the mount path too. Each queued delivery names one callback, one user and its
+// own copy of the report. A withdrawn user has no monitor and no queued delivery, and once its
+// withdrawal has returned the storage thread is not calling it.
 #include <string.h>
 
-#include <condition_variable>
-#include <deque>
+#include <chrono>
 #include <map>
 #include <mutex>
-#include <thread>
 #include <vector>
 
+#include "DeliveryChannel.h"
 #include "Device.h"
 #include "JQ_SDK_Storage.h"
 
@@ -23,24 +20,23 @@ namespace nvx {
 namespace {
 
 struct Delivery {
-    JQ_SDK_StorageCallback callback;
-    void* user;
-    bool nullData;  // an injected report without data is handed on as a null pointer
-    int length;
+    JQ_SDK_StorageCallback callback = nullptr;
+    void* user = nullptr;
+    bool nullData = false;  // an injected report without data is handed on as a null pointer
+    int length = 0;
     std::vector<char> bytes;
+
+    void Run() {
+        static char empty = 0;
+        void* data = nullData ? nullptr : bytes.empty() ? &empty : bytes.data();
+        callback(data, length, user);
+    }
 };
 
 struct StorageService {
-    std::mutex mutex;
-    std::condition_variable work;  // the queue gained a delivery
-    std::condition_variable done;  // a delivery ended
-    std::deque<Delivery> queue;
+    detail::DeliveryChannel<Delivery> delivery;
     std::map<void*, JQ_SDK_StorageCallback> monitors;  // by user
     tag_fuseMntPathAck mount;
-    bool delivering = false;
-    void* deliveringUser = nullptr;  // meaningful while delivering
-    bool started = false;
-    std::thread::id threadId;
 };
 
 void SetNoMount(tag_fuseMntPathAck& mount) {
@@ -78,69 +74,18 @@ Delivery MakeDelivery(JQ_SDK_StorageCallback callback, void* user, const void* d
     return delivery;
 }
 
-void DeliverLoop() {
-    StorageService& s = Service();
-    std::unique_lock<std::mutex> lock(s.mutex);
-    for (;;) {
-        s.work.wait(lock, [&s] { return !s.queue.empty(); });
-        Delivery delivery = std::move(s.queue.front());
-        s.queue.pop_front();
-        s.delivering = true;
-        s.deliveringUser = delivery.user;
-        lock.unlock();
-
-        static char empty = 0;
-        void* data = delivery.nullData ? nullptr : delivery.bytes.empty() ? &empty : delivery.bytes.data();
-        delivery.callback(data, delivery.length, delivery.user);
-        delivery.bytes.clear();
-
-        lock.lock();
-        s.delivering = false;
-        s.deliveringUser = nullptr;
-        s.done.notify_all();
-    }
-}
-
-// Called with the mutex held.
-void Enqueue(StorageService& s, Delivery delivery) {
-    if (!s.started) {
-        std::thread worker(DeliverLoop);
-        s.threadId = worker.get_id();
-        worker.detach();
-        s.started = true;
-    }
-    s.queue.push_back(std::move(delivery));
-    s.work.notify_one();
-}
-
-// Called with the mutex held: a report for every monitor.
+// With the mutex held: a report for every monitor.
 void EnqueueForMonitors(StorageService& s, const void* data, size_t length) {
     for (const auto& monitor : s.monitors) {
-        Enqueue(s, MakeDelivery(monitor.second, monitor.first, data, length));
+        s.delivery.Enqueue(MakeDelivery(monitor.second, monitor.first, data, length));
     }
-}
-
-bool OnStorageThread(const StorageService& s) {
-    return s.started && std::this_thread::get_id() == s.threadId;
-}
-
-// Called with the lock held. A callback that waits for its own call to end would wait for
-// ever: on the storage thread there is nothing to wait for but that call.
-void WaitUntilNotDelivering(StorageService& s, std::unique_lock<std::mutex>& lock, bool anyUser, void* user) {
-    if (OnStorageThread(s)) {
-        return;
-    }
-    s.done.wait(lock, [&] { return !s.delivering || (!anyUser && s.deliveringUser != user); });
 }
 
 int Withdraw(void* user) {
     StorageService& s = Service();
-    std::unique_lock<std::mutex> lock(s.mutex);
+    std::unique_lock<std::mutex> lock(s.delivery.mutex);
     s.monitors.erase(user);
-    for (auto it = s.queue.begin(); it != s.queue.end();) {
-        it = it->user == user ? s.queue.erase(it) : it + 1;
-    }
-    WaitUntilNotDelivering(s, lock, false, user);
+    s.delivery.Drop(user, lock);
     return 0;
 }
 
@@ -148,42 +93,36 @@ int Withdraw(void* user) {
 
 void SetStorageMount(int32_t result, const std::string& path) {
     StorageService& s = Service();
-    std::lock_guard<std::mutex> lock(s.mutex);
+    std::lock_guard<std::mutex> lock(s.delivery.mutex);
     s.mount = MakeReport(result, path);
 }
 
 void InjectStorageReport(int32_t result, const std::string& path) {
     StorageService& s = Service();
-    std::lock_guard<std::mutex> lock(s.mutex);
+    std::lock_guard<std::mutex> lock(s.delivery.mutex);
     s.mount = MakeReport(result, path);
     EnqueueForMonitors(s, &s.mount, sizeof(s.mount));
 }
 
 void InjectStorageRaw(const void* data, size_t length) {
     StorageService& s = Service();
-    std::lock_guard<std::mutex> lock(s.mutex);
+    std::lock_guard<std::mutex> lock(s.delivery.mutex);
     EnqueueForMonitors(s, data, length);
 }
 
 bool WaitForStorageIdle(int timeoutMs) {
-    StorageService& s = Service();
-    std::unique_lock<std::mutex> lock(s.mutex);
-    if (OnStorageThread(s)) {
-        return s.queue.empty();
-    }
-    return s.done.wait_for(lock, std::chrono::milliseconds(timeoutMs),
-                           [&s] { return s.queue.empty() && !s.delivering; });
+    return Service().delivery.WaitIdle(std::chrono::steady_clock::now() +
+                                       std::chrono::milliseconds(timeoutMs));
 }
 
 namespace detail {
 void ResetStorage() {
     StorageService& s = Service();
-    std::unique_lock<std::mutex> lock(s.mutex);
+    std::unique_lock<std::mutex> lock(s.delivery.mutex);
     s.monitors.clear();
-    s.queue.clear();
     SetNoMount(s.mount);
     // A fresh device has no report on its way to a test that has ended.
-    WaitUntilNotDelivering(s, lock, true, nullptr);
+    s.delivery.DropAll(lock);
 }
 }  // namespace detail
 
@@ -195,8 +134,8 @@ int JQ_SDK_Storage_GetFuseMntPath(JQ_SDK_StorageCallback callback, void* user, i
         return -1;
     }
     nvx::StorageService& s = nvx::Service();
-    std::lock_guard<std::mutex> lock(s.mutex);
-    nvx::Enqueue(s, nvx::MakeDelivery(callback, user, &s.mount, sizeof(s.mount)));
+    std::lock_guard<std::mutex> lock(s.delivery.mutex);
+    s.delivery.Enqueue(nvx::MakeDelivery(callback, user, &s.mount, sizeof(s.mount)));
     return 0;
 }
 
@@ -206,7 +145,7 @@ int JQ_SDK_Storage_MonitorFuseStatus(JQ_SDK_StorageCallback callback, void* user
         return nvx::Withdraw(user);
     }
     nvx::StorageService& s = nvx::Service();
-    std::lock_guard<std::mutex> lock(s.mutex);
+    std::lock_guard<std::mutex> lock(s.delivery.mutex);
     s.monitors[user] = callback;
     return 0;
 }
