@@ -146,7 +146,9 @@ public:
 private:
     static bool IsCardReader(unsigned int customerType) { return customerType - 43u <= 1u; }
     // Builds and sends one overlay message with a text (every sender but the cancel).
-    void SendOverlayText(uint8_t kind, uint32_t mask, uint16_t x, uint16_t y, const std::string& text,
+    // `text` is NUL-terminated; taken as a plain pointer so that the cycle's texts, which live
+    // in stack buffers, are not copied into a string on their way to the record.
+    void SendOverlayText(uint8_t kind, uint32_t mask, uint16_t x, uint16_t y, const char* text,
                          const char* failureFormat);
     void FillOverlayHeader(unsigned char* record, uint8_t kind, uint32_t mask, uint16_t x, uint16_t y,
                            uint8_t textSize) const;

@@ -29,9 +29,9 @@ const uint32_t kCardTailValue = 3;
 
 // Longest prefix of text of at most `limit` bytes that does not end inside a UTF-8
 // character. A text that is not UTF-8 there is cut at the limit.
-size_t Utf8Prefix(const std::string& text, size_t limit) {
-    if (text.size() <= limit) {
-        return text.size();
+size_t Utf8Prefix(const char* text, size_t size, size_t limit) {
+    if (size <= limit) {
+        return size;
     }
     size_t cut = limit;
     for (int back = 0; back < 4 && cut > 0; ++back) {
@@ -80,29 +80,29 @@ void CTruckOsdService::SendBus(int event, const unsigned char* data, size_t leng
                                  static_cast<int>(m_uiSourceId));
 }
 
-void CTruckOsdService::SendOverlayText(uint8_t kind, uint32_t mask, uint16_t x, uint16_t y,
-                                       const std::string& text, const char* failureFormat) {
+void CTruckOsdService::SendOverlayText(uint8_t kind, uint32_t mask, uint16_t x, uint16_t y, const char* text,
+                                       const char* failureFormat) {
     // The text size byte counts the terminator in 8 bits; every text of the business is
     // shorter than that (the card text is cut on its way in), and a longer one is cut here
     // rather than sent with a size that disagrees with its bytes.
-    const size_t n = Utf8Prefix(text, 254);
+    const size_t n = Utf8Prefix(text, strlen(text), 254);
     const size_t total = kOsdOverlayHeaderSize + n + 1;
     unsigned char* record = new (std::nothrow) unsigned char[total];
     if (record == nullptr) {
         if (failureFormat != nullptr) {
-            TRUCK_LOG(0, failureFormat, text.c_str());
+            TRUCK_LOG(0, failureFormat, text);
         }
         return;
     }
     memset(record, 0, total);
     FillOverlayHeader(record, kind, mask, x, y, static_cast<uint8_t>(n + 1));
-    memcpy(record + kOsdOverlayHeaderSize, text.data(), n);
+    memcpy(record + kOsdOverlayHeaderSize, text, n);
     SendBus(kOsdEventOverlay, record, total);
     delete[] record;
 }
 
 void CTruckOsdService::OSDDataSendSeven(std::string text) {
-    SendOverlayText(kOsdItemSeven, m_uiSevenChnMask, m_OSDX_Seven, m_OSDY_Seven, text,
+    SendOverlayText(kOsdItemSeven, m_uiSevenChnMask, m_OSDX_Seven, m_OSDY_Seven, text.c_str(),
                     "new osddata failed\n");
 }
 
@@ -116,7 +116,8 @@ void CTruckOsdService::OSDDataSendCancelSeven() {
 void CTruckOsdService::OSDDataDeleteIPCSeven(std::string text) {
     const uint32_t all = static_cast<uint32_t>(GetVideoChannalMask(m_videoInNum + m_videoIpNum));
     const uint32_t analog = static_cast<uint32_t>(GetVideoChannalMask(m_videoInNum));
-    SendOverlayText(kOsdItemSeven, all ^ analog, m_OSDX_Seven, m_OSDY_Seven, text, "malloc OSDData failed\n");
+    SendOverlayText(kOsdItemSeven, all ^ analog, m_OSDX_Seven, m_OSDY_Seven, text.c_str(),
+                    "malloc OSDData failed\n");
 }
 
 void CTruckOsdService::OnSwipeInfoNotify(const char* data, int length) {
@@ -150,7 +151,7 @@ void CTruckOsdService::ApplySwipe(const char* data, int length) {
         const size_t found =
             zero != nullptr ? static_cast<size_t>(static_cast<const char*>(zero) - begin) : room;
         text.assign(begin, found);
-        text.resize(Utf8Prefix(text, kOsdCardTextMax));
+        text.resize(Utf8Prefix(text.data(), text.size(), kOsdCardTextMax));
     }
     m_strSevenTxt = text;
     if (m_OSD_EN == 0) {
