@@ -144,7 +144,9 @@ public:
     }
 
 private:
-    static bool IsCardReader(unsigned int customerType) { return customerType - 43u <= 1u; }
+    static bool IsCardReader(unsigned int customerType) {
+        return customerType == kOsdCustomerCardReader || customerType == kOsdCustomerCardReaderNoRecord;
+    }
     // Builds and sends one overlay message with a text (every sender but the cancel).
     // `text` is NUL-terminated; taken as a plain pointer so that the cycle's texts, which live
     // in stack buffers, are not copied into a string on their way to the record.
