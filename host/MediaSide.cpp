@@ -1,0 +1,183 @@
+#include "MediaSide.h"
+
+#include <stdio.h>
+
+namespace media {
+
+namespace {
+
+std::string Seconds(uint64_t tMs) {
+    char text[32];
+    snprintf(text, sizeof(text), "%6.1fs", static_cast<double>(tMs) / 1000.0);
+    return text;
+}
+
+std::string Quoted(const std::string& text) {
+    return "\"" + Printable(text) + "\"";
+}
+
+bool SameOverlay(const Overlay& a, const Overlay& b) {
+    return a.mask == b.mask && a.fontSize == b.fontSize && a.x == b.x && a.y == b.y &&
+           a.hasText == b.hasText && a.text == b.text;
+}
+
+}  // namespace
+
+std::string ChannelList(uint32_t mask) {
+    if (mask == 0) {
+        return "no channel";
+    }
+    std::string out;
+    for (int ch = 0; ch < kMaxChannels;) {
+        if ((mask >> ch & 1u) == 0) {
+            ++ch;
+            continue;
+        }
+        int last = ch;
+        while (last + 1 < kMaxChannels && (mask >> (last + 1) & 1u) != 0) {
+            ++last;
+        }
+        out += (out.empty() ? "ch " : ",") + std::to_string(ch);
+        if (last > ch) {
+            out += "-" + std::to_string(last);
+        }
+        ch = last + 1;
+    }
+    return out;
+}
+
+void MediaSide::OnBusMessage(uint64_t tMs, int event, const uint8_t* data, size_t size) {
+    std::lock_guard<std::mutex> lock(m_mutex);
+    ++m_state.messages;
+    if (event != kOverlayEvent && event != kCardRecordEvent && event != kIoTurnEvent &&
+        event != kDstStateEvent) {
+        return;
+    }
+    std::string problem;
+    bool read = false;
+    if (event == kOverlayEvent) {
+        Overlay o;
+        read = DecodeOverlay(data, size, o, problem);
+        if (read) {
+            ApplyOverlay(tMs, o);
+        }
+    } else if (event == kCardRecordEvent) {
+        CardRecord r;
+        read = DecodeCardRecord(data, size, r, problem);
+        if (read && (!m_state.hasCard || r.x != m_state.card.x || r.y != m_state.card.y ||
+                     r.text != m_state.card.text)) {
+            Note(tMs, "card record at " + std::to_string(r.x) + "," + std::to_string(r.y) + ": " +
+                          (r.text.empty() ? std::string("no text") : Quoted(r.text)));
+        }
+        if (read) {
+            m_state.hasCard = true;
+            m_state.card = std::move(r);
+        }
+    } else if (event == kIoTurnEvent) {
+        uint8_t turn = 0;
+        read = DecodeIoTurn(data, size, turn, problem);
+        if (read && (!m_state.hasIoTurn || turn != m_state.ioTurn)) {
+            Note(tMs, "IO turn signal: " + TurnName(turn));
+        }
+        if (read) {
+            m_state.hasIoTurn = true;
+            m_state.ioTurn = turn;
+        }
+    } else {
+        DstState dst;
+        read = DecodeDstState(data, size, dst, problem);
+        if (read &&
+            (!m_state.hasDst || dst.state != m_state.dst.state || dst.shiftHours != m_state.dst.shiftHours)) {
+            Note(tMs, "daylight saving: " +
+                          std::string(dst.state == 0   ? "in force"
+                                      : dst.state == 1 ? "not in force"
+                                                       : "state ") +
+                          (dst.state == 0 || dst.state == 1 ? std::string() : std::to_string(dst.state)) +
+                          ", shift " + std::to_string(dst.shiftHours) + " h");
+        }
+        if (read) {
+            m_state.hasDst = true;
+            m_state.dst = dst;
+        }
+    }
+    if (read) {
+        ++m_state.decoded;
+        return;
+    }
+    ++m_state.undecodable;
+    m_state.lastProblem = problem;
+    Note(
+        tMs, "cannot read event 0x" +
+                 [event] {
+                     char hex[16];
+                     snprintf(hex, sizeof(hex), "%04X", static_cast<unsigned>(event));
+                     return std::string(hex);
+                 }() +
+                 ": " + problem);
+}
+
+void MediaSide::ApplyOverlay(uint64_t tMs, const Overlay& o) {
+    auto last = m_lastOverlay.find(o.kind);
+    if (last == m_lastOverlay.end() || !SameOverlay(last->second, o)) {
+        std::string line = KindName(o.kind) + " on " + ChannelList(o.mask) + ": ";
+        if (o.hasText) {
+            line += Quoted(o.text) + " at " + std::to_string(o.x) + "," + std::to_string(o.y) + " size " +
+                    std::to_string(o.fontSize);
+        } else {
+            line += "removed";
+        }
+        Note(tMs, line);
+        m_lastOverlay[o.kind] = o;
+    }
+    for (int ch = 0; ch < kMaxChannels; ++ch) {
+        if ((o.mask >> ch & 1u) == 0) {
+            continue;
+        }
+        if (!o.hasText) {
+            auto channel = m_state.channels.find(ch);
+            if (channel != m_state.channels.end()) {
+                channel->second.erase(o.kind);
+            }
+            continue;
+        }
+        Item& item = m_state.channels[ch][o.kind];
+        item.text = o.text;
+        item.x = o.x;
+        item.y = o.y;
+        item.fontSize = o.fontSize;
+    }
+}
+
+void MediaSide::OnParameterWrite(uint64_t tMs, const std::string& text) {
+    std::lock_guard<std::mutex> lock(m_mutex);
+    ++m_state.parameterWrites;
+    m_state.lastParameter = text;
+    m_state.lastParameterMs = tMs;
+    Note(tMs, "parameters written: " + Printable(text));
+}
+
+void MediaSide::Note(uint64_t tMs, const std::string& line) {
+    if (m_changes.size() >= kMaxPendingChanges) {
+        m_changes.pop_front();
+        ++m_droppedChanges;
+    }
+    m_changes.push_back(Seconds(tMs) + "  " + line);
+}
+
+Snapshot MediaSide::Take() const {
+    std::lock_guard<std::mutex> lock(m_mutex);
+    return m_state;
+}
+
+std::vector<std::string> MediaSide::TakeChanges(uint64_t* dropped) {
+    std::lock_guard<std::mutex> lock(m_mutex);
+    std::vector<std::string> lines(m_changes.begin(), m_changes.end());
+    m_changes.clear();
+    if (dropped != nullptr) {
+        *dropped = m_droppedChanges;
+    }
+    m_droppedChanges = 0;
+    return lines;
+}
+
+}  // namespace media

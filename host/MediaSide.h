@@ -1,0 +1,86 @@
+// The media side of the simulated recorder: what it would draw on each video channel, built
+// only from the messages the plug-in sends on the bus (and the parameter writes the device
+// sees), never from the plug-in's own state.
+//
+// Per channel it keeps one item per kind: an overlay message with text puts its item on every
+// channel of its mask, one without text removes it there. The card record (0x1263) carries
+// its own position but no channel mask; this side shows it on every channel, since the Seven
+// line that goes with it carries the mask 0 on card-reader devices and reaches none.
+//
+// Messages arrive on the plug-in's threads; the views read snapshots from another. One mutex
+// guards everything here, and a message's work under it is a decode and a few map updates.
+#ifndef TRUCK_HOST_MEDIASIDE_H
+#define TRUCK_HOST_MEDIASIDE_H
+
+#include <stddef.h>
+#include <stdint.h>
+
+#include <deque>
+#include <map>
+#include <mutex>
+#include <string>
+#include <vector>
+
+#include "MediaDecode.h"
+
+namespace media {
+
+constexpr int kMaxChannels = 32;
+
+struct Item {
+    std::string text;  // as sent; Printable() before showing it
+    uint16_t x = 0, y = 0;
+    uint8_t fontSize = 0;
+    bool operator==(const Item& o) const {
+        return text == o.text && x == o.x && y == o.y && fontSize == o.fontSize;
+    }
+};
+
+struct Snapshot {
+    std::map<int, std::map<uint8_t, Item>> channels;  // channel -> kind -> item
+    bool hasCard = false;
+    CardRecord card;  // shown on every channel while its text is not empty
+    bool hasDst = false;
+    DstState dst;
+    bool hasIoTurn = false;
+    uint8_t ioTurn = 0;
+    std::string lastParameter;  // the last parameter document written, as written
+    uint64_t lastParameterMs = 0;
+    uint64_t messages = 0;     // every message the plug-in sent, of any event
+    uint64_t decoded = 0;      // media messages read
+    uint64_t undecodable = 0;  // media messages that could not be read
+    std::string lastProblem;   // why the last of those could not be read
+    uint64_t parameterWrites = 0;
+};
+
+class MediaSide {
+public:
+    // Change lines kept for a reader that does not take them; older ones are dropped.
+    static constexpr size_t kMaxPendingChanges = 1000;
+
+    // Takes one message the plug-in sent; events that are not media messages are counted only.
+    void OnBusMessage(uint64_t tMs, int event, const uint8_t* data, size_t size);
+    void OnParameterWrite(uint64_t tMs, const std::string& text);
+
+    Snapshot Take() const;
+    // One line per change of what the media side shows, oldest first, since the last call.
+    // `dropped` counts lines that did not fit the queue.
+    std::vector<std::string> TakeChanges(uint64_t* dropped = nullptr);
+
+private:
+    void ApplyOverlay(uint64_t tMs, const Overlay& o);
+    void Note(uint64_t tMs, const std::string& line);
+
+    mutable std::mutex m_mutex;
+    Snapshot m_state;
+    std::map<uint8_t, Overlay> m_lastOverlay;  // by kind, to tell a change from a repeat
+    std::deque<std::string> m_changes;
+    uint64_t m_droppedChanges = 0;
+};
+
+// "ch 0-3,5" for a mask; "no channel" for 0.
+std::string ChannelList(uint32_t mask);
+
+}  // namespace media
+
+#endif
