@@ -8,6 +8,7 @@
 #include <string.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <atomic>
 #include <chrono>
 #include <limits>
@@ -17,6 +18,8 @@
 #include <vector>
 
 #include "HostScript.h"
+#include "HostView.h"
+#include "MediaSide.h"
 #include "NvxControl.h"
 
 namespace {
@@ -50,6 +53,9 @@ struct Options {
     bool startTimeGiven = false;
     int64_t startTime = 0;  // seconds since 1970, no zone
     std::vector<truckhost::ScriptStep> script;
+    std::string framesDir;
+    std::vector<int> channels;  // empty: channel 0
+    int frameWidth = 1920, frameHeight = 1080;
 };
 
 volatile sig_atomic_t g_stopRequested = 0;
@@ -89,7 +95,15 @@ void Usage(FILE* out) {
             "                     A malformed script is refused before start, naming the step (from 1).\n"
             "                     Steps run are logged to --bus-log and, at --log-level 3 or more, to\n"
             "                     standard error\n"
-            "  --help             this text\n");
+            "  --frames DIR       write PNG frames of what the media side would draw: one per second\n"
+            "                     of the run and one at exit, DIR/ch<N>_<second>.png and DIR/ch<N>_exit.png\n"
+            "  --channel N        a channel to draw (from 0; repeat or list as 0,4; default 0)\n"
+            "  --frame-size WxH   size of the frames (default 1920x1080, the size overlay positions\n"
+            "                     are meant for; others scale them)\n"
+            "  --help             this text\n"
+            "On a terminal, standard output shows a status panel of the media side, redrawn in place,\n"
+            "with the platform log lines of --log-level at its foot; elsewhere it prints one line per\n"
+            "change of what the media side shows.\n");
 }
 
 std::string BesideSelf(const char* file) {
@@ -130,6 +144,40 @@ bool ReadScript(const std::string& path, Options& options) {
     return true;
 }
 
+bool ParseChannels(const std::string& text, std::vector<int>& channels) {
+    size_t at = 0;
+    while (at <= text.size()) {
+        const size_t comma = std::min(text.find(',', at), text.size());
+        const std::string part = text.substr(at, comma - at);
+        char* end = nullptr;
+        const long ch = strtol(part.c_str(), &end, 10);
+        if (part.empty() || *end != '\0' || ch < 0 || ch >= media::kMaxChannels) {
+            return false;
+        }
+        if (std::find(channels.begin(), channels.end(), ch) == channels.end()) {
+            channels.push_back(static_cast<int>(ch));
+        }
+        at = comma + 1;
+    }
+    return true;
+}
+
+bool ParseFrameSize(const std::string& text, int& width, int& height) {
+    char* end = nullptr;
+    const long w = strtol(text.c_str(), &end, 10);
+    if (end == text.c_str() || (*end != 'x' && *end != 'X')) {
+        return false;
+    }
+    const char* second = end + 1;
+    const long h = strtol(second, &end, 10);
+    if (end == second || *end != '\0' || w < 16 || w > 8192 || h < 16 || h > 8192) {
+        return false;
+    }
+    width = static_cast<int>(w);
+    height = static_cast<int>(h);
+    return true;
+}
+
 // Returns 0, 1 for --help, or 2 with a message for a bad option.
 int ParseOptions(int argc, char** argv, Options& options) {
     options.plugin = BesideSelf("libtruckservice.so");
@@ -140,7 +188,8 @@ int ParseOptions(int argc, char** argv, Options& options) {
         }
         const bool hasValue = i + 1 < argc;
         if (arg != "--plugin" && arg != "--sysroot" && arg != "--duration" && arg != "--log-level" &&
-            arg != "--bus-log" && arg != "--param-store" && arg != "--start-time" && arg != "--script") {
+            arg != "--bus-log" && arg != "--param-store" && arg != "--start-time" && arg != "--script" &&
+            arg != "--frames" && arg != "--channel" && arg != "--frame-size") {
             fprintf(stderr, "truckhost: unknown option '%s' (see --help)\n", arg.c_str());
             return 2;
         }
@@ -170,6 +219,21 @@ int ParseOptions(int argc, char** argv, Options& options) {
                 return 2;
             }
             options.startTimeGiven = true;
+        } else if (arg == "--frames") {
+            options.framesDir = value;
+        } else if (arg == "--channel") {
+            if (!ParseChannels(value, options.channels)) {
+                fprintf(stderr,
+                        "truckhost: --channel takes channel numbers 0 to %d, as N or N,M,..., not '%s'\n",
+                        media::kMaxChannels - 1, value.c_str());
+                return 2;
+            }
+        } else if (arg == "--frame-size") {
+            if (!ParseFrameSize(value, options.frameWidth, options.frameHeight)) {
+                fprintf(stderr, "truckhost: --frame-size takes WxH, each 16 to 8192, not '%s'\n",
+                        value.c_str());
+                return 2;
+            }
         } else if (arg == "--script") {
             if (!ReadScript(value, options)) {
                 return 2;
@@ -303,15 +367,45 @@ int main(int argc, char** argv) {
     };
 
     BusLog busLog;
-    if (!options.busLog.empty()) {
-        if (!busLog.Open(options.busLog)) {
-            fprintf(stderr, "truckhost: cannot write the bus log '%s'\n", options.busLog.c_str());
-            return 2;
-        }
-        nvx::SetSendObserver([&](const nvx::BusMessage& m) { busLog.Write(sinceStart(), m); });
-        nvx::SetParamWriteObserver(
-            [&](const std::string& text) { busLog.WriteParameter(sinceStart(), text); });
+    const bool logBus = !options.busLog.empty();
+    if (logBus && !busLog.Open(options.busLog)) {
+        fprintf(stderr, "truckhost: cannot write the bus log '%s'\n", options.busLog.c_str());
+        return 2;
     }
+    // The media side sees exactly what leaves the plug-in on the bus, as the recorder's media
+    // process would.
+    media::MediaSide mediaSide;
+    truckhost::ViewOptions viewOptions;
+    viewOptions.panel = isatty(STDOUT_FILENO) != 0;
+    viewOptions.framesDir = options.framesDir;
+    if (!options.channels.empty()) {
+        viewOptions.channels = options.channels;
+    }
+    viewOptions.width = options.frameWidth;
+    viewOptions.height = options.frameHeight;
+    truckhost::HostView view(mediaSide, viewOptions, sinceStart);
+    std::string viewError;
+    if (!view.Prepare(viewError)) {
+        fprintf(stderr, "truckhost: %s\n", viewError.c_str());
+        return 2;
+    }
+    nvx::SetSendObserver([&](const nvx::BusMessage& m) {
+        const uint64_t now = sinceStart();
+        if (logBus) {
+            busLog.Write(now, m);
+        }
+        mediaSide.OnBusMessage(now, m.event, m.payload.data(), m.payload.size());
+    });
+    nvx::SetParamWriteObserver([&](const std::string& text) {
+        const uint64_t now = sinceStart();
+        if (logBus) {
+            busLog.WriteParameter(now, text);
+        }
+        mediaSide.OnParameterWrite(now, text);
+    });
+    // A time-zone change moves the simulated device's local time, as the recorder's own
+    // date-time service does.
+    nvx::SetLocalTimeFollowsZone(true);
 
     void* module = dlopen(options.plugin.c_str(), RTLD_NOW | RTLD_LOCAL);
     if (module == nullptr) {
@@ -344,10 +438,21 @@ int main(int argc, char** argv) {
 
     // The block must outlive stop: the plug-in keeps its address while it runs.
     static HostServiceParam param;
+    // The panel owns the terminal while it runs: platform log lines go to its foot instead.
+    if (viewOptions.panel) {
+        const int shownLevel = options.logLevel;
+        nvx::SetLogObserver([&view, shownLevel](const nvx::LogLine& line) {
+            if (line.level <= shownLevel) {
+                view.OnLog(line.level, line.text);
+            }
+        });
+        nvx::SetLogLevel(-1);
+    }
     const int startRc = start(&param);
     printf("start: %d\n", startRc);
     fflush(stdout);
     if (startRc == 0) {
+        view.Start();
         // Steps are written to the logs before they run: what the plug-in sends in answer
         // comes after its cause.
         truckhost::ScriptTimeline timeline;
@@ -356,8 +461,7 @@ int main(int argc, char** argv) {
             const uint64_t endMs = options.duration < 0 || durationMs >= 1e18
                                        ? std::numeric_limits<uint64_t>::max()
                                        : static_cast<uint64_t>(durationMs);
-            const bool logBus = !options.busLog.empty();
-            const bool logStderr = options.logLevel >= 3;
+            const bool logStderr = options.logLevel >= 3 && !viewOptions.panel;
             timeline.Start(options.script, started, endMs, [&](const truckhost::ScriptStep& step) {
                 const uint64_t now = sinceStart();
                 if (logBus) {
@@ -367,6 +471,7 @@ int main(int argc, char** argv) {
                     fprintf(stderr, "truckhost: %llu ms: script step %zu: %s\n",
                             static_cast<unsigned long long>(now), step.number, step.source.c_str());
                 }
+                view.OnStep(step.source);
                 truckhost::RunStep(step);
             });
         }
@@ -377,7 +482,12 @@ int main(int argc, char** argv) {
         // Nothing is injected into a plug-in that is stopping.
         timeline.Stop();
         rc = stop(&param);
+        view.Stop();
         printf("stop: %d, ucRunning %u\n", rc, static_cast<unsigned>(param.running.load()));
+    }
+    if (viewOptions.panel) {
+        nvx::SetLogObserver(nullptr);
+        nvx::SetLogLevel(options.logLevel);
     }
     // Platform threads that outlived stop must end before the process tears itself down;
     // one that does not is a fault of the plug-in, reported without running destructors

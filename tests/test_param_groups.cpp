@@ -292,3 +292,29 @@ TEST_F(ParamGroups, NoCallbackRunsOnceDeinitialiseHasReturned) {
         << "no fetch after the stop";
     EXPECT_NE(manage->basic_global_listen_param(1ULL, callback, &watcher, nullptr), 0) << "no watch either";
 }
+
+// The recorder's date-time service keeps local time in the configured zone; the host asks the
+// simulated device to do the same so that a zone change shows on the time line.
+TEST_F(ParamGroups, AZoneChangeMovesTheDeviceClockOnlyWhenAskedTo) {
+    StartDevice(kStore);
+    auto offset = [] { return static_cast<int64_t>(nvx::WallClock()) - static_cast<int64_t>(time(nullptr)); };
+    auto writeZone = [](const std::string& zone) {
+        return nvx::SetParameterDocument(R"({"PARAMETER":{"MDVR":{"TIMEP":{"TIMEZ":")" + zone + R"("}}}})");
+    };
+    nvx::SetWallClock(1000000000);
+    const int64_t start = offset();
+
+    ASSERT_EQ(writeZone("420"), 0);
+    EXPECT_NEAR(offset() - start, 0, 1) << "not asked to follow";
+
+    nvx::SetLocalTimeFollowsZone(true);
+    ASSERT_EQ(writeZone("-300"), 0);
+    EXPECT_NEAR(offset() - start, -720 * 60, 1) << "420 to -300 minutes";
+    ASSERT_EQ(nvx::SetParameterDocument(R"({"PARAMETER":{"MDVR":{"TIMEP":{"DATEM":2}}}})"), 0);
+    ASSERT_EQ(writeZone("-300"), 0);
+    EXPECT_NEAR(offset() - start, -720 * 60, 1) << "other keys and the same zone move nothing";
+    ASSERT_EQ(writeZone("99999"), 0);
+    EXPECT_NEAR(offset() - start, (-720 + 1440 + 300) * 60, 1) << "a wild zone is bounded to a day";
+    ASSERT_EQ(writeZone("x"), 0);
+    EXPECT_NEAR(offset() - start, (-720 + 300) * 60, 1) << "no digits read as zone 0";
+}

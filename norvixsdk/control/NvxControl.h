@@ -8,6 +8,7 @@
 #include <time.h>
 
 #include <functional>
+#include <map>
 #include <string>
 #include <vector>
 
@@ -70,6 +71,8 @@ inline constexpr char kMsgHandleClient[] = "JQ_SDK_MSG";
 
 // ---- watchdog ----
 uint64_t WatchdogFeedCount(const std::string& client);
+// Every client that has fed the watchdog, with its count.
+std::map<std::string, uint64_t> WatchdogFeeds();
 bool WaitForWatchdogFeeds(const std::string& client, uint64_t count, int timeoutMs);
 // The silence after which a client that has fed once is reported (default 10000 ms).
 void SetWatchdogTimeoutMs(uint64_t ms);
@@ -104,6 +107,11 @@ time_t WallClock();
 // calls of the SDK keep following the running device clock.
 void HoldWallClockMicros(int64_t micros);
 void ReleaseWallClock();
+// When on, the device clock follows the time zone of the parameter store, as the recorder's
+// own date-time service keeps local time: a write that changes "TIMEP"."TIMEZ" (minutes east
+// of UTC, as decimal text) moves the clock by the difference. Off by default and after Reset,
+// so that only SetWallClock moves it.
+void SetLocalTimeFollowsZone(bool follows);
 
 // ---- platform calls and threads ----
 // How often an operation of the SDK was called since the last reset, by its name

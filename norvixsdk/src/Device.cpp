@@ -29,6 +29,7 @@ DeviceState& State() {
 // atomic rather than under the state's mutex: gettimeofday reads it on every call.
 std::atomic<int64_t> g_wallOffsetSeconds{0};
 
+std::atomic<bool> g_zoneMovesClock{false};
 std::atomic<bool> g_globalInitFails{false};
 std::atomic<bool> g_basicInitFails{false};
 
@@ -52,6 +53,14 @@ void CountCall(const char* operation) {
 
 int64_t WallOffsetSeconds() {
     return g_wallOffsetSeconds.load();
+}
+
+void ShiftWallClock(int64_t seconds) {
+    g_wallOffsetSeconds.fetch_add(seconds);
+}
+
+bool LocalTimeFollowsZone() {
+    return g_zoneMovesClock.load();
 }
 
 bool GlobalInitFails() {
@@ -107,6 +116,10 @@ void SetWallClock(time_t seconds) {
     g_wallOffsetSeconds.store(static_cast<int64_t>(seconds) - static_cast<int64_t>(time(nullptr)));
 }
 
+void SetLocalTimeFollowsZone(bool follows) {
+    g_zoneMovesClock.store(follows);
+}
+
 time_t WallClock() {
     return static_cast<time_t>(static_cast<int64_t>(time(nullptr)) + g_wallOffsetSeconds.load());
 }
@@ -126,6 +139,7 @@ void Reset() {
         s.calls.clear();
     }
     g_wallOffsetSeconds.store(0);
+    g_zoneMovesClock.store(false);
     g_globalInitFails.store(false);
     g_basicInitFails.store(false);
     detail::ResetBus();

@@ -19,6 +19,9 @@ void CountCall(const char* operation);
 
 // Whole seconds from the host's clock to the device clock that SetWallClock set.
 int64_t WallOffsetSeconds();
+// Moves the device clock by `seconds`, keeping its running phase.
+void ShiftWallClock(int64_t seconds);
+bool LocalTimeFollowsZone();
 
 // The stand-in's own log lines carry this module tag.
 #define NVX_LOG(level, ...) JQ_LOG_Output("NVXSDK", (level), "norvixsdk", __func__, __LINE__, __VA_ARGS__)

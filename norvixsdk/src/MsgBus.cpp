@@ -208,6 +208,12 @@ uint64_t WatchdogFeedCount(const std::string& client) {
     return it == bus.feedCounts.end() ? 0 : it->second;
 }
 
+std::map<std::string, uint64_t> WatchdogFeeds() {
+    Bus& bus = TheBus();
+    std::lock_guard<std::mutex> lock(bus.mutex);
+    return std::map<std::string, uint64_t>(bus.feedCounts.begin(), bus.feedCounts.end());
+}
+
 bool WaitForWatchdogFeeds(const std::string& client, uint64_t count, int timeoutMs) {
     Bus& bus = TheBus();
     std::unique_lock<std::mutex> lock(bus.mutex);

@@ -375,11 +375,27 @@ int AddListener(const char* text, int length, JQ_SDK_ParamCallback callback, voi
     return 0;
 }
 
+// Minutes east of UTC in "TIMEP"."TIMEZ" of the store's groups, read as the device reads it
+// (leading decimal digits, 0 for none); `present` false when there is no such text. Bounded
+// to a day each way, so that a wild text cannot throw the clock years off.
+int ZoneMinutes(const Json::Value& groups, bool& present) {
+    const Json::Value* timep = Member(groups, "TIMEP");
+    const Json::Value* zone = timep != nullptr ? Member(*timep, "TIMEZ") : nullptr;
+    present = zone != nullptr && zone->isString();
+    if (!present) {
+        return 0;
+    }
+    const long minutes = strtol(zone->asCString(), nullptr, 10);
+    return static_cast<int>(minutes < -1440 ? -1440 : minutes > 1440 ? 1440 : minutes);
+}
+
 // Merges a written document into the store and queues the notifications; true when a group
 // changed. `lost` counts notifications that found no parameter thread. Called with the mutex
 // held.
 bool MergeAndNotify(ParamStore& s, const Json::Value& written, int& lost) {
     Json::Value& stored = s.document["PARAMETER"]["MDVR"];
+    bool zoneBefore = false;
+    const int minutesBefore = ZoneMinutes(stored, zoneBefore);
     std::set<std::string> changed;
     for (const std::string& name : written.getMemberNames()) {
         const Json::Value* old = Member(stored, name);
@@ -388,6 +404,13 @@ bool MergeAndNotify(ParamStore& s, const Json::Value& written, int& lost) {
         if (stored[name] != before) {
             changed.insert(name);
         }
+    }
+    bool zoneAfter = false;
+    const int minutesAfter = ZoneMinutes(stored, zoneAfter);
+    // The clock moves before anyone is told of the new zone, as on the device, where the
+    // date-time service has applied it by the time the notification arrives.
+    if (zoneBefore && zoneAfter && minutesAfter != minutesBefore && detail::LocalTimeFollowsZone()) {
+        detail::ShiftWallClock(static_cast<int64_t>(minutesAfter - minutesBefore) * 60);
     }
     for (const Listener& listener : s.listeners) {
         Json::Value note;

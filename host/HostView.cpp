@@ -1,0 +1,366 @@
+#include "HostView.h"
+
+#include <errno.h>
+#include <stdarg.h>
+#include <stdio.h>
+#include <sys/ioctl.h>
+#include <sys/stat.h>
+#include <time.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <chrono>
+#include <iterator>
+
+#include "NvxControl.h"
+
+#ifdef TRUCK_HOST_FRAMES
+#include "FrameWriter.h"
+#endif
+
+namespace truckhost {
+
+namespace {
+
+constexpr size_t kRecentLogLines = 4;
+constexpr std::chrono::milliseconds kRefresh{250};
+
+std::string Format(const char* format, ...) __attribute__((format(printf, 1, 2)));
+std::string Format(const char* format, ...) {
+    char text[256];
+    va_list args;
+    va_start(args, format);
+    vsnprintf(text, sizeof(text), format, args);
+    va_end(args);
+    return text;
+}
+
+std::string ClockText(int64_t seconds) {
+    const time_t t = static_cast<time_t>(seconds);
+    struct tm parts;
+    if (gmtime_r(&t, &parts) == nullptr) {
+        return "?";
+    }
+    char text[32];
+    strftime(text, sizeof(text), "%Y-%m-%d %H:%M:%S", &parts);
+    return text;
+}
+
+// The turn mark at the end of the speed text, as the driver reads it.
+std::string TurnShown(const std::string& speedText) {
+    if (speedText.find("(L R)") != std::string::npos) {
+        return media::TurnName(3);
+    }
+    if (speedText.find("(L)") != std::string::npos) {
+        return media::TurnName(1);
+    }
+    if (speedText.find("(R)") != std::string::npos) {
+        return media::TurnName(2);
+    }
+    return media::TurnName(0);
+}
+
+std::string Quoted(const std::string& text) {
+    return "\"" + media::Printable(text) + "\"";
+}
+
+// Makes `dir` and its missing parents.
+bool MakeFolders(const std::string& dir) {
+    for (size_t at = 1; at <= dir.size(); ++at) {
+        if (at != dir.size() && dir[at] != '/') {
+            continue;
+        }
+        const std::string part = dir.substr(0, at);
+        if (mkdir(part.c_str(), 0777) != 0 && errno != EEXIST) {
+            return false;
+        }
+    }
+    struct stat info;
+    return stat(dir.c_str(), &info) == 0 && S_ISDIR(info.st_mode);
+}
+
+int TerminalColumns() {
+    struct winsize size;
+    if (ioctl(STDOUT_FILENO, TIOCGWINSZ, &size) == 0 && size.ws_col >= 20) {
+        return size.ws_col;
+    }
+    return 100;
+}
+
+}  // namespace
+
+std::string FitColumns(const std::string& text, int columns) {
+    int count = 0;
+    for (size_t at = 0; at < text.size(); ++at) {
+        // Only lead bytes start a character; continuation bytes ride along.
+        if ((static_cast<unsigned char>(text[at]) & 0xC0) != 0x80 && count++ == columns) {
+            return text.substr(0, at);
+        }
+    }
+    return text;
+}
+
+std::vector<std::string> RenderPanel(const media::Snapshot& s, const PanelInput& in, int columns) {
+    std::vector<std::string> lines;
+    lines.push_back(
+        Format("truckhost %7.1f s   device clock %s   bus %.1f msg/s   media %llu read, %llu unreadable",
+               static_cast<double>(in.tMs) / 1000.0, ClockText(in.deviceClock).c_str(), in.messagesPerSecond,
+               static_cast<unsigned long long>(s.decoded), static_cast<unsigned long long>(s.undecodable)));
+
+    // The speed line of the lowest channel that shows one.
+    std::string speed;
+    for (const auto& channel : s.channels) {
+        auto item = channel.second.find(media::kKindSpeed);
+        if (item != channel.second.end()) {
+            speed = item->second.text;
+            break;
+        }
+    }
+    std::string status = "speed " + (speed.empty() ? std::string("-") : Quoted(speed)) + "   turn shown " +
+                         TurnShown(speed) + "   IO turn " +
+                         (s.hasIoTurn ? media::TurnName(s.ioTurn) : std::string("-")) + "   daylight saving ";
+    if (!s.hasDst) {
+        status += "-";
+    } else {
+        status += s.dst.state == 0   ? "in force"
+                  : s.dst.state == 1 ? "not in force"
+                                     : std::to_string(s.dst.state);
+        status += ", shift " + std::to_string(s.dst.shiftHours) + " h";
+    }
+    lines.push_back(status);
+    lines.push_back("card record " + (s.hasCard && !s.card.text.empty()
+                                          ? Quoted(s.card.text) + Format(" at %u,%u", s.card.x, s.card.y)
+                                          : std::string("-")));
+
+    // Channels that show the same items share their lines.
+    lines.push_back("channels");
+    for (auto it = s.channels.begin(); it != s.channels.end();) {
+        auto last = it;
+        auto next = std::next(it);
+        while (next != s.channels.end() && next->first == last->first + 1 && next->second == it->second) {
+            last = next++;
+        }
+        std::string name = it->first == last->first ? Format("ch %d", it->first)
+                                                    : Format("ch %d-%d", it->first, last->first);
+        if (it->second.empty()) {
+            lines.push_back(Format("  %-8s (nothing)", name.c_str()));
+        }
+        for (const auto& item : it->second) {
+            lines.push_back(Format("  %-8s %-7s at %4u,%-4u size %u  ", name.c_str(),
+                                   media::KindName(item.first).c_str(), item.second.x, item.second.y,
+                                   item.second.fontSize) +
+                            Quoted(item.second.text));
+            name.clear();
+        }
+        it = next;
+    }
+    if (s.channels.empty()) {
+        lines.push_back("  (no overlay yet)");
+    }
+
+    lines.push_back(s.parameterWrites == 0 ? std::string("last parameter change -")
+                                           : Format("last parameter change at %.1f s: ",
+                                                    static_cast<double>(s.lastParameterMs) / 1000.0) +
+                                                 media::Printable(s.lastParameter));
+    lines.push_back("last script step " + (in.lastStep.empty() ? std::string("-") : in.lastStep));
+    std::string feeds = "watchdog feeds";
+    for (const auto& feed : in.watchdogFeeds) {
+        feeds += Format("  %s %llu", feed.first.c_str(), static_cast<unsigned long long>(feed.second));
+    }
+    lines.push_back(in.watchdogFeeds.empty() ? feeds + " -" : feeds);
+    if (!in.framesNote.empty()) {
+        lines.push_back(Format("frames %llu  ", static_cast<unsigned long long>(in.framesWritten)) +
+                        in.framesNote);
+    }
+    if (s.undecodable != 0) {
+        lines.push_back("last unreadable: " + s.lastProblem);
+    }
+    if (!in.recentLog.empty()) {
+        lines.push_back("log");
+        for (const std::string& line : in.recentLog) {
+            lines.push_back("  " + media::Printable(line));
+        }
+    }
+    for (std::string& line : lines) {
+        line = FitColumns(line, columns);
+    }
+    return lines;
+}
+
+HostView::HostView(media::MediaSide& media, ViewOptions options, std::function<uint64_t()> sinceStart)
+    : m_media(media), m_options(std::move(options)), m_sinceStart(std::move(sinceStart)) {}
+
+HostView::~HostView() {
+    Stop();
+}
+
+bool HostView::Prepare(std::string& error) {
+    if (m_options.framesDir.empty()) {
+        return true;
+    }
+#ifdef TRUCK_HOST_FRAMES
+    if (!MakeFolders(m_options.framesDir)) {
+        error = "cannot make the frames folder '" + m_options.framesDir + "'";
+        return false;
+    }
+    std::string channels;
+    for (int ch : m_options.channels) {
+        channels += (channels.empty() ? "ch " : ",") + std::to_string(ch);
+    }
+    m_framesNote =
+        "in " + m_options.framesDir + " (" + channels + Format(", %dx%d)", m_options.width, m_options.height);
+    return true;
+#else
+    (void)MakeFolders;
+    error = "this truckhost was built without frames (TRUCK_HOST_FRAMES off)";
+    return false;
+#endif
+}
+
+void HostView::Start() {
+    std::lock_guard<std::mutex> lock(m_mutex);
+    if (m_thread.joinable()) {
+        return;
+    }
+    m_stopping = false;
+    if (m_options.panel) {
+        fputs("\x1b[?25l\x1b[2J", stdout);  // hide the cursor, clear the screen
+        fflush(stdout);
+    }
+    m_thread = std::thread(&HostView::Run, this);
+}
+
+void HostView::Stop() {
+    {
+        std::lock_guard<std::mutex> lock(m_mutex);
+        if (!m_thread.joinable()) {
+            return;
+        }
+        m_stopping = true;
+    }
+    m_wake.notify_all();
+    m_thread.join();
+    const uint64_t now = m_sinceStart();
+    WriteFrames(m_media.Take(), "exit");
+    Refresh(now, true);
+#ifdef TRUCK_HOST_FRAMES
+    if (!m_options.framesDir.empty()) {
+        media::ReleaseFrameResources();
+    }
+#endif
+    if (m_options.panel) {
+        fputs("\x1b[?25h", stdout);
+        fflush(stdout);
+    }
+}
+
+void HostView::OnLog(int level, const std::string& text) {
+    std::string line = Format("L%d ", level) + text;
+    while (!line.empty() && line.back() == '\n') {
+        line.pop_back();
+    }
+    std::lock_guard<std::mutex> lock(m_mutex);
+    if (m_recentLog.size() == kRecentLogLines) {
+        m_recentLog.pop_front();
+    }
+    m_recentLog.push_back(std::move(line));
+}
+
+void HostView::OnStep(const std::string& source) {
+    std::lock_guard<std::mutex> lock(m_mutex);
+    m_lastStep = Format("at %.1f s: ", static_cast<double>(m_sinceStart()) / 1000.0) + source;
+}
+
+void HostView::Run() {
+    uint64_t nextFrameMs = 1000;
+    std::unique_lock<std::mutex> lock(m_mutex);
+    while (!m_stopping) {
+        const uint64_t now = m_sinceStart();
+        const uint64_t untilFrame = nextFrameMs > now ? nextFrameMs - now : 0;
+        const auto wait = std::min(kRefresh, std::chrono::milliseconds(untilFrame));
+        if (m_wake.wait_for(lock, wait, [this] { return m_stopping; })) {
+            break;
+        }
+        lock.unlock();
+        const uint64_t t = m_sinceStart();
+        if (!m_options.framesDir.empty() && t >= nextFrameMs) {
+            // A late wake names its frame by the second it is in and skips the ones missed.
+            WriteFrames(m_media.Take(), Format("%04llu", static_cast<unsigned long long>(t / 1000)));
+            nextFrameMs = (t / 1000 + 1) * 1000;
+        }
+        Refresh(t, false);
+        lock.lock();
+    }
+}
+
+void HostView::WriteFrames(const media::Snapshot& snapshot, const std::string& tag) {
+#ifdef TRUCK_HOST_FRAMES
+    if (m_options.framesDir.empty() || m_framesFailed) {
+        return;
+    }
+    for (int ch : m_options.channels) {
+        const std::string path = m_options.framesDir + Format("/ch%d_", ch) + tag + ".png";
+        std::string error;
+        if (!media::WriteFrame(snapshot, ch, m_options.width, m_options.height, path, error)) {
+            // One report, then no more frames: a full disk would otherwise fill the screen.
+            m_framesFailed = true;
+            m_framesNote = "stopped: " + error;
+            fprintf(stderr, "truckhost: %s; no further frames\n", error.c_str());
+            return;
+        }
+        ++m_framesWritten;
+    }
+#else
+    (void)snapshot;
+    (void)tag;
+#endif
+}
+
+void HostView::Refresh(uint64_t tMs, bool final) {
+    const media::Snapshot snapshot = m_media.Take();
+    if (tMs >= m_lastRateMs + 1000 || final) {
+        const uint64_t span = tMs - m_lastRateMs;
+        m_rate = span == 0 ? 0 : static_cast<double>(snapshot.messages - m_lastMessages) * 1000.0 / span;
+        m_lastMessages = snapshot.messages;
+        m_lastRateMs = tMs;
+    }
+    uint64_t dropped = 0;
+    std::vector<std::string> changes = m_media.TakeChanges(&dropped);
+    if (!m_options.panel) {
+        if (dropped != 0) {
+            printf("%llu change lines dropped: the view fell behind\n",
+                   static_cast<unsigned long long>(dropped));
+        }
+        for (const std::string& line : changes) {
+            printf("%s\n", line.c_str());
+        }
+        if (final && m_framesWritten != 0) {
+            printf("%llu frames written %s\n", static_cast<unsigned long long>(m_framesWritten),
+                   m_framesNote.c_str());
+        }
+        fflush(stdout);
+        return;
+    }
+    PanelInput in;
+    in.tMs = tMs;
+    in.deviceClock = static_cast<int64_t>(nvx::WallClock());
+    in.messagesPerSecond = m_rate;
+    in.watchdogFeeds = nvx::WatchdogFeeds();
+    in.framesWritten = m_framesWritten;
+    in.framesNote = m_framesNote;
+    {
+        std::lock_guard<std::mutex> lock(m_mutex);
+        in.lastStep = m_lastStep;
+        in.recentLog.assign(m_recentLog.begin(), m_recentLog.end());
+    }
+    std::vector<std::string> lines = RenderPanel(snapshot, in, TerminalColumns());
+    std::string out = "\x1b[H";
+    for (const std::string& line : lines) {
+        out += line + "\x1b[K\n";
+    }
+    out += "\x1b[J";
+    fputs(out.c_str(), stdout);
+    fflush(stdout);
+}
+
+}  // namespace truckhost
