@@ -157,6 +157,15 @@ std::vector<std::string> RenderPanel(const media::Snapshot& s, const PanelInput&
     if (s.channels.empty()) {
         lines.push_back("  (no overlay yet)");
     }
+    // A card-reader device sends its free line with the mask 0: it is read, but reaches no channel.
+    for (const auto& last : s.lastOverlay) {
+        if (last.second.mask == 0 && last.second.hasText) {
+            lines.push_back(Format("  %-8s %-7s at %4u,%-4u size %u  ", "none",
+                                   media::KindName(last.first).c_str(), last.second.x, last.second.y,
+                                   last.second.fontSize) +
+                            Quoted(last.second.text));
+        }
+    }
 
     lines.push_back(s.parameterWrites == 0 ? std::string("last parameter change -")
                                            : Format("last parameter change at %.1f s: ",
@@ -317,8 +326,9 @@ void HostView::WriteFrames(const media::Snapshot& snapshot, const std::string& t
 }
 
 void HostView::Refresh(uint64_t tMs, bool final) {
+    // The rate is measured over a second at least; the last refresh keeps the one before it.
     const media::Snapshot snapshot = m_media.Take();
-    if (tMs >= m_lastRateMs + 1000 || final) {
+    if (tMs >= m_lastRateMs + 1000) {
         const uint64_t span = tMs - m_lastRateMs;
         m_rate = span == 0 ? 0 : static_cast<double>(snapshot.messages - m_lastMessages) * 1000.0 / span;
         m_lastMessages = snapshot.messages;

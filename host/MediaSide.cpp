@@ -117,8 +117,8 @@ void MediaSide::OnBusMessage(uint64_t tMs, int event, const uint8_t* data, size_
 }
 
 void MediaSide::ApplyOverlay(uint64_t tMs, const Overlay& o) {
-    auto last = m_lastOverlay.find(o.kind);
-    if (last == m_lastOverlay.end() || !SameOverlay(last->second, o)) {
+    auto last = m_state.lastOverlay.find(o.kind);
+    if (last == m_state.lastOverlay.end() || !SameOverlay(last->second, o)) {
         std::string line = KindName(o.kind) + " on " + ChannelList(o.mask) + ": ";
         if (o.hasText) {
             line += Quoted(o.text) + " at " + std::to_string(o.x) + "," + std::to_string(o.y) + " size " +
@@ -127,7 +127,7 @@ void MediaSide::ApplyOverlay(uint64_t tMs, const Overlay& o) {
             line += "removed";
         }
         Note(tMs, line);
-        m_lastOverlay[o.kind] = o;
+        m_state.lastOverlay[o.kind] = o;
     }
     for (int ch = 0; ch < kMaxChannels; ++ch) {
         if ((o.mask >> ch & 1u) == 0) {
@@ -151,9 +151,14 @@ void MediaSide::ApplyOverlay(uint64_t tMs, const Overlay& o) {
 void MediaSide::OnParameterWrite(uint64_t tMs, const std::string& text) {
     std::lock_guard<std::mutex> lock(m_mutex);
     ++m_state.parameterWrites;
-    m_state.lastParameter = text;
+    // The device's writer ends its documents with a line break; a view shows one line.
+    size_t end = text.size();
+    while (end > 0 && (text[end - 1] == '\n' || text[end - 1] == '\r')) {
+        --end;
+    }
+    m_state.lastParameter = text.substr(0, end);
     m_state.lastParameterMs = tMs;
-    Note(tMs, "parameters written: " + Printable(text));
+    Note(tMs, "parameters written: " + Printable(m_state.lastParameter));
 }
 
 void MediaSide::Note(uint64_t tMs, const std::string& line) {

@@ -38,13 +38,14 @@ struct Item {
 
 struct Snapshot {
     std::map<int, std::map<uint8_t, Item>> channels;  // channel -> kind -> item
+    std::map<uint8_t, Overlay> lastOverlay;           // kind -> the last overlay of that kind read
     bool hasCard = false;
     CardRecord card;  // shown on every channel while its text is not empty
     bool hasDst = false;
     DstState dst;
     bool hasIoTurn = false;
     uint8_t ioTurn = 0;
-    std::string lastParameter;  // the last parameter document written, as written
+    std::string lastParameter;  // the last parameter document written, without its line breaks at the end
     uint64_t lastParameterMs = 0;
     uint64_t messages = 0;     // every message the plug-in sent, of any event
     uint64_t decoded = 0;      // media messages read
@@ -73,7 +74,6 @@ private:
 
     mutable std::mutex m_mutex;
     Snapshot m_state;
-    std::map<uint8_t, Overlay> m_lastOverlay;  // by kind, to tell a change from a repeat
     std::deque<std::string> m_changes;
     uint64_t m_droppedChanges = 0;
 };
