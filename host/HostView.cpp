@@ -292,7 +292,7 @@ void HostView::Run() {
         }
         lock.unlock();
         const uint64_t t = m_sinceStart();
-        if (!m_options.framesDir.empty() && t >= nextFrameMs) {
+        if (t >= nextFrameMs) {
             // A late wake names its frame by the second it is in and skips the ones missed.
             WriteFrames(m_media.Take(), Format("%04llu", static_cast<unsigned long long>(t / 1000)));
             nextFrameMs = (t / 1000 + 1) * 1000;
