@@ -69,7 +69,10 @@ std::string KindName(uint8_t kind) {
 }
 
 bool DecodeOverlay(const uint8_t* data, size_t size, Overlay& out, std::string& problem) {
-    if (data == nullptr || size < kOverlayHeaderSize) {
+    if (data == nullptr && size != 0) {
+        return Fail(problem, "overlay without data");
+    }
+    if (size < kOverlayHeaderSize) {
         return Fail(problem,
                     "overlay of " + std::to_string(size) + " bytes, shorter than its 36-byte header");
     }
@@ -111,7 +114,10 @@ bool DecodeOverlay(const uint8_t* data, size_t size, Overlay& out, std::string& 
 }
 
 bool DecodeCardRecord(const uint8_t* data, size_t size, CardRecord& out, std::string& problem) {
-    if (data == nullptr || size != kCardRecordSize) {
+    if (data == nullptr && size != 0) {
+        return Fail(problem, "card record without data");
+    }
+    if (size != kCardRecordSize) {
         return Fail(problem, "card record of " + std::to_string(size) + " bytes, not 212");
     }
     CardRecord r;
@@ -128,7 +134,10 @@ bool DecodeCardRecord(const uint8_t* data, size_t size, CardRecord& out, std::st
 }
 
 bool DecodeIoTurn(const uint8_t* data, size_t size, uint8_t& out, std::string& problem) {
-    if (data == nullptr || size != 1) {
+    if (data == nullptr && size != 0) {
+        return Fail(problem, "IO turn state without data");
+    }
+    if (size != 1) {
         return Fail(problem, "IO turn state of " + std::to_string(size) + " bytes, not 1");
     }
     out = data[0];
@@ -136,7 +145,10 @@ bool DecodeIoTurn(const uint8_t* data, size_t size, uint8_t& out, std::string& p
 }
 
 bool DecodeDstState(const uint8_t* data, size_t size, DstState& out, std::string& problem) {
-    if (data == nullptr || size != kDstStateSize) {
+    if (data == nullptr && size != 0) {
+        return Fail(problem, "DST state without data");
+    }
+    if (size != kDstStateSize) {
         return Fail(problem, "DST state of " + std::to_string(size) + " bytes, not 8");
     }
     out.state = static_cast<int32_t>(Le32(data));

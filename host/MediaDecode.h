@@ -48,6 +48,7 @@ struct DstState {
 };
 
 // Each returns true and fills `out`, or returns false with `problem` set and `out` untouched.
+// No data with a size of 0 is read as an empty record.
 //
 // Overlay: the 36-byte header, then, when the text size (byte 28) is n + 1, n text bytes and
 // their terminator; a text size of 0 is the header alone. The fixed bytes carry no meaning

@@ -7,7 +7,7 @@ seconds="${1:-60}"
 scripts/deps.sh clang libclang-rt-14-dev
 cmake --preset fuzz >/dev/null
 cmake --build --preset fuzz
-for target in business_config cmdline osd_speed osd_swipe osd_j1939 osd_signal osd_param; do
+for target in business_config cmdline osd_speed osd_swipe osd_j1939 osd_signal osd_param media_decode; do
   work="build/fuzz/corpus-$target"
   mkdir -p "$work"
   echo "fuzz_$target: ${seconds} s"
