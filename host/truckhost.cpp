@@ -438,20 +438,21 @@ int main(int argc, char** argv) {
 
     // The block must outlive stop: the plug-in keeps its address while it runs.
     static HostServiceParam param;
-    // The panel owns the terminal while it runs: platform log lines go to its foot instead.
-    if (viewOptions.panel) {
-        const int shownLevel = options.logLevel;
-        nvx::SetLogObserver([&view, shownLevel](const nvx::LogLine& line) {
-            if (line.level <= shownLevel) {
-                view.OnLog(line.level, line.text);
-            }
-        });
-        nvx::SetLogLevel(-1);
-    }
     const int startRc = start(&param);
     printf("start: %d\n", startRc);
     fflush(stdout);
     if (startRc == 0) {
+        // The panel owns the terminal while it runs: platform log lines go to its foot. A
+        // failed start keeps its lines on standard error, where they stay readable.
+        if (viewOptions.panel) {
+            const int shownLevel = options.logLevel;
+            nvx::SetLogObserver([&view, shownLevel](const nvx::LogLine& line) {
+                if (line.level <= shownLevel) {
+                    view.OnLog(line.level, line.text);
+                }
+            });
+            nvx::SetLogLevel(-1);
+        }
         view.Start();
         // Steps are written to the logs before they run: what the plug-in sends in answer
         // comes after its cause.
@@ -483,11 +484,11 @@ int main(int argc, char** argv) {
         timeline.Stop();
         rc = stop(&param);
         view.Stop();
+        if (viewOptions.panel) {
+            nvx::SetLogObserver(nullptr);
+            nvx::SetLogLevel(options.logLevel);
+        }
         printf("stop: %d, ucRunning %u\n", rc, static_cast<unsigned>(param.running.load()));
-    }
-    if (viewOptions.panel) {
-        nvx::SetLogObserver(nullptr);
-        nvx::SetLogLevel(options.logLevel);
     }
     // Platform threads that outlived stop must end before the process tears itself down;
     // one that does not is a fault of the plug-in, reported without running destructors
