@@ -462,8 +462,9 @@ int main(int argc, char** argv) {
             const uint64_t endMs = options.duration < 0 || durationMs >= 1e18
                                        ? std::numeric_limits<uint64_t>::max()
                                        : static_cast<uint64_t>(durationMs);
+            // By value: the steps run on the timeline's thread after this block has closed.
             const bool logStderr = options.logLevel >= 3 && !viewOptions.panel;
-            timeline.Start(options.script, started, endMs, [&](const truckhost::ScriptStep& step) {
+            timeline.Start(options.script, started, endMs, [&, logStderr](const truckhost::ScriptStep& step) {
                 const uint64_t now = sinceStart();
                 if (logBus) {
                     busLog.WriteStep(now, step.number, step.source);
