@@ -60,8 +60,14 @@ std::string TurnShown(const std::string& speedText) {
     return media::TurnName(0);
 }
 
-std::string Quoted(const std::string& text) {
-    return "\"" + media::Printable(text) + "\"";
+using media::Quoted;
+
+// One overlay item of the panel's channel list.
+std::string ItemLine(const std::string& channels, uint8_t kind, uint16_t x, uint16_t y, uint8_t fontSize,
+                     const std::string& text) {
+    return Format("  %-8s %-7s at %4u,%-4u size %u  ", channels.c_str(), media::KindName(kind).c_str(), x, y,
+                  fontSize) +
+           Quoted(text);
 }
 
 // Makes `dir` and its missing parents.
@@ -119,14 +125,7 @@ std::vector<std::string> RenderPanel(const media::Snapshot& s, const PanelInput&
     std::string status = "speed " + (speed.empty() ? std::string("-") : Quoted(speed)) + "   turn shown " +
                          TurnShown(speed) + "   IO turn " +
                          (s.hasIoTurn ? media::TurnName(s.ioTurn) : std::string("-")) + "   daylight saving ";
-    if (!s.hasDst) {
-        status += "-";
-    } else {
-        status += s.dst.state == 0   ? "in force"
-                  : s.dst.state == 1 ? "not in force"
-                                     : std::to_string(s.dst.state);
-        status += ", shift " + std::to_string(s.dst.shiftHours) + " h";
-    }
+    status += s.hasDst ? media::DstText(s.dst) : std::string("-");
     lines.push_back(status);
     lines.push_back("card record " + (s.hasCard && !s.card.text.empty()
                                           ? Quoted(s.card.text) + Format(" at %u,%u", s.card.x, s.card.y)
@@ -146,10 +145,8 @@ std::vector<std::string> RenderPanel(const media::Snapshot& s, const PanelInput&
             lines.push_back(Format("  %-8s (nothing)", name.c_str()));
         }
         for (const auto& item : it->second) {
-            lines.push_back(Format("  %-8s %-7s at %4u,%-4u size %u  ", name.c_str(),
-                                   media::KindName(item.first).c_str(), item.second.x, item.second.y,
-                                   item.second.fontSize) +
-                            Quoted(item.second.text));
+            lines.push_back(ItemLine(name, item.first, item.second.x, item.second.y, item.second.fontSize,
+                                     item.second.text));
             name.clear();
         }
         it = next;
@@ -160,10 +157,8 @@ std::vector<std::string> RenderPanel(const media::Snapshot& s, const PanelInput&
     // A card-reader device sends its free line with the mask 0: it is read, but reaches no channel.
     for (const auto& last : s.lastOverlay) {
         if (last.second.mask == 0 && last.second.hasText) {
-            lines.push_back(Format("  %-8s %-7s at %4u,%-4u size %u  ", "none",
-                                   media::KindName(last.first).c_str(), last.second.x, last.second.y,
-                                   last.second.fontSize) +
-                            Quoted(last.second.text));
+            lines.push_back(ItemLine("none", last.first, last.second.x, last.second.y, last.second.fontSize,
+                                     last.second.text));
         }
     }
 

@@ -178,6 +178,17 @@ std::string Printable(const std::string& text) {
     return out;
 }
 
+std::string Quoted(const std::string& text) {
+    return "\"" + Printable(text) + "\"";
+}
+
+std::string DstText(const DstState& dst) {
+    const std::string state = dst.state == 0   ? "in force"
+                              : dst.state == 1 ? "not in force"
+                                               : "state " + std::to_string(dst.state);
+    return state + ", shift " + std::to_string(dst.shiftHours) + " h";
+}
+
 std::string TurnName(unsigned state) {
     switch (state) {
         case 0:

@@ -65,8 +65,14 @@ bool DecodeDstState(const uint8_t* data, size_t size, DstState& out, std::string
 // control character and every byte that is not part of valid UTF-8 becomes '?'.
 std::string Printable(const std::string& text);
 
+// The text between double quotes, made Printable.
+std::string Quoted(const std::string& text);
+
 // "none", "left", "right", "left+right", or the number for any other value.
 std::string TurnName(unsigned state);
+
+// "in force, shift 1 h", "not in force, shift 1 h", or "state N, shift 1 h" for another state.
+std::string DstText(const DstState& dst);
 
 }  // namespace media
 

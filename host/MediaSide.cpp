@@ -12,10 +12,6 @@ std::string Seconds(uint64_t tMs) {
     return text;
 }
 
-std::string Quoted(const std::string& text) {
-    return "\"" + Printable(text) + "\"";
-}
-
 bool SameOverlay(const Overlay& a, const Overlay& b) {
     return a.mask == b.mask && a.fontSize == b.fontSize && a.x == b.x && a.y == b.y &&
            a.hasText == b.hasText && a.text == b.text;
@@ -88,12 +84,7 @@ void MediaSide::OnBusMessage(uint64_t tMs, int event, const uint8_t* data, size_
         read = DecodeDstState(data, size, dst, problem);
         if (read &&
             (!m_state.hasDst || dst.state != m_state.dst.state || dst.shiftHours != m_state.dst.shiftHours)) {
-            Note(tMs, "daylight saving: " +
-                          std::string(dst.state == 0   ? "in force"
-                                      : dst.state == 1 ? "not in force"
-                                                       : "state ") +
-                          (dst.state == 0 || dst.state == 1 ? std::string() : std::to_string(dst.state)) +
-                          ", shift " + std::to_string(dst.shiftHours) + " h");
+            Note(tMs, "daylight saving: " + DstText(dst));
         }
         if (read) {
             m_state.hasDst = true;
