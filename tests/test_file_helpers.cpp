@@ -27,9 +27,11 @@ protected:
         std::ofstream(m_dir + "/" + name) << content;
         return m_dir + "/" + name;
     }
-    static std::vector<std::string> LogTexts() {
+    // The texts of the captured lines, each of which must carry `level` and the tag TRUCK.
+    static std::vector<std::string> LogTexts(int level = 2) {
         std::vector<std::string> texts;
         for (const nvx::LogLine& line : nvx::CapturedLogs()) {
+            EXPECT_EQ(std::make_pair(std::string("TRUCK"), level), std::make_pair(line.module, line.level));
             texts.push_back(line.text);
         }
         return texts;
@@ -83,7 +85,7 @@ TEST_F(FileHelpers, FolderSearchAppendsMatchingNamesAndCountsThem) {
     ASSERT_EQ(3u, names.size());
     EXPECT_EQ((std::vector<std::string>{"find file, name = " + *std::next(names.begin()) + ", count = 2\n",
                                         "find file, name = " + names.back() + ", count = 3\n"}),
-              LogTexts());
+              LogTexts(3));
     EXPECT_EQ(0, FindFileInFolder(m_dir.c_str(), "", names));
     EXPECT_EQ(8u, names.size()) << "every entry, . and .. included";
     nvx::StartLogCapture();
@@ -112,8 +114,7 @@ TEST_F(FileHelpers, HexDumpReadsBackAsTheBytesWithACharacterColumnPerFullRow) {
     }
     OutputHexDump("frame", data.data(), data.size());
     ASSERT_EQ(1u, nvx::CapturedLogs().size());
-    EXPECT_EQ(0, nvx::CapturedLogs()[0].level);
-    const std::string text = LogTexts()[0];
+    const std::string text = LogTexts(0)[0];
     ASSERT_EQ("frame\n", text.substr(0, 6));
     ASSERT_EQ("\n\n", text.substr(text.size() - 2));
     // Rows read "LL: " then "XX " per byte, a full row followed by its 16 characters.
@@ -147,6 +148,13 @@ TEST_F(FileHelpers, TrimmingSleepsAndDelays) {
     EXPECT_EQ(0, mSleep(1030));  // whole seconds and the rest both count
     EXPECT_GE(std::chrono::steady_clock::now() - start, std::chrono::milliseconds(1030));
 
+    // Milliseconds of the second, from the wall clock the process sees.
+    nvx::HoldWallClockMicros(1767323045999999);
+    EXPECT_EQ(999, GetMicroOfSecond());
+    nvx::HoldWallClockMicros(1767323046001000);
+    EXPECT_EQ(1, GetMicroOfSecond());
+    nvx::ReleaseWallClock();
+
     unsigned char first = 1;
     unsigned int since = 0;
     EXPECT_FALSE(ProcessDelayTime(&first, &since, 0)) << "arming never fires";
@@ -160,13 +168,17 @@ TEST_F(FileHelpers, TrimmingSleepsAndDelays) {
 }
 
 TEST_F(FileHelpers, DateChecksAndBusinessIdsKeepTheirFieldsApart) {
-    tagDateTime good = {26, 2, 31, 23, 59, 59, 6, 0};  // 31 February passes: the day is not checked
-    EXPECT_TRUE(CheckDateTimeCorrect(good));
-    for (int field : {1, 2, 3, 6}) {
-        tagDateTime bad = good;
-        uint8_t* bytes = reinterpret_cast<uint8_t*>(&bad);
-        bytes[field] = field == 1 ? 0 : field == 2 ? 32 : field == 3 ? 24 : 7;
-        EXPECT_FALSE(CheckDateTimeCorrect(bad)) << "field " << field;
+    // Year, month, day, hour, minute, second, weekday: each at both ends of its range, then
+    // one step outside. 31 February passes: the day is not held against the month.
+    const int lowest[] = {0, 1, 1, 0, 0, 0, 0}, highest[] = {99, 12, 31, 23, 59, 59, 6};
+    for (int field = 0; field < 7; ++field) {
+        tagDateTime date = {99, 2, 31, 23, 59, 59, 6, 0};
+        uint8_t* bytes = reinterpret_cast<uint8_t*>(&date);
+        for (int value : {lowest[field] - 1, lowest[field], highest[field], highest[field] + 1}) {
+            bytes[field] = static_cast<uint8_t>(value);
+            EXPECT_EQ(value >= lowest[field] && value <= highest[field], CheckDateTimeCorrect(date))
+                << "field " << field << " at " << value;
+        }
     }
 
     const unsigned long long id = ComposeBusinessId(1, 0x8000, 2);

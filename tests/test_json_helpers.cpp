@@ -90,6 +90,10 @@ TEST_F(JsonHelpers, FloatReadsTakeNumbersAndNumericTextOnly) {
     EXPECT_FLOAT_EQ(12.5f, f);
     EXPECT_EQ(0, GetJsonFloat(Json::Value("abc"), f, 1.0f));
     EXPECT_FLOAT_EQ(0.0f, f);
+    EXPECT_EQ(0, GetJsonFloat(Json::Value(-2.25), f, 1.0f));
+    EXPECT_FLOAT_EQ(-2.25f, f);
+    EXPECT_EQ(0, GetJsonFloat(Json::Value(3u), f, 1.0f));
+    EXPECT_FLOAT_EQ(3.0f, f);
     for (const Json::Value& v : {Json::Value(Json::objectValue), Json::Value(true), Json::Value()}) {
         f = 0;
         EXPECT_EQ(-1, GetJsonFloat(v, f, 1.5f));
@@ -109,6 +113,9 @@ TEST_F(JsonHelpers, TextConversionsReadExactlyTheGivenBytesAndWriteOneLine) {
     std::string text;
     EXPECT_TRUE(ConvertJsonToString(root, text));
     EXPECT_EQ("{\"a\":1,\"b\":[1,2]}\n", text);
+    text.clear();
+    JsonToString(root["b"], text);
+    EXPECT_EQ("[1,2]\n", text);
 }
 
 TEST_F(JsonHelpers, TooDeepNestingIsRefusedAndLoggedOnlyByConvertStringToJson) {
@@ -185,9 +192,17 @@ TEST_F(JsonHelpers, MergeLeavesNodesOfMismatchedKindsAndGoesOn) {
 }
 
 TEST_F(JsonHelpers, CustomerAndProductTypesComeFromTheSystemConfiguration) {
-    EXPECT_EQ(44, ParseCustomerType(Parse("{\"CUSTOMER_NAME\":\"CUSTOMER_52074\"}")));
-    EXPECT_EQ(48, ParseCustomerType(Parse("{\"CUSTOMER_NAME\":\"138028\"}")));
-    EXPECT_EQ(0, ParseCustomerType(Parse("{\"CUSTOMER_NAME\":\"customer_52074\"}")));
+    const std::vector<std::pair<std::string, int>> customers = {
+        {"CUSTOMER_NORMAL", 0}, {"CUSTOMER_133036", 43}, {"CUSTOMER_52074", 44},
+        {"CUSTOMER_1302", 45},  {"CUSTOMER_208351", 46}, {"CUSTOMER_227088", 47},
+        {"138028", 48},         {"CUSTOMER_3837", 49},   {"CUSTOMER_2981", 50},
+        {"customer_52074", 0},  {"CUSTOMER_13", 0},      {"", 0}};
+    for (const auto& customer : customers) {
+        Json::Value config;
+        config["CUSTOMER_NAME"] = customer.first;
+        EXPECT_EQ(customer.second, ParseCustomerType(config)) << customer.first;
+    }
+    EXPECT_EQ(0, ParseCustomerType(Parse("{\"CUSTOMER_NAME\":133036}")));
     EXPECT_EQ(0, ParseCustomerType(Parse("[\"CUSTOMER_52074\"]")));
     EXPECT_EQ("", ParseProductType(Json::Value(3)));
     EXPECT_EQ("T9", ParseProductType(Parse("{\"PRODUCT_TYPE\":\"T9\"}")));
@@ -220,6 +235,59 @@ TEST_F(JsonHelpers, MemberReadsAreSafeOnNonObjectsAndOutOfRangeIndexes) {
     EXPECT_TRUE(JsonUtils::GetCStringMember(v, "s", dst, 4));
     EXPECT_EQ(0, memcmp(dst, "abcdx", 5)) << "strncpy leaves a text of len bytes unterminated";
     EXPECT_STREQ("", JsonUtils::AsCStringMember(v, "arr"));
+}
+
+// Each member test against each kind of member: the letters are object, array, string, bool,
+// signed 32, unsigned 32 and any 64-bit integer.
+TEST_F(JsonHelpers, MemberTestsAndReadsFollowTheKindOfTheMember) {
+    const Json::Value v = Parse(R"({"o":{"k":2},"a":[[1],5,-2],"s":"t","b":true,"i":-4,"n":7,
+        "u":3000000000,"l":-5000000000,"f":1.5})");
+    const std::string kinds[][2] = {{"o", "O"}, {"a", "A"}, {"s", "S"}, {"b", "B"}, {"i", "IL"},
+                                    {"n", "IUL"}, {"u", "UL"}, {"l", "L"}, {"f", ""}, {"x", ""}};
+    for (const auto& kind : kinds) {
+        const char* key = kind[0].c_str();
+        std::string got = JsonUtils::IsMember(v, key) ? "" : "-";
+        const bool tests[] = {JsonUtils::IsObjectMember(v, key), JsonUtils::IsArrayMember(v, key),
+                              JsonUtils::IsStringMember(v, key), JsonUtils::IsBoolMember(v, key),
+                              JsonUtils::IsIntMember(v, key),    JsonUtils::IsUIntMember(v, key),
+                              JsonUtils::IsInt64Member(v, key)};
+        for (int t = 0; t < 7; ++t) {
+            got += tests[t] ? std::string(1, "OASBIUL"[t]) : "";
+        }
+        EXPECT_EQ((kind[0] == "x" ? "-" : "") + kind[1], got) << key;
+    }
+    std::string text = "old";
+    bool flag = false;
+    int i = 0;
+    unsigned int u = 0;
+    long long ll = 0;
+    EXPECT_TRUE(JsonUtils::GetStringMember(v, "s", text) && JsonUtils::GetBoolMember(v, "b", flag) &&
+                JsonUtils::GetIntMember(v, "i", i) && JsonUtils::GetUIntMember(v, "u", u) &&
+                JsonUtils::GetInt64Member(v, "l", ll));
+    EXPECT_EQ(std::make_tuple(std::string("t"), true, -4, 3000000000u, -5000000000LL),
+              std::make_tuple(text, flag, i, u, ll));
+    EXPECT_FALSE(JsonUtils::GetStringMember(v, "i", text) || JsonUtils::GetBoolMember(v, "n", flag) ||
+                 JsonUtils::GetIntMember(v, "u", i) || JsonUtils::GetInt64Member(v, "f", ll));
+    EXPECT_EQ(std::make_tuple(std::string("t"), true, -4, -5000000000LL), std::make_tuple(text, flag, i, ll));
+    EXPECT_EQ("t", JsonUtils::AsStringMember(v, "s"));
+    EXPECT_EQ("", JsonUtils::AsStringMember(v, "n"));
+    EXPECT_EQ(-4, JsonUtils::AsIntMember(v, "i", 9));
+    EXPECT_EQ(9, JsonUtils::AsIntMember(v, "u", 9));
+    EXPECT_EQ(3000000000u, JsonUtils::AsUIntMember(v, "u", 9));
+    EXPECT_EQ(3u, JsonUtils::GetArrayMemberSize(v, "a"));
+    EXPECT_EQ(-2, JsonUtils::AsIntArrayMember(v, "a", 2, 9));
+    EXPECT_EQ(5u, JsonUtils::AsUIntMember(v, "a", 1, 9u));
+    EXPECT_EQ(3000000000ull, JsonUtils::AsUInt64Member(v, "u", 9));
+    EXPECT_EQ(9ull, JsonUtils::AsUInt64Member(v, "l", 9));
+    const Json::Value rows = Parse(R"([{"k":2},{"k":"x"}])");
+    for (int row = -1; row < 3; ++row) {
+        EXPECT_EQ(row == 0 ? 2 : 9, JsonUtils::AsArrayIntMember(rows, row, "k", 9)) << row;
+        EXPECT_EQ(row == 0 ? 2u : 9u, JsonUtils::AsUIntArrayMember(rows, row, "k", 9u)) << row;
+        EXPECT_EQ(row == 1 || row == 2, JsonUtils::IsInt64ArrayMember(v["a"], row)) << row;
+        EXPECT_EQ(row == 1 || row == 2, JsonUtils::IsUInt64ArrayMember(v["a"], row)) << row;
+        EXPECT_EQ(row >= 0, JsonUtils::IsValidArrayMember(v, "a", row)) << row;
+        EXPECT_EQ(row == 0, JsonUtils::IsArrayMember(v, "a", row)) << row;
+    }
 }
 
 TEST_F(JsonHelpers, UnsignedReadsGiveDefaultsWhereTheLibraryWouldThrow) {

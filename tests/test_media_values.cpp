@@ -54,13 +54,19 @@ TEST(MediaValues, ResolutionsCapStoreTheLowByteAndSizeUnknownOutputsAsXga) {
     eVideoResolution value = static_cast<eVideoResolution>(0x1234);
     EXPECT_EQ(0, Value2VideoEncodeResolution(&stored, &value, false));
     EXPECT_EQ(0x34, stored);
-    for (int b : {29, 30, 200}) {
+    for (int b : {0, 1, 29, 30, 31, 200, 255}) {
         stored = static_cast<unsigned char>(b);
         EXPECT_EQ(0, Value2VideoEncodeResolution(&stored, &value, true));
         EXPECT_EQ(b < 30 ? b : 30, static_cast<int>(value));
     }
-    unsigned width = 0;
-    unsigned height = 0;
-    EXPECT_EQ(0, GetVideoOutputSize(static_cast<eVideoOutputResolution>(11), width, height));
-    EXPECT_EQ(std::make_pair(1024u, 768u), std::make_pair(width, height));
+    // Every output resolution; 11, and whatever lies outside 0..15, is XGA.
+    const std::map<int, std::pair<unsigned, unsigned>> sizes = {
+        {0, {1920, 1080}}, {1, {1920, 1080}}, {2, {1280, 720}},  {3, {1280, 720}},  {4, {1920, 1080}},
+        {5, {1920, 1080}}, {6, {1920, 1080}}, {7, {1920, 1080}}, {8, {720, 576}},   {9, {720, 480}},
+        {10, {800, 600}},  {12, {1280, 1024}}, {13, {1366, 768}}, {14, {1440, 900}}, {15, {1280, 800}}};
+    for (int r = -1; r <= 20; ++r) {
+        std::pair<unsigned, unsigned> size(1, 1);
+        EXPECT_EQ(0, GetVideoOutputSize(static_cast<eVideoOutputResolution>(r), size.first, size.second));
+        EXPECT_EQ(sizes.count(r) ? sizes.at(r) : std::make_pair(1024u, 768u), size) << "resolution " << r;
+    }
 }

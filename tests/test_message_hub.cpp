@@ -12,9 +12,11 @@
 #include <atomic>
 #include <condition_variable>
 #include <mutex>
+#include <regex>
 #include <stdexcept>
 #include <string>
 #include <thread>
+#include <tuple>
 #include <vector>
 
 #include "HC.h"
@@ -104,24 +106,35 @@ protected:
         const uint64_t target = nvx::CallCount("JQ_SDK_MSG_WaitForEvent") + passes;
         return Eventually([&] { return nvx::CallCount("JQ_SDK_MSG_WaitForEvent") >= target; });
     }
-    static long Queued() {
-        const auto lines = nvx::CapturedLogs();
-        return std::count_if(lines.begin(), lines.end(),
-                             [](const nvx::LogLine& l) { return l.func == "Publish" && l.level == 3; });
+    // The hub's traces (level 3) of `func`, with the addresses of handle, record and data as P.
+    static std::vector<std::string> Traces(const std::string& func) {
+        std::vector<std::string> traces;
+        for (const nvx::LogLine& l : nvx::CapturedLogs()) {
+            if (l.func == func && l.level == 3 && l.module == "TRUCK" && l.file == "truck_TruckCBB/CM/src/HC") {
+                traces.push_back(std::regex_replace(l.text, std::regex("(handle|ev|data) 0x[0-9a-f]+"), "$1 P"));
+            }
+        }
+        return traces;
     }
+    static unsigned int PoolLive() { return JQ_CBB_Mempool::GetInstance(4096)->GetAddressMapSize(); }
 };
 
 }  // namespace
 
-TEST_F(Hub, LocalEventsReachEverySubscriberInOrderAsTheHubsOwnCopyOnItsThread) {
+TEST_F(Hub, LocalEventsReachEverySubscriberInOrderAsTheHubsOwnCopyAndBadInputIsRefused) {
+    nvx::SetBusWaitsInstant(true);
     MsgManager hub;
-    Inbox fnInbox, callbackInbox;
+    Inbox fnInbox, callbackInbox, top;
     g_fnInbox = &fnInbox;
+    // Without a subscriber a local event is dropped before its number is looked at.
     EXPECT_EQ(hub.Publish(1, 0x10100, "lost", 4, MSG_TYPE_SEND, 0), 0);
-    EXPECT_EQ(Queued(), 0) << "no subscriber: nothing is queued";
+    EXPECT_EQ(hub.Publish(1, 0x7FFFFFFF, "lost", 4, MSG_TYPE_SEND, 0), 0);
+    EXPECT_TRUE(Traces("Publish").empty()) << "nothing is queued";
 
     ASSERT_EQ(hub.Subscribe(0x10100, FnSubscriber), 0);
     ASSERT_EQ(hub.Subscribe(0x10100, InboxSubscriber(callbackInbox)), 0);
+    EXPECT_EQ(nvx::CallCount("JQ_SDK_MSG_Register"), 0u) << "local events are not the bus's";
+    const unsigned int poolBefore = PoolLive();
     char payload[] = "first";
     ASSERT_EQ(hub.Publish(1, 0x10100, payload, 5, MSG_TYPE_SEND, 0), 0);
     memset(payload, 'X', 5);  // the hub delivers its own copy
@@ -136,45 +149,72 @@ TEST_F(Hub, LocalEventsReachEverySubscriberInOrderAsTheHubsOwnCopyOnItsThread) {
     EXPECT_EQ(fnInbox.nullData, 1) << "a length of 0 delivers no data";
     EXPECT_EQ(fnInbox.withUser, 0);
     EXPECT_EQ(fnInbox.threads[0], "HCt");
+    EXPECT_TRUE(Eventually([&] { return PoolLive() == poolBefore; })) << "records and copies go back";
     EXPECT_TRUE(nvx::SentMessages().empty()) << "local events never reach the bus";
+
+    EXPECT_EQ(hub.Publish(0, 0xFFF, "abc", 3, MSG_TYPE_SEND, 0), -1);
+    EXPECT_TRUE(Logged("TRUCK", 0, "HC-param invalid!! [event 0xfff, length 3]\n"));
+    ASSERT_EQ(hub.Subscribe(0x7FFFFFFF, InboxSubscriber(top)), 0);
+    ASSERT_EQ(hub.Subscribe(0x7FFFFFFE, InboxSubscriber(top)), 0);
+    EXPECT_EQ(hub.Publish(0, 0x7FFFFFFF, "abc", 3, MSG_TYPE_SEND, 0), -1);
+    EXPECT_TRUE(Logged("TRUCK", 0, "HC-param invalid!! [event 0x7fffffff, length 3]\n"));
+    EXPECT_EQ(hub.Publish(0, 0x7FFFFFFE, "top", 3, MSG_TYPE_SEND, 0), 0);
+    EXPECT_EQ(hub.Publish(0, 0x2000, "abc", -1, MSG_TYPE_SEND, 0), -1);
+    Subscriber* twice = InboxSubscriber(fnInbox);
+    ASSERT_EQ(hub.Subscribe(0x10201, twice), 0);
+    EXPECT_EQ(hub.Subscribe(0x10202, twice), -1) << "the hub would delete it twice";
+
+    // Only the subscribing thread can unsubscribe.
+    ASSERT_EQ(hub.Subscribe(0x10200, FnSubscriber), 0);
+    std::thread([&] { hub.UnSubscribe(0x10200, reinterpret_cast<void*>(FnSubscriber)); }).join();
+    ASSERT_EQ(hub.Publish(0, 0x10200, "kept", 4, MSG_TYPE_SEND, 0), 0);
+    ASSERT_TRUE(fnInbox.WaitFor(5));
+    hub.UnSubscribe(0x10200, reinterpret_cast<void*>(FnSubscriber));
+    ASSERT_EQ(hub.Publish(0, 0x10200, "gone", 4, MSG_TYPE_SEND, 0), 0);
+    EXPECT_TRUE(top.WaitFor(1));
+    EXPECT_EQ(top.texts, std::vector<std::string>{"top"});
+    EXPECT_EQ(Traces("Publish").size(), 6u);
 }
 
-TEST_F(Hub, BusEventsGoOutAsSendsOrResponsesOrStayLocalByTheirType) {
+TEST_F(Hub, BusEventsGoOutByTypeAndComeInThroughOneRegistrationPerEvent) {
+    nvx::SetBusWaitsInstant(true);
     MsgManager hub;
     CMsgClientManage listener("listener", 30, nullptr);
-    Inbox remote, local;
+    Inbox remote, local, first, second, again;
     listener.MSGEventRegister(1, 0x3001, &remote, &Inbox::OnEvent);
     ASSERT_EQ(hub.Subscribe(0x3002, InboxSubscriber(local)), 0);
 
-    hub.Publish(5, 0x3001, "s0", 2, MSG_TYPE_SEND, 0x11);
-    hub.Publish(6, 0x3001, "s1", 2, MSG_TYPE_REQUEST, 0x12);
-    hub.Publish(7, 0x3001, "r2", 2, MSG_TYPE_RESPONSE, 0x13);
-    hub.Publish(8, 0x3002, "l3", 2, MSG_TYPE_LOCAL, 0x14);
-    hub.Publish(9, 0x3001, "s4", 2, static_cast<MSG_TYPE_E>(7), 0x15);
-    ASSERT_TRUE(nvx::WaitForSent([](const nvx::BusMessage& m) { return m.session == 9; }, kGenerousMs));
-
-    const std::vector<nvx::BusMessage> sent = nvx::SentMessages();
-    ASSERT_EQ(sent.size(), 4u) << "the local one stays in the process";
-    const int sessions[] = {5, 6, 7, 9}, flags[] = {0, 1, 0, 1}, sources[] = {0x11, 0x12, 0x13, 0x15};
-    for (size_t i = 0; i < sent.size(); ++i) {
-        EXPECT_EQ(sent[i].client, nvx::kMsgHandleClient);
-        EXPECT_EQ(sent[i].event, 0x3001);
-        EXPECT_EQ(sent[i].session, sessions[i]);
-        EXPECT_EQ(sent[i].flag, flags[i]);
-        EXPECT_EQ(sent[i].response, i == 2);
-        EXPECT_EQ(sent[i].source, static_cast<uint32_t>(sources[i]));
+    // Sessions 5 to 11: every type on one event, a local delivery, the lowest and highest bus events.
+    const int events[] = {0x3001, 0x3001, 0x3001, 0x3002, 0x3001, 0x1000, 0x100FF};
+    const int types[] = {MSG_TYPE_SEND, MSG_TYPE_REQUEST, MSG_TYPE_RESPONSE, MSG_TYPE_LOCAL, 7, 0, 1};
+    std::vector<std::string> traces;
+    for (int i = 0; i < 7; ++i) {
+        const std::string text = "m" + std::to_string(i);
+        EXPECT_EQ(hub.Publish(5 + i, events[i], text.data(), 2, static_cast<MSG_TYPE_E>(types[i]), 0x11 + i), 0);
+        char trace[128];
+        snprintf(trace, sizeof(trace),
+                 "handle P, ev P, sesssion %d, event %#x, response %d, data P, length 2, source %#x\n", 5 + i,
+                 events[i], types[i] != 0 ? 1 : 0, 0x11 + i);
+        traces.push_back(trace);
     }
-    EXPECT_EQ(local.texts, std::vector<std::string>{"l3"});
+    ASSERT_TRUE(nvx::WaitForSent([](const nvx::BusMessage& m) { return m.session == 11; }, kGenerousMs));
+    EXPECT_EQ(Traces("schedule"), traces);
+    const std::vector<nvx::BusMessage> sent = nvx::SentMessages();
+    ASSERT_EQ(sent.size(), 6u) << "the local one stays in the process";
+    for (size_t i = 0; i < sent.size(); ++i) {
+        const int at = static_cast<int>(i < 3 ? i : i + 1);
+        EXPECT_EQ(sent[i].client, nvx::kMsgHandleClient);
+        EXPECT_EQ(std::make_tuple(sent[i].session, sent[i].event, sent[i].flag, sent[i].response, sent[i].source),
+                  std::make_tuple(5 + at, events[at], at == 2 ? 0 : types[at] != 0, at == 2, 0x11u + at));
+    }
+    EXPECT_EQ(local.texts, std::vector<std::string>{"m3"});
     EXPECT_EQ(listener.MSGWaitForEvent(0), 4);
-    EXPECT_EQ(remote.texts, (std::vector<std::string>{"s0", "s1", "r2", "s4"}));
-}
+    EXPECT_EQ(remote.texts, (std::vector<std::string>{"m0", "m1", "m2", "m4"}));
 
-TEST_F(Hub, BusMessagesReachSubscribersThroughOneRegistrationThatOutlivesItsFirstSubscriber) {
-    MsgManager hub;
-    Inbox first, second, again;
+    // Bus messages in: one registration for the event, made with its first subscriber.
     ASSERT_EQ(hub.Subscribe(0x4001, InboxSubscriber(first)), 0);
     ASSERT_EQ(hub.Subscribe(0x4001, InboxSubscriber(second)), 0);
-    EXPECT_EQ(nvx::CallCount("JQ_SDK_MSG_Register"), 1u);
+    EXPECT_EQ(nvx::CallCount("JQ_SDK_MSG_Register"), 2u);
     EXPECT_EQ(nvx::InjectBusEvent(0x4001, "in", 2), 1);
     CMsgClientManage sender("sender", 30, nullptr);
     sender.MSGSendMessage(0, 0x4001, 0, "cm", 2, 1);
@@ -194,30 +234,11 @@ TEST_F(Hub, BusMessagesReachSubscribersThroughOneRegistrationThatOutlivesItsFirs
     hub.UnSubscribe(0x4001, &second);
     EXPECT_EQ(nvx::CallCount("JQ_SDK_MSG_Unregister"), 1u);
     EXPECT_EQ(nvx::InjectBusEvent(0x4001, "gone", 4), 0);
+    hub.UnSubscribe(0x4002, &second);  // none to remove: unregistered all the same
+    EXPECT_EQ(nvx::CallCount("JQ_SDK_MSG_Unregister"), 2u);
     ASSERT_EQ(hub.Subscribe(0x4001, InboxSubscriber(again)), 0);
     EXPECT_EQ(nvx::InjectBusEvent(0x4001, "back", 4), 1);
     EXPECT_TRUE(again.WaitFor(1));
-}
-
-TEST_F(Hub, BadInputIsRefusedAndOnlyTheSubscribingThreadUnsubscribes) {
-    MsgManager hub;
-    Inbox inbox;
-    g_fnInbox = &inbox;
-    EXPECT_EQ(hub.Publish(0, 0xFFF, "abc", 3, MSG_TYPE_SEND, 0), -1);
-    EXPECT_TRUE(Logged("TRUCK", 0, "HC-param invalid!! [event 0xfff, length 3]\n"));
-    EXPECT_EQ(hub.Publish(0, 0x2000, "abc", -1, MSG_TYPE_SEND, 0), -1);
-    Subscriber* twice = InboxSubscriber(inbox);
-    ASSERT_EQ(hub.Subscribe(0x10201, twice), 0);
-    EXPECT_EQ(hub.Subscribe(0x10202, twice), -1) << "the hub would delete it twice";
-    EXPECT_EQ(Queued(), 0);
-
-    ASSERT_EQ(hub.Subscribe(0x10200, FnSubscriber), 0);
-    std::thread([&] { hub.UnSubscribe(0x10200, reinterpret_cast<void*>(FnSubscriber)); }).join();
-    ASSERT_EQ(hub.Publish(0, 0x10200, "kept", 4, MSG_TYPE_SEND, 0), 0);
-    ASSERT_TRUE(inbox.WaitFor(1));
-    hub.UnSubscribe(0x10200, reinterpret_cast<void*>(FnSubscriber));
-    ASSERT_EQ(hub.Publish(0, 0x10200, "gone", 4, MSG_TYPE_SEND, 0), 0);
-    EXPECT_EQ(Queued(), 1);
 }
 
 TEST_F(Hub, StressPublishersOnSeveralThreadsWithSubscribersThatChurnFromTheirCall) {
@@ -360,7 +381,7 @@ TEST_F(Hub, APublisherThatOutrunsTheSchedulerIsRefusedOnceTheQueueIsFull) {
     auto* filler = new Subscriber;
     filler->callback = [&](const char*, int) {
         for (size_t i = 0; i <= HC_MAX_QUEUED; ++i) {
-            results.push_back(hub.Publish(0, 0x10801, "e", 1, MSG_TYPE_SEND, 0));
+            results.push_back(hub.Publish(7, 0x10801, "e", 1, MSG_TYPE_SEND, 0x21));
         }
         filled.Raise();
     };
@@ -369,7 +390,15 @@ TEST_F(Hub, APublisherThatOutrunsTheSchedulerIsRefusedOnceTheQueueIsFull) {
     ASSERT_TRUE(filled.Wait());
     EXPECT_EQ(static_cast<size_t>(std::count(results.begin(), results.end(), 0)), HC_MAX_QUEUED);
     EXPECT_EQ(results.back(), -1);
-    EXPECT_TRUE(Logged("TRUCK", 0, "Publish [0x10801] fail! leak of memory!\n"));
+    // Each queued event is traced with the queue's length, the one that started the delivery
+    // first; it had been taken off the queue before the filler ran.
+    const std::vector<std::string> traces = Traces("Publish");
+    ASSERT_EQ(traces.size(), HC_MAX_QUEUED + 1);
+    EXPECT_EQ(traces[0], "handle P, ev P, sesssion 0, event 0x10800, data (nil), length 0, source 0, events size 1\n");
+    for (size_t i = 1; i <= HC_MAX_QUEUED; ++i) {
+        ASSERT_EQ(traces[i], "handle P, ev P, sesssion 7, event 0x10801, data P, length 1, source 0x21, events size " +
+                                 std::to_string(i) + "\n");
+    }
     EXPECT_TRUE(Eventually([&] { return delivered.load() == HC_MAX_QUEUED; }));
 }
 

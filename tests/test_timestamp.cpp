@@ -34,6 +34,7 @@ TEST_F(Timestamp, CountsOnlyForwardStepsBelowASecondAndCarriesOnAfterAJump) {
     {
         BTime clock;
         ASSERT_TRUE(Eventually([&] { return clock.running.load(); }));
+        EXPECT_EQ(CountThreads("BTime"), 1);
         Step(clock, wall, 0);
         EXPECT_EQ(clock.stampMicros.load(), 0u) << "equal readings add nothing";
 
