@@ -110,8 +110,10 @@ protected:
     static std::vector<std::string> Traces(const std::string& func) {
         std::vector<std::string> traces;
         for (const nvx::LogLine& l : nvx::CapturedLogs()) {
-            if (l.func == func && l.level == 3 && l.module == "TRUCK" && l.file == "truck_TruckCBB/CM/src/HC") {
-                traces.push_back(std::regex_replace(l.text, std::regex("(handle|ev|data) 0x[0-9a-f]+"), "$1 P"));
+            if (l.func == func && l.level == 3 && l.module == "TRUCK" &&
+                l.file == "truck_TruckCBB/CM/src/HC") {
+                traces.push_back(
+                    std::regex_replace(l.text, std::regex("(handle|ev|data) 0x[0-9a-f]+"), "$1 P"));
             }
         }
         return traces;
@@ -190,7 +192,8 @@ TEST_F(Hub, BusEventsGoOutByTypeAndComeInThroughOneRegistrationPerEvent) {
     std::vector<std::string> traces;
     for (int i = 0; i < 7; ++i) {
         const std::string text = "m" + std::to_string(i);
-        EXPECT_EQ(hub.Publish(5 + i, events[i], text.data(), 2, static_cast<MSG_TYPE_E>(types[i]), 0x11 + i), 0);
+        EXPECT_EQ(hub.Publish(5 + i, events[i], text.data(), 2, static_cast<MSG_TYPE_E>(types[i]), 0x11 + i),
+                  0);
         char trace[128];
         snprintf(trace, sizeof(trace),
                  "handle P, ev P, sesssion %d, event %#x, response %d, data P, length 2, source %#x\n", 5 + i,
@@ -204,8 +207,9 @@ TEST_F(Hub, BusEventsGoOutByTypeAndComeInThroughOneRegistrationPerEvent) {
     for (size_t i = 0; i < sent.size(); ++i) {
         const int at = static_cast<int>(i < 3 ? i : i + 1);
         EXPECT_EQ(sent[i].client, nvx::kMsgHandleClient);
-        EXPECT_EQ(std::make_tuple(sent[i].session, sent[i].event, sent[i].flag, sent[i].response, sent[i].source),
-                  std::make_tuple(5 + at, events[at], at == 2 ? 0 : types[at] != 0, at == 2, 0x11u + at));
+        EXPECT_EQ(
+            std::make_tuple(sent[i].session, sent[i].event, sent[i].flag, sent[i].response, sent[i].source),
+            std::make_tuple(5 + at, events[at], at == 2 ? 0 : types[at] != 0, at == 2, 0x11u + at));
     }
     EXPECT_EQ(local.texts, std::vector<std::string>{"m3"});
     EXPECT_EQ(listener.MSGWaitForEvent(0), 4);
@@ -245,9 +249,8 @@ TEST_F(Hub, StressPublishersOnSeveralThreadsWithSubscribersThatChurnFromTheirCal
     nvx::StopLogCapture();  // the hub logs every event twice
     nvx::SetBusWaitsInstant(true);
     MsgManager hub;
-    const int relayEvent = 0x10401, steadyEvent = 0x10402, onceEvent = 0x10403;
-    const int kThreads = 4, kRelayed = 600, kSteady = 150;
-    std::atomic<int> sent{0}, relayed{0}, steady{0}, onceCalls{0};
+    const int relayEvent = 0x10401, onceEvent = 0x10403, kThreads = 4, kRelayed = 600;
+    std::atomic<int> sent{0}, relayed{0}, onceCalls{0};
 
     // Each relayed event subscribes, from the scheduler thread, a one-shot subscriber and
     // publishes to it. The one-shot removes itself and then still uses what its call holds.
@@ -263,17 +266,12 @@ TEST_F(Hub, StressPublishersOnSeveralThreadsWithSubscribersThatChurnFromTheirCal
         };
         hub.Subscribe(onceEvent, once);
         hub.Publish(0, onceEvent, data, length, MSG_TYPE_SEND, 0);
-        hub.Publish(0, 0x10404, data, length, MSG_TYPE_SEND, 0);  // nobody listens: dropped
     };
     ASSERT_EQ(hub.Subscribe(relayEvent, relay), 0);
-    Subscriber* counter = new Subscriber;
-    counter->callback = [&](const char*, int) { ++steady; };
-    ASSERT_EQ(hub.Subscribe(steadyEvent, counter), 0);
 
     std::vector<std::thread> publishers;
     for (int t = 0; t < kThreads; ++t) {
         publishers.emplace_back([&, t] {
-            int passing = 0;  // written by the scheduler only
             for (int i = 0; i < kRelayed; ++i) {
                 // Well inside the queue's bound, which would refuse the relay's own publishes.
                 while (sent.load() - relayed.load() >= 256) {
@@ -281,17 +279,10 @@ TEST_F(Hub, StressPublishersOnSeveralThreadsWithSubscribersThatChurnFromTheirCal
                 }
                 ++sent;
                 const std::string text = std::to_string(t) + ":" + std::to_string(i);
+                // A subscription of this thread that comes and goes while deliveries run.
+                hub.Subscribe(relayEvent, new Subscriber);
                 hub.Publish(t, relayEvent, text.data(), static_cast<int>(text.size()), MSG_TYPE_SEND, 0);
-                hub.Publish(t, 0x0FFF, "x", 1, MSG_TYPE_SEND, 0);  // refused
-                if (i % (kRelayed / kSteady) == 0) {
-                    // A subscription that comes and goes while deliveries of its event run.
-                    auto* brief = new Subscriber;
-                    brief->key = &passing;
-                    brief->callback = [&passing](const char*, int) { ++passing; };
-                    hub.Subscribe(steadyEvent, brief);
-                    hub.Publish(t, steadyEvent, text.data(), static_cast<int>(text.size()), MSG_TYPE_SEND, 0);
-                    hub.UnSubscribe(steadyEvent, &passing);
-                }
+                hub.UnSubscribe(relayEvent, nullptr);
             }
         });
     }
@@ -299,8 +290,7 @@ TEST_F(Hub, StressPublishersOnSeveralThreadsWithSubscribersThatChurnFromTheirCal
         publisher.join();
     }
     const int total = kThreads * kRelayed;
-    EXPECT_TRUE(
-        Eventually([&] { return onceCalls.load() == total && steady.load() == kThreads * kSteady; }, 120000));
+    EXPECT_TRUE(Eventually([&] { return onceCalls.load() == total; }, 120000));
     EXPECT_EQ(relayed.load(), total);
     EXPECT_EQ(onceCalls.load(), total) << "each one-shot subscriber is called exactly once";
 }
@@ -375,8 +365,14 @@ TEST_F(Hub, APublisherThatOutrunsTheSchedulerIsRefusedOnceTheQueueIsFull) {
     std::atomic<size_t> delivered{0};
     std::vector<int> results;  // the filler's, until `filled`
     Flag filled;
+    std::chrono::steady_clock::time_point lastAt;
+    uint64_t passesAt = 0;
     auto* counter = new Subscriber;
-    counter->callback = [&](const char*, int) { ++delivered; };
+    counter->callback = [&](const char*, int) {
+        lastAt = std::chrono::steady_clock::now();
+        passesAt = nvx::CallCount("JQ_SDK_MSG_WaitForEvent");
+        ++delivered;
+    };
     ASSERT_EQ(hub.Subscribe(0x10801, counter), 0);
     auto* filler = new Subscriber;
     filler->callback = [&](const char*, int) {
@@ -394,12 +390,17 @@ TEST_F(Hub, APublisherThatOutrunsTheSchedulerIsRefusedOnceTheQueueIsFull) {
     // first; it had been taken off the queue before the filler ran.
     const std::vector<std::string> traces = Traces("Publish");
     ASSERT_EQ(traces.size(), HC_MAX_QUEUED + 1);
-    EXPECT_EQ(traces[0], "handle P, ev P, sesssion 0, event 0x10800, data (nil), length 0, source 0, events size 1\n");
+    EXPECT_EQ(traces[0],
+              "handle P, ev P, sesssion 0, event 0x10800, data (nil), length 0, source 0, events size 1\n");
     for (size_t i = 1; i <= HC_MAX_QUEUED; ++i) {
-        ASSERT_EQ(traces[i], "handle P, ev P, sesssion 7, event 0x10801, data P, length 1, source 0x21, events size " +
-                                 std::to_string(i) + "\n");
+        ASSERT_EQ(traces[i],
+                  "handle P, ev P, sesssion 7, event 0x10801, data P, length 1, source 0x21, events size " +
+                      std::to_string(i) + "\n");
     }
     EXPECT_TRUE(Eventually([&] { return delivered.load() == HC_MAX_QUEUED; }));
+    // Only the pass that took the last one rests before the next, though the bus answers at once.
+    EXPECT_TRUE(Eventually([&] { return nvx::CallCount("JQ_SDK_MSG_WaitForEvent") >= passesAt + 2; }));
+    EXPECT_GE(std::chrono::steady_clock::now() - lastAt, std::chrono::milliseconds(100));
 }
 
 // A subscriber runs under the hub's lock and a timer under the wheel's: one reaching for the
