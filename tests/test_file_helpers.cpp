@@ -140,13 +140,6 @@ TEST_F(FileHelpers, TrimmingSleepsAndDelays) {
     EXPECT_EQ(0, mSleep(1030));  // whole seconds and the rest both count
     EXPECT_GE(std::chrono::steady_clock::now() - start, std::chrono::milliseconds(1030));
 
-    // Milliseconds of the second, from the wall clock the process sees.
-    nvx::HoldWallClockMicros(1767323045999999);
-    EXPECT_EQ(999, GetMicroOfSecond());
-    nvx::HoldWallClockMicros(1767323046001000);
-    EXPECT_EQ(1, GetMicroOfSecond());
-    nvx::ReleaseWallClock();
-
     unsigned char first = 1;
     unsigned int since = 0;
     EXPECT_FALSE(ProcessDelayTime(&first, &since, 0)) << "arming never fires";
@@ -157,6 +150,12 @@ TEST_F(FileHelpers, TrimmingSleepsAndDelays) {
     EXPECT_FALSE(ProcessDelayTime(&first, &since, 3600)) << "but only by how far it went";
     first = 1;
     EXPECT_FALSE(ProcessDelayTime(&first, &since, 5)) << "re-armed";
+
+    // Milliseconds of the second, from the wall clock the process sees.
+    nvx::HoldWallClockMicros(1767323045999999);
+    EXPECT_EQ(999, GetMicroOfSecond());
+    nvx::HoldWallClockMicros(1767323046001000);
+    EXPECT_EQ(1, GetMicroOfSecond());
 }
 
 TEST_F(FileHelpers, DateChecksAndBusinessIdsKeepTheirFieldsApart) {

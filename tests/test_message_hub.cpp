@@ -152,7 +152,6 @@ TEST_F(Hub, LocalEventsReachEverySubscriberInOrderAsTheHubsOwnCopyAndBadInputIsR
     EXPECT_EQ(fnInbox.withUser, 0);
     EXPECT_EQ(fnInbox.threads[0], "HCt");
     EXPECT_TRUE(Eventually([&] { return PoolLive() == poolBefore; })) << "records and copies go back";
-    EXPECT_TRUE(nvx::SentMessages().empty()) << "local events never reach the bus";
 
     EXPECT_EQ(hub.Publish(0, 0xFFF, "abc", 3, MSG_TYPE_SEND, 0), -1);
     EXPECT_TRUE(Logged("TRUCK", 0, "HC-param invalid!! [event 0xfff, length 3]\n"));
@@ -206,7 +205,6 @@ TEST_F(Hub, BusEventsGoOutByTypeAndComeInThroughOneRegistrationPerEvent) {
     ASSERT_EQ(sent.size(), 6u) << "the local one stays in the process";
     for (size_t i = 0; i < sent.size(); ++i) {
         const int at = static_cast<int>(i < 3 ? i : i + 1);
-        EXPECT_EQ(sent[i].client, nvx::kMsgHandleClient);
         EXPECT_EQ(
             std::make_tuple(sent[i].session, sent[i].event, sent[i].flag, sent[i].response, sent[i].source),
             std::make_tuple(5 + at, events[at], at == 2 ? 0 : types[at] != 0, at == 2, 0x11u + at));
@@ -358,8 +356,8 @@ TEST_F(Hub, HeartbeatAndWheelCountTimestampSecondsFromZeroNotTheWallClock) {
     EXPECT_EQ(shifts(), 35u);
 }
 
-// Filled from inside a delivery, so the scheduler takes nothing off the queue meanwhile.
-TEST_F(Hub, APublisherThatOutrunsTheSchedulerIsRefusedOnceTheQueueIsFull) {
+// The queue is filled from inside a delivery, so the scheduler takes nothing off it meanwhile.
+TEST_F(Hub, APublisherThatOutrunsTheSchedulerIsRefusedAndASubscriberCannotReachTheWheel) {
     nvx::SetBusWaitsInstant(true);
     MsgManager hub;
     std::atomic<size_t> delivered{0};
@@ -401,12 +399,9 @@ TEST_F(Hub, APublisherThatOutrunsTheSchedulerIsRefusedOnceTheQueueIsFull) {
     // Only the pass that took the last one rests before the next, though the bus answers at once.
     EXPECT_TRUE(Eventually([&] { return nvx::CallCount("JQ_SDK_MSG_WaitForEvent") >= passesAt + 2; }));
     EXPECT_GE(std::chrono::steady_clock::now() - lastAt, std::chrono::milliseconds(100));
-}
 
-// A subscriber runs under the hub's lock and a timer under the wheel's: one reaching for the
-// wheel while the other publishes would leave both waiting for good.
-TEST_F(Hub, ASubscriberAddingATimerWhileATimerPublishesDoesNotDeadlock) {
-    MsgManager hub;
+    // A subscriber runs under the hub's lock and a timer under the wheel's: one reaching for
+    // the wheel while the other publishes would leave both waiting for good.
     TimeWheel wheel;
     Flag subscriberIn, timerIn, shifted;
     bool refused = false;
