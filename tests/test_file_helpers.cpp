@@ -7,6 +7,7 @@
 #include <climits>
 #include <fstream>
 #include <sstream>
+#include <tuple>
 #include <vector>
 
 #include "CommonDefine.h"
@@ -88,6 +89,7 @@ TEST_F(FileHelpers, FolderSearchAppendsMatchingNamesAndCountsThem) {
 TEST_F(FileHelpers, FileSizesSaturateBeyondALong) {
     EXPECT_EQ(1234, GetNormalFileSize(Write("clip", std::string(1234, 'v')).c_str()));
     EXPECT_EQ(0, GetNormalFileSize((m_dir + "/none").c_str()));
+    EXPECT_EQ(0, GetNormalFileSize(static_cast<FILE*>(nullptr)));
     // A recording past 2 GiB, sparse so that it costs no disk.
     const std::string big = Write("big", "");
     ASSERT_EQ(0, truncate64(big.c_str(), 3LL << 30));
@@ -172,13 +174,12 @@ TEST_F(FileHelpers, DateChecksAndBusinessIdsKeepTheirFieldsApart) {
         }
     }
 
-    const unsigned long long id = ComposeBusinessId(1, 0x8000, 2);
-    EXPECT_EQ(id >> 32, 1u);
-    EXPECT_EQ(id & 0xFFFFFFFFull, 0x80000002ull);
+    EXPECT_EQ(ComposeBusinessId(1, 0x8000, 2), 0x0000000180000002ull);
+    EXPECT_EQ(ComposeBusinessId(0xFEDCBA98, 0xFFFF, 0x7FFF), 0xFEDCBA98FFFF7FFFull);
     unsigned int type = 0;
     unsigned short group = 0, index = 0;
-    EXPECT_EQ(DecomposeBusinessId(id, type, group, index), 0);
-    EXPECT_EQ(type, 1u);
-    EXPECT_EQ(group, 0x8000);
-    EXPECT_EQ(index, 2);
+    EXPECT_EQ(DecomposeBusinessId(0xFEDCBA98FFFF7FFFull, type, group, index), 0);
+    EXPECT_EQ(std::make_tuple(0xFEDCBA98u, 0xFFFF, 0x7FFF), std::make_tuple(type, int(group), int(index)));
+    EXPECT_EQ(DecomposeBusinessId(0x0000000180000002ull, type, group, index), 0);
+    EXPECT_EQ(std::make_tuple(1u, 0x8000, 2), std::make_tuple(type, int(group), int(index)));
 }
