@@ -155,6 +155,9 @@ TEST_F(Hub, LocalEventsReachEverySubscriberInOrderAsTheHubsOwnCopyAndBadInputIsR
     EXPECT_EQ(fnInbox.withUser, 0);
     EXPECT_EQ(fnInbox.threads[0], "HCt");
     EXPECT_TRUE(Eventually([&] { return PoolLive() == poolBefore; })) << "records and copies go back";
+    EXPECT_EQ(hub.Publish(5, 0x10100, payload, 3110401, MSG_TYPE_SEND, 0), -1) << "the pool has no such copy";
+    EXPECT_TRUE(Logged("TRUCK", 0, "Publish [0x10100] fail! Mempool Alloc fail!\n"));
+    EXPECT_EQ(PoolLive(), poolBefore) << "the record went back";
 
     EXPECT_EQ(hub.Publish(0, 0xFFF, "abc", 3, MSG_TYPE_SEND, 0), -1);
     EXPECT_TRUE(Logged("TRUCK", 0, "HC-param invalid!! [event 0xfff, length 3]\n"));
@@ -167,6 +170,7 @@ TEST_F(Hub, LocalEventsReachEverySubscriberInOrderAsTheHubsOwnCopyAndBadInputIsR
     Subscriber* twice = InboxSubscriber(fnInbox);
     ASSERT_EQ(hub.Subscribe(0x10201, twice), 0);
     EXPECT_EQ(hub.Subscribe(0x10202, twice), -1) << "the hub would delete it twice";
+    EXPECT_EQ(hub.Subscribe(0x10202, static_cast<Subscriber*>(nullptr)), -1);
 
     // Only the subscribing thread can unsubscribe.
     ASSERT_EQ(hub.Subscribe(0x10200, FnSubscriber), 0);
@@ -226,7 +230,6 @@ TEST_F(Hub, BusEventsGoOutByTypeAndComeInThroughOneRegistrationPerEvent) {
     ASSERT_TRUE(first.WaitFor(2));
     ASSERT_TRUE(second.WaitFor(2));
     EXPECT_EQ(first.texts, (std::vector<std::string>{"in", "cm"}));
-    EXPECT_EQ(first.threads[0], "HCt");
 
     // The first subscriber goes; the registration that was made with it carries on.
     hub.UnSubscribe(0x4001, &first);
@@ -292,7 +295,6 @@ TEST_F(Hub, StressPublishersOnSeveralThreadsWithSubscribersThatChurnFromTheirCal
     }
     const int total = kThreads * kRelayed;
     EXPECT_TRUE(Eventually([&] { return onceCalls.load() == total; }, 120000));
-    EXPECT_EQ(relayed.load(), total);
     EXPECT_EQ(onceCalls.load(), total) << "each one-shot subscriber is called exactly once";
 }
 
@@ -325,6 +327,10 @@ TEST_F(Hub, HeartbeatAndWheelCountTimestampSecondsFromZeroNotTheWallClock) {
     RaiseOnExit releaser{released};
     ASSERT_TRUE(WaitForPasses(2));  // the second begins once the first has shifted
     EXPECT_EQ(shifts(), 10u);
+    const auto passesFrom = std::chrono::steady_clock::now();
+    ASSERT_TRUE(WaitForPasses(3));
+    EXPECT_GE(std::chrono::steady_clock::now() - passesFrom, std::chrono::milliseconds(200))
+        << "100 ms a wait";
     advanceTo(15);
     wall += 999999;  // one step short of the sixteenth second
     nvx::HoldWallClockMicros(wall);
