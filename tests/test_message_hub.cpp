@@ -172,7 +172,6 @@ TEST_F(Hub, LocalEventsReachEverySubscriberInOrderAsTheHubsOwnCopyAndBadInputIsR
     EXPECT_EQ(hub.Subscribe(0x10202, twice), -1) << "the hub would delete it twice";
     EXPECT_EQ(hub.Subscribe(0x10202, static_cast<Subscriber*>(nullptr)), -1);
 
-    // Only the subscribing thread can unsubscribe.
     ASSERT_EQ(hub.Subscribe(0x10200, FnSubscriber), 0);
     std::thread([&] { hub.UnSubscribe(0x10200, reinterpret_cast<void*>(FnSubscriber)); }).join();
     ASSERT_EQ(hub.Publish(0, 0x10200, "kept", 4, MSG_TYPE_SEND, 0), 0);
