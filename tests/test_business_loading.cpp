@@ -135,3 +135,26 @@ TEST_F(BusinessLoading, TheMainCycleLoadsOnItsFirstPassOnly) {
     }
     EXPECT_EQ(times, 1);
 }
+
+// Id 7 is the OSD business: on the main cycle's thread with the manager's client, or on a
+// thread of its own with a client of its own; a second element with the same id changes nothing.
+TEST_F(BusinessLoading, TheOsdBusinessStartsSharedOrOnItsOwnThread) {
+    for (const bool own : {false, true}) {
+        ManagerOnDevice::TearDown();
+        ManagerOnDevice::SetUp();
+        const std::string thread = own ? "\"true\"" : "\"True\"";
+        WriteConfig(Element(R"({"BUSINESS_ENABLE": "true", "BUSINESS_ID": 7, "BUSINESS_NAME": "osd",
+                                "BUSINESS_THREAD": )" +
+                            thread + R"(},
+                               {"BUSINESS_ENABLE": "true", "BUSINESS_ID": 7, "BUSINESS_NAME": "osd_again"})"));
+        EXPECT_EQ(manage->basic_load_business(), 0);
+        EXPECT_TRUE(Logged("TRUCK", 1,
+                           "Create business instance, id = 7, name = osd, type = 0, bThread = " +
+                               std::to_string(own) + ", size = 1\n"));
+        EXPECT_TRUE(Logged("TRUCK", 2, "Business id[7, osd_again] is alardy created, and continue\n"));
+        EXPECT_EQ(nvx::CallCount("OsUtilsCreateThread"), own ? 1u : 0u);
+        EXPECT_EQ(Eventually([] { return nvx::HasClient("osd"); }, own ? kGenerousMs : 0), own);
+        nvx::SetSleepsInstant(true);  // this manager's cycle never ran: nothing to wait for
+        manage->basic_uninit();
+    }
+}

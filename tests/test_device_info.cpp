@@ -86,16 +86,24 @@ TEST_F(DeviceInfo, SerialNumberIsAskedForUntilGivenThenBoardTypeAndReadiness) {
     profile.serialNumber = "1A8B0123456789ABCDEF";
     nvx::SetDeviceProfile(profile);
     nvx::SetSerialNumberFailures(2);
-    WriteDeviceFile("/proc/cmdline", "flashsize=16M chiptype=3 mem=64M");
 
-    for (int second = 0; second < 2; ++second) {
+    // No command line for three seconds, no serial number for two: each is asked for again.
+    for (int second = 0; second < 3; ++second) {
         manage->BasicGetDeviceInfo();
-        EXPECT_EQ(manage->basic_get_serialnumber_info()->bValid, 0u);
+        EXPECT_EQ(manage->basic_get_serialnumber_info()->bValid, second == 2 ? 1u : 0u);
         EXPECT_EQ(manage->basic_get_chip_info().uiDeviceInfoReady, 0u);
     }
+    int unreadable = 0;
+    for (const nvx::LogLine& line : nvx::CapturedLogs()) {
+        unreadable += line.text == "Can't open /proc/cmdline\n";
+    }
+    EXPECT_EQ(unreadable, 3);
+    WriteDeviceFile("/proc/cmdline", "flashsize=16M chiptype=3 mem=64M");
     manage->BasicGetDeviceInfo();
     manage->BasicGetDeviceInfo();
     EXPECT_EQ(nvx::CallCount("JQ_SDK_Device_GetDeviceSerialNumber"), 3u) << "not asked again once known";
+    EXPECT_TRUE(Logged("TRUCK", 3, "get ChipType.3 FlashSize.16\n"));
+    EXPECT_EQ(manage->basic_get_chip_info().uiFlashSize, 16u);
     EXPECT_STREQ(manage->basic_get_serialnumber_info()->szSerialNumber, "1A8B0123456789A");
     EXPECT_EQ(manage->basic_get_chip_info().mainBoardType, 132u);
     EXPECT_EQ(manage->basic_get_chip_info().uiDeviceInfoReady, 1u);
@@ -106,9 +114,29 @@ TEST_F(DeviceInfo, SerialNumberIsAskedForUntilGivenThenBoardTypeAndReadiness) {
     EXPECT_EQ(product * 1000 + board, 126010u) << "126 is folded on boards only";
     manage->GetProductInfoFromAuthSerial("3C", product, board);
     EXPECT_EQ(product * 1000 + board, 60010u) << "a missing pair keeps its value";
-    config.uiProductType = 7;
-    manage->GetProductInfoFromAuthSerial("1A8B", product, board);
-    EXPECT_EQ(board, 139u);
+    // Only boards 126, 139, 141 and 145 of product 20 become 132.
+    for (unsigned int productType : {19u, 20u, 21u}) {
+        config.uiProductType = productType;
+        for (unsigned int b = 124; b < 148; ++b) {
+            char serial[8];
+            snprintf(serial, sizeof(serial), "00%02x", b);
+            manage->GetProductInfoFromAuthSerial(serial, product, board);
+            const bool folded = productType == 20 && (b == 126 || b == 139 || b == 141 || b == 145);
+            EXPECT_EQ(board, folded ? 132u : b) << "product " << productType << ", board " << b;
+        }
+    }
+    EXPECT_EQ(manage->GetProductInfoFromAuthSerial(nullptr, product, board), -1);
+}
+
+TEST_F(DeviceInfo, GlobalConfigurationGetters) {
+    config.uiProductType = 0x01020304;
+    config.uiSystemType = 0x0A0B0C0D;
+    config.usVideoInNum = 4;
+    config.usVideoIpNum = 2;
+    EXPECT_EQ(manage->basic_get_product_type(), 0x01020304u);
+    EXPECT_EQ(manage->basic_get_system_type(), 0x0A0B0C0Du);
+    EXPECT_EQ(manage->BasicGetVideoInNum(), 6u);
+    EXPECT_EQ(manage->BasicGetVideoIpNum(), 2u);
 }
 
 TEST_F(DeviceInfo, RemoteTaskBitsAreIndependentAndOnlyZeroTo31Exist) {

@@ -1,13 +1,9 @@
 // Global parameter groups: what a business asks the store for, what comes back on the
-// parameter thread, how a write reaches the watchers and the store file, and that nothing
-// is delivered once the global SDK has gone down.
+// parameter thread, and that nothing is delivered once the global SDK has gone down.
 #include <string.h>
 
 #include <atomic>
-#include <filesystem>
-#include <fstream>
 #include <mutex>
-#include <sstream>
 #include <string>
 #include <thread>
 #include <vector>
@@ -32,13 +28,6 @@ Json::Value Parse(const std::string& text) {
     Json::Value root;
     EXPECT_TRUE(TryParse(text, root)) << text;
     return root;
-}
-
-std::string ReadFile(const std::string& path) {
-    std::ifstream in(path, std::ios::binary);
-    std::stringstream text;
-    text << in.rdbuf();
-    return text.str();
 }
 
 // Everything a parameter callback was handed, and on which thread.
@@ -68,7 +57,6 @@ protected:
         JQ_SDK_Global_Deinitialize();  // no callback may reach this test's objects later
         ManagerOnDevice::TearDown();
     }
-    std::string StoreFile() const { return HostPath(kStoreDevicePath); }
     void StartDevice(const std::string& storeText) {
         WriteDeviceFile(kStoreDevicePath, storeText);
         ASSERT_NE(JQ_SDK_Global_Initialize(kStoreDevicePath), nullptr);
@@ -99,6 +87,24 @@ TEST_F(ParamGroups, FetchNamesTheFullPathAndWatchTheGroupsOnly) {
                                         "{\"PARAMETER\":{\"MDVR\":{\"EOSD\":\"?\",\"TIMEP\":\"?\"}}}\n"}));
     EXPECT_EQ(nvx::ParamListenRequests(), (std::vector<std::string>{"{\"EOSD\":\"?\",\"TIMEP\":\"?\"}\n",
                                                                     "{\"GSP\":\"?\",\"NAVI\":\"?\"}\n"}));
+}
+
+TEST_F(ParamGroups, EveryMaskBitNamesItsGroup) {
+    const char* const keys[] = {"GSP",   "IOP",  "DSM",   "PSNAP",  "WIFI",   "WIFIEX", "MAIN", "AR",
+                                "IOOUT", "MCMS", "RIP",   "PS",     "PSI",    "SAM",    "SAP",  "SSP",
+                                "KEYS",  "VERS", "TIMEP", "IPCCTR", "PCA",    "VPP",    "UAP",  "PRVAP",
+                                "RP",    "PSM",  "REDEV", "PGDSM",  "PWT",    "LPDOWN", "PSS",  "FLM",
+                                "GPSAL", "GSAL", "ENETE", "SAL",    "DDSNAP", "PGDS",   "NAVI"};
+    for (unsigned int bit = 0; bit < 39; ++bit) {
+        Json::Value request;
+        EXPECT_EQ(manage->basic_global_package_param(1ULL << bit, request), 0);
+        Json::Value expected;
+        expected["PARAMETER"]["MDVR"][keys[bit]] = "?";
+        EXPECT_EQ(request, expected) << bit;
+    }
+    Json::Value none;
+    manage->basic_global_package_param(~0ULL << 39, none);
+    EXPECT_TRUE(none.isNull());
 }
 
 TEST_F(ParamGroups, NothingToAskForIsRefusedWithoutAPlatformCallAndPlatformErrorsPassThrough) {
@@ -139,115 +145,6 @@ TEST_F(ParamGroups, AFetchIsAnsweredOnTheParameterThreadFromTheStore) {
     EXPECT_EQ(reply["PARAMETER"]["MDVR"]["TIMEP"], Parse(kStore)["PARAMETER"]["MDVR"]["TIMEP"]);
     EXPECT_EQ(reply["PARAMETER"]["MDVR"]["NAVI"], "?") << "a group the store lacks keeps its placeholder";
     EXPECT_EQ(reply["PARAMETER"]["MDVR"].size(), 2u);
-}
-
-TEST_F(ParamGroups, AWriteReachesTheWatchersOfTheChangedGroupsInOrder) {
-    StartDevice(kStore);
-    Received timeWatcher;
-    Received systemWatcher;
-    Json::Value timeGroups;
-    timeGroups["TIMEP"] = "?";
-    timeGroups["EOSD"] = "?";
-    ASSERT_EQ(manage->basic_global_listen_param(timeGroups, &Received::Callback, &timeWatcher, nullptr), 0);
-    ASSERT_EQ(manage->basic_global_listen_param(1ULL, &Received::Callback, &systemWatcher, nullptr), 0);
-    std::vector<std::string> written;
-    nvx::SetParamWriteObserver([&written](const std::string& text) { written.push_back(text); });
-
-    // A layout names a few members of the group: the others stay in the store.
-    const std::string layout = R"({"PARAMETER":{"MDVR":{"EOSD":[{"TX":250,"COSD":[{"X":180}]}]}}})"
-                               "\n";
-    ASSERT_EQ(JQ_SDK_Global_SetParameter(layout.c_str(), static_cast<int>(layout.size())), 0);
-    // Unchanged TIMEP, changed GSP: nothing for the time watcher.
-    ASSERT_EQ(nvx::SetParameterDocument(R"({"PARAMETER":{"MDVR":{"TIMEP":{"DATEM":1},"GSP":{"LANT":2}}}})"),
-              0);
-    ASSERT_EQ(manage->basic_global_get_param(timeGroups, &Received::Callback, &timeWatcher, nullptr), 0);
-    EXPECT_EQ(JQ_SDK_Global_SetParameter("{\"PARAMETER\":[]}", 16), -2);
-    ASSERT_TRUE(nvx::WaitForParamIdle(kGenerousMs));
-
-    const std::vector<std::string> timeTexts = timeWatcher.Texts();
-    ASSERT_EQ(timeTexts.size(), 2u) << "the change notification, then the fetch reply";
-    const Json::Value note = Parse(timeTexts[0])["PARAMETER"]["MDVR"];
-    EXPECT_EQ(note.getMemberNames(), std::vector<std::string>{"EOSD"});
-    EXPECT_EQ(note["EOSD"], Parse(R"([{"WME":0,"TX":250,"COSD":[{"X":180,"Y":80,"EN":1}]}])"));
-    EXPECT_EQ(Parse(timeTexts[1])["PARAMETER"]["MDVR"]["EOSD"], note["EOSD"]);
-
-    const std::vector<std::string> systemTexts = systemWatcher.Texts();
-    ASSERT_EQ(systemTexts.size(), 1u);
-    EXPECT_EQ(Parse(systemTexts[0]), Parse(R"({"PARAMETER":{"MDVR":{"GSP":{"LANT":2}}}})"));
-
-    nvx::SetParamWriteObserver(nullptr);
-    EXPECT_EQ(written.size(), 2u);
-    EXPECT_EQ(written[0], layout);
-}
-
-TEST_F(ParamGroups, TheStoreFileIsReplacedWholeAndReadAgainAtTheNextStart) {
-    // The first store comes from outside the device, whose tmpfs does not exist yet.
-    const std::string seed = HostPath("/seed.bsn");
-    WriteDeviceFile("/seed.bsn", kStore);
-    nvx::SetParamStoreSource(seed);
-    ASSERT_NE(JQ_SDK_Global_Initialize(kStoreDevicePath), nullptr);
-    ASSERT_EQ(nvx::SetParameterDocument(R"({"PARAMETER":{"MDVR":{"GSP":{"LANT":0}}}})"), 0);
-    ASSERT_TRUE(std::filesystem::exists(StoreFile()));
-
-    // Whatever moment a reader picks, it finds a whole document.
-    std::atomic<bool> writing{true};
-    std::atomic<int> torn{0};
-    std::thread reader([&] {
-        while (writing.load()) {
-            Json::Value read;
-            if (!TryParse(ReadFile(StoreFile()), read) || !read.isObject()) {
-                ++torn;
-            }
-        }
-    });
-    for (int i = 1; i <= 100; ++i) {
-        const std::string text = R"({"PARAMETER":{"MDVR":{"GSP":{"LANT":)" + std::to_string(i) + "}}}}";
-        ASSERT_EQ(nvx::SetParameterDocument(text), 0);
-    }
-    writing.store(false);
-    reader.join();
-    EXPECT_EQ(torn.load(), 0);
-    EXPECT_EQ(ReadFile(seed), kStore) << "the seed is only read";
-    size_t files = 0;
-    for (const auto& entry : std::filesystem::directory_iterator(HostPath("/mnt/tmpfs"))) {
-        EXPECT_EQ(entry.path().filename(), "global.bsn") << "no temporary file is left behind";
-        ++files;
-    }
-    EXPECT_EQ(files, 1u);
-
-    JQ_SDK_Global_Deinitialize();
-    nvx::SetParamStoreSource("");
-    ASSERT_NE(JQ_SDK_Global_Initialize(kStoreDevicePath), nullptr);
-    const Json::Value reloaded = Parse(nvx::ParamStoreText())["PARAMETER"]["MDVR"];
-    EXPECT_EQ(reloaded["GSP"]["LANT"], 100);
-    EXPECT_EQ(reloaded["TIMEP"], Parse(kStore)["PARAMETER"]["MDVR"]["TIMEP"]);
-}
-
-TEST_F(ParamGroups, ABrokenStoreFileGivesAnEmptyStore) {
-    const std::vector<std::string> broken = {"",
-                                             "{\"PARAMETER\":{\"MDVR\":{\"GSP\":",
-                                             "[1,2]",
-                                             "{\"PARAMETER\":{\"MDVR\":[]}}",
-                                             "{\"PARAMETER\":{\"MDVR\":{}}} trailing",
-                                             std::string(100000, '['),
-                                             std::string("{\0}", 3)};
-    const Json::Value empty = Parse("{\"PARAMETER\":{\"MDVR\":{}}}");
-    auto storeLogged = [](const nvx::LogLine& line) {
-        return line.module == "NVXSDK" && line.text.find("parameter store") != std::string::npos;
-    };
-    for (const std::string& text : broken) {
-        nvx::SetParameterDocument(kStore);  // something the load has to replace
-        nvx::StartLogCapture();
-        StartDevice(text);
-        EXPECT_EQ(Parse(nvx::ParamStoreText()), empty) << text.substr(0, 40);
-        EXPECT_TRUE(nvx::WaitForLog(storeLogged, kGenerousMs)) << text.substr(0, 40);
-        JQ_SDK_Global_Deinitialize();
-    }
-    std::filesystem::remove(StoreFile());
-    nvx::StartLogCapture();
-    ASSERT_NE(JQ_SDK_Global_Initialize(kStoreDevicePath), nullptr);
-    EXPECT_EQ(Parse(nvx::ParamStoreText()), empty) << "a missing file";
-    EXPECT_TRUE(nvx::WaitForLog(storeLogged, kGenerousMs));
 }
 
 TEST_F(ParamGroups, NoCallbackRunsOnceDeinitialiseHasReturned) {
@@ -291,30 +188,4 @@ TEST_F(ParamGroups, NoCallbackRunsOnceDeinitialiseHasReturned) {
     EXPECT_NE(manage->basic_global_get_param(1ULL, callback, &watcher, nullptr), 0)
         << "no fetch after the stop";
     EXPECT_NE(manage->basic_global_listen_param(1ULL, callback, &watcher, nullptr), 0) << "no watch either";
-}
-
-// The recorder's date-time service keeps local time in the configured zone; the host asks the
-// simulated device to do the same so that a zone change shows on the time line.
-TEST_F(ParamGroups, AZoneChangeMovesTheDeviceClockOnlyWhenAskedTo) {
-    StartDevice(kStore);
-    auto offset = [] { return static_cast<int64_t>(nvx::WallClock()) - static_cast<int64_t>(time(nullptr)); };
-    auto writeZone = [](const std::string& zone) {
-        return nvx::SetParameterDocument(R"({"PARAMETER":{"MDVR":{"TIMEP":{"TIMEZ":")" + zone + R"("}}}})");
-    };
-    nvx::SetWallClock(1000000000);
-    const int64_t start = offset();
-
-    ASSERT_EQ(writeZone("420"), 0);
-    EXPECT_NEAR(offset() - start, 0, 1) << "not asked to follow";
-
-    nvx::SetLocalTimeFollowsZone(true);
-    ASSERT_EQ(writeZone("-300"), 0);
-    EXPECT_NEAR(offset() - start, -720 * 60, 1) << "420 to -300 minutes";
-    ASSERT_EQ(nvx::SetParameterDocument(R"({"PARAMETER":{"MDVR":{"TIMEP":{"DATEM":2}}}})"), 0);
-    ASSERT_EQ(writeZone("-300"), 0);
-    EXPECT_NEAR(offset() - start, -720 * 60, 1) << "other keys and the same zone move nothing";
-    ASSERT_EQ(writeZone("99999"), 0);
-    EXPECT_NEAR(offset() - start, (-720 + 1440 + 300) * 60, 1) << "a wild zone is bounded to a day";
-    ASSERT_EQ(writeZone("x"), 0);
-    EXPECT_NEAR(offset() - start, (-720 + 300) * 60, 1) << "no digits read as zone 0";
 }

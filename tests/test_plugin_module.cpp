@@ -93,13 +93,3 @@ TEST_F(PluginModule, StartThenStopLeavesItNotRunning) {
     EXPECT_EQ(stop(&param), 0);
     EXPECT_EQ(nvx::CallCount("JQ_SDK_Global_Deinitialize"), 1u);
 }
-
-TEST_F(PluginModule, FailedGlobalInitialisationReturnsMinusOneAndStartsNoThread) {
-    nvx::SetGlobalInitFails(true);
-    HostParam param;
-    param.running.store(0);
-    EXPECT_EQ(start(&param), -1);
-    EXPECT_EQ(nvx::CallCount("OsUtilsCreateThread"), 0u);
-    EXPECT_EQ(nvx::RunningThreads(), 0);
-    EXPECT_EQ(stop(&param), 0);
-}

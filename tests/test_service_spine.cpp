@@ -145,6 +145,9 @@ TEST_F(ServiceObject, StartRunsTheMainCycleAndStopEndsIt) {
     EXPECT_TRUE(nvx::WaitForWatchdogFeeds("truckbusiness.02", 3, kGenerousMs));
     EXPECT_TRUE(nvx::HasClient("truckbusiness.02"));
     EXPECT_EQ(JQ_SDK_Service_Start(&param), -1) << "a second start beside a running one";
+    EXPECT_EQ(nvx::CallCount("JQ_SDK_Global_StartService"), 1u);
+    EXPECT_EQ(nvx::CreatedThreads(), (std::vector<std::pair<unsigned int, int>>{{0x80000, 1}}));
+    EXPECT_EQ(nvx::BusWaitTimeouts("truckbusiness.02"), std::set<int>{50});
 
     EXPECT_EQ(JQ_SDK_Service_Stop(&param), 0);
     EXPECT_EQ(param.ucRunning.load(), 0);
@@ -179,11 +182,13 @@ TEST_F(Business, SharedThreadRunsCallbacksAndCyclesOnTheCallersTicks) {
     tagGlobalConfig config = MakeGlobalConfig();
     auto* manage = new CTruckServiceManage(&config);
     {
-        ProbeBusiness business(manage, manage->basic_get_msg_client(), 3, "shared_probe");
+        ProbeBusiness business(manage, manage->basic_get_msg_client(), 3,
+                               "shared_probe_name_well_over_31_chars");
+        EXPECT_STREQ(business.business_get_name(), "shared_probe_name_well_over_31_");
         business.initResult = -5;
         EXPECT_EQ(business.business_get_is_independ(), 0);
         EXPECT_EQ(business.business_start(), -5) << "start answers what business_init answers";
-        EXPECT_EQ(business.SourceId(), nvx::SourceIdOf("shared_probe"));
+        EXPECT_EQ(business.SourceId(), nvx::SourceIdOf("shared_probe_name_well_over_31_"));
         EXPECT_EQ(nvx::CallCount("OsUtilsCreateThread"), 0u);
 
         char text[] = "first";
@@ -209,17 +214,7 @@ TEST_F(Business, SharedThreadRunsCallbacksAndCyclesOnTheCallersTicks) {
 
         EXPECT_EQ(business.business_stop(), 0);
         EXPECT_EQ(business.uninits.load(), 1);
-    }
-    manage->basic_release();
-}
-
-TEST_F(Business, NamesAreCutToThirtyOneCharacters) {
-    tagGlobalConfig config = MakeGlobalConfig();
-    auto* manage = new CTruckServiceManage(&config);
-    {
-        ProbeBusiness business(manage, manage->basic_get_msg_client(), 3,
-                               "a_business_name_well_over_31_characters");
-        EXPECT_STREQ(business.business_get_name(), "a_business_name_well_over_31_ch");
+        EXPECT_TRUE(nvx::SleepsOfThisThread().empty()) << "nothing to wait for";
     }
     manage->basic_release();
 }
@@ -325,10 +320,10 @@ TEST_F(MainCycle, StopIsBoundedAndNeverFreesUnderARunningThread) {
     CycleRunner runner(manage);
     ASSERT_TRUE(Eventually([&] { return stuck->cycles.load() == 1; }));
 
-    const auto before = std::chrono::steady_clock::now();
+    nvx::SetSleepsInstant(true);
+    EXPECT_EQ(stuck->business_stop(), 0);
+    EXPECT_EQ(nvx::SleepsOfThisThread(), std::vector<unsigned int>(101, 20)) << "101 polls of 20 ms";
     EXPECT_EQ(manage->basic_uninit(), 0);
-    const auto took = std::chrono::steady_clock::now() - before;
-    EXPECT_LT(took, std::chrono::seconds(30)) << "bounded, whatever the machine";
     EXPECT_EQ(stuck->business_get_thread_state(), 2) << "the business thread is still in its cycle";
 
     manage->basic_release();  // the owner lets go; the stuck thread still holds the manager
@@ -370,7 +365,11 @@ TEST_F(MainCycle, APassThatOutlivesTheStopLeavesTheHostBlockAlone) {
     ASSERT_EQ(OsUtilsCreateThread(&handle, service_thread_entry, &args, 0x80000, 1), 0);
     ASSERT_TRUE(Eventually([&] { return stuck->cycles.load() == 1; }));
 
+    nvx::SetSleepsInstant(true);
     EXPECT_EQ(manage->basic_uninit(), 0);
+    EXPECT_EQ(nvx::SleepsOfThisThread(), std::vector<unsigned int>(101, 20))
+        << "only the cycle is waited for";
+    EXPECT_EQ(stuck->uninits.load(), 1);
     EXPECT_FALSE(manage->basic_threads_stopped());
     delete param;  // the host's block is gone once stop has returned
     g_destroyed = 0;
@@ -379,4 +378,87 @@ TEST_F(MainCycle, APassThatOutlivesTheStopLeavesTheHostBlockAlone) {
     EXPECT_TRUE(nvx::WaitForThreadsToEnd(kGenerousMs));
     EXPECT_EQ(g_destroyed.load(), 1);
     EXPECT_EQ(CTruckServiceManage::basic_live_count(), 0);
+}
+
+// The once-a-second step (device information, then the log queues) follows the tick both
+// ways, by absolute distance: more than 999 ms from the last step.
+TEST_F(MainCycle, OnceASecondStepFollowsTheDistanceOfTheTick) {
+    const unsigned long long t0 = 5000000000000ULL;  // far from any tick an earlier step kept
+    nvx::HoldTickCount(t0);
+    tagGlobalConfig config = MakeGlobalConfig();
+    auto* manage = new CTruckServiceManage(&config);
+    auto batches = [] {
+        size_t n = 0;
+        for (const nvx::BusMessage& m : nvx::SentMessages()) {
+            n += m.event == 0x1134 ? 1 : 0;
+        }
+        return n;
+    };
+    manage->basic_system_log_push(0x01, "first");
+    CycleRunner runner(manage);
+    ASSERT_TRUE(Eventually([&] { return batches() == 1; }));
+    EXPECT_EQ(manage->basic_get_serialnumber_info()->bValid, 1u) << "device information in the same step";
+    const struct {
+        unsigned long long tick;
+        size_t batches;
+    } steps[] = {{t0 + 999, 1}, {t0 + 1000, 2}, {t0 + 1, 2}, {t0, 3}, {t0 + 500, 3}};
+    for (const auto& step : steps) {
+        manage->basic_system_log_push(0x01, "next");
+        nvx::HoldTickCount(step.tick);
+        const uint64_t fed = nvx::WatchdogFeedCount("truckbusiness.02");
+        ASSERT_TRUE(nvx::WaitForWatchdogFeeds("truckbusiness.02", fed + 3, kGenerousMs));
+        EXPECT_EQ(batches(), step.batches) << "tick t0 + " << step.tick - t0;
+    }
+    EXPECT_EQ(nvx::CallCount("JQ_SDK_Device_GetDeviceSerialNumber"), 1u);
+    EXPECT_EQ(nvx::CallCount("JQ_SDK_Storage_GetFuseMntPath"), 1u) << "asked on the first pass only";
+    EXPECT_EQ(nvx::CallCount("JQ_SDK_Storage_MonitorFuseStatus"), 1u);
+    manage->basic_uninit();
+    manage->basic_release();
+}
+
+// The own thread waits 500 ms above a cycle of 500, 100 above 100, else the cycle time; it
+// calls the cycle once the tick is a whole cycle time away from the last call.
+TEST_F(Business, OwnThreadWaitAndCycleFollowTheCycleTime) {
+    const unsigned long long t0 = 7000000000000ULL;
+    nvx::SetBusWaitsInstant(true);
+    tagGlobalConfig config = MakeGlobalConfig();
+    auto* manage = new CTruckServiceManage(&config);
+    const struct {
+        unsigned long long cycle;
+        int wait;
+    } rows[] = {{600, 500}, {501, 500}, {500, 100}, {101, 100}, {100, 100}, {80, 80}, {0, 0}};
+    unsigned int id = 20;
+    for (const auto& row : rows) {
+        nvx::HoldTickCount(t0);
+        const std::string name = "wait_" + std::to_string(row.cycle);
+        ProbeBusiness business(manage, nullptr, ++id, name.c_str(), row.cycle);
+        ASSERT_EQ(business.business_start(), 0);
+        auto passes = [&name](uint64_t more) {
+            return nvx::WaitForWatchdogFeeds(name, nvx::WatchdogFeedCount(name) + more, kGenerousMs);
+        };
+        ASSERT_TRUE(passes(3));
+        if (row.cycle == 0) {
+            EXPECT_GE(business.cycles.load(), 2) << "every pass at one tick";
+        } else {
+            for (const unsigned long long tick : {t0, t0 + row.cycle - 1, t0 + row.cycle}) {
+                nvx::HoldTickCount(tick);
+                ASSERT_TRUE(passes(3));
+                EXPECT_EQ(business.cycles.load(), tick == t0 + row.cycle ? 2 : 1)
+                    << name << " at t0 + " << tick - t0;
+            }
+        }
+        business.business_stop();
+        EXPECT_EQ(nvx::BusWaitTimeouts(name), std::set<int>{row.wait}) << name;
+    }
+    EXPECT_EQ(nvx::CreatedThreads(), (std::vector<std::pair<unsigned int, int>>(7, {0x80000, 1})));
+    manage->basic_release();
+}
+
+TEST(WiringFaults, EndTheProcessWithStatusOne) {
+    GTEST_FLAG_SET(death_test_style, "threadsafe");
+    nvx::SetLogLevel(0);  // only level 0 reaches standard error
+    EXPECT_EXIT(new CTruckServiceManage(nullptr), ::testing::ExitedWithCode(1),
+                "\\[APPCOM\\] .*GlobalConfig ptr is null");
+    EXPECT_EXIT(ProbeBusiness(nullptr, nullptr, 1, "x"), ::testing::ExitedWithCode(1),
+                "\\[APPCOM\\] .*Basic Server manage ptr is null");
 }

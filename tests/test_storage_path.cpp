@@ -86,10 +86,14 @@ TEST_F(StoragePath, MalformedReportsAreLoggedAndLeaveThePath) {
     nvx::InjectStorageRaw(bytes.data(), 37);
     nvx::InjectStorageRaw(nullptr, 36);
     ASSERT_TRUE(nvx::WaitForStorageIdle(kGenerousMs));
-    for (int length : {35, 37, 36}) {
+    tag_fuseMntPathAck other = {0, "/mnt/other"};
+    callback_basic_request_storage_mntputh(&other, 38, manage);
+    callback_basic_request_storage_mntputh(&other, 36, nullptr);
+    for (int length : {35, 37, 36, 38}) {
         EXPECT_TRUE(
             Logged("TRUCK", 1, "storage callback param error, length = " + std::to_string(length) + "\n"));
     }
+    EXPECT_EQ(CountLogged("storage callback param error, length = 36\n"), 2);
     EXPECT_EQ(Root(), "/mnt/hd1/");
 
     // A path that fills its 32 bytes without an end is taken as those 32 characters.
@@ -137,10 +141,9 @@ TEST_F(StoragePath, PeripheralBlockTakesWhatTheFileHasAndNeverReadsPastItsEnd) {
     auto load = [&](const std::string& bytes) {
         WriteDeviceFile("/usr/local/cfg/serialconfig.bsn", bytes);
         manage->basic_load_peripheral_config();
-        return std::string(reinterpret_cast<char*>(manage->basic_get_peripheral_config()),
-                           kPeripheralConfigSize);
+        return std::string(reinterpret_cast<char*>(manage->basic_get_peripheral_config()), 7716);
     };
-    const std::string zero(kPeripheralConfigSize, '\0');
+    const std::string zero(7716, '\0');
     EXPECT_EQ(manage->basic_load_peripheral_config(), 0);
     EXPECT_EQ(load(""), zero);
     EXPECT_EQ(CountLogged("load peripheral config file[/usr/local/cfg/serialconfig.bsn] failed\n"), 2)
@@ -153,5 +156,5 @@ TEST_F(StoragePath, PeripheralBlockTakesWhatTheFileHasAndNeverReadsPastItsEnd) {
     }
     EXPECT_EQ(load(bytes), bytes + zero.substr(bytes.size()));
     EXPECT_TRUE(Logged("TRUCK", 4, "load peripheral config file[/usr/local/cfg/serialconfig.bsn] success\n"));
-    EXPECT_EQ(load(std::string(8000, 'p')), std::string(kPeripheralConfigSize, 'p'));
+    EXPECT_EQ(load(std::string(8000, 'p')), std::string(7716, 'p'));
 }

@@ -32,6 +32,9 @@ std::vector<LogBatch> SentBatches() {
         if (m.event != 0x1134) {
             continue;
         }
+        EXPECT_EQ(m.client, "truckbusiness.02");
+        EXPECT_EQ(m.source, nvx::SourceIdOf("truckbusiness.02"));
+        EXPECT_EQ(m.flag, 0);
         LogBatch batch;
         batch.length = m.payload.size();
         EXPECT_GE(m.payload.size(), 8u);

@@ -9,6 +9,7 @@
 
 #include <functional>
 #include <map>
+#include <set>
 #include <string>
 #include <vector>
 
@@ -63,6 +64,8 @@ uint32_t SourceIdOf(const std::string& name);
 // Number of clients alive on the bus, and whether one of that name exists.
 int LiveClientCount();
 bool HasClient(const std::string& name);
+// Every distinct time-out that the client of that name has given MSGWaitForEvent.
+std::set<int> BusWaitTimeouts(const std::string& client);
 // Let MSGWaitForEvent return at once instead of waiting out its time-out.
 void SetBusWaitsInstant(bool instant);
 // Every handle of JQ_SDK_MSG_Initialize is a bus client of this name: what it sends is
@@ -117,6 +120,15 @@ void SetLocalTimeFollowsZone(bool follows);
 // How often an operation of the SDK was called since the last reset, by its name
 // ("JQ_SDK_Global_Initialize", "OsUtilsCreateThread", ...).
 uint64_t CallCount(const std::string& operation);
+// Stack size and flag of every OsUtilsCreateThread call, in call order.
+std::vector<std::pair<unsigned int, int>> CreatedThreads();
+// While held, OsUtilsGetTickCount answers `ms` instead of the monotonic clock.
+void HoldTickCount(uint64_t ms);
+void ReleaseTickCount();
+// The durations of the OsUtilsSleep calls made on the calling thread; with instant sleeps on,
+// OsUtilsSleep returns at once (it is still recorded).
+std::vector<unsigned int> SleepsOfThisThread();
+void SetSleepsInstant(bool instant);
 // Threads started with OsUtilsCreateThread that have not yet returned.
 int RunningThreads();
 bool WaitForThreadsToEnd(int timeoutMs);
@@ -166,7 +178,8 @@ bool WaitForPeripheralIdle(int timeoutMs);
 int DevSignalMonitorCount();
 int CanPortMonitorCount();
 
-// Back to a fresh device: profile, failures, captures, sent messages, counters, clock.
+// Back to a fresh device: profile, failures, captures, sent messages, counters, clock,
+// held tick, recorded threads and sleeps.
 // Clients and threads that are still alive are left alone.
 void Reset();
 

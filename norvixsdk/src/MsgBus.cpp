@@ -70,8 +70,9 @@ struct Bus {
     std::deque<BusMessage> sent;
     uint64_t sentTotal = 0;  // messages ever recorded; sent.front() is number sentTotal - sent.size()
     std::function<void(const BusMessage&)> observer;
-    std::map<const void*, WatchdogEntry> watchdog;  // by client
-    std::map<std::string, uint64_t> feedCounts;     // by client name, kept after the client is gone
+    std::map<const void*, WatchdogEntry> watchdog;      // by client
+    std::map<std::string, uint64_t> feedCounts;         // by client name, kept after the client is gone
+    std::map<std::string, std::set<int>> waitTimeouts;  // MSGWaitForEvent's time-outs, by client name
     std::condition_variable fed;
     uint64_t watchdogTimeoutMs = 10000;
 
@@ -197,6 +198,13 @@ bool HasClient(const std::string& name) {
     return false;
 }
 
+std::set<int> BusWaitTimeouts(const std::string& client) {
+    Bus& bus = TheBus();
+    std::lock_guard<std::mutex> lock(bus.mutex);
+    auto it = bus.waitTimeouts.find(client);
+    return it == bus.waitTimeouts.end() ? std::set<int>() : it->second;
+}
+
 void SetBusWaitsInstant(bool instant) {
     g_instantWaits.store(instant);
 }
@@ -237,6 +245,7 @@ void ResetBus() {
         std::lock_guard<std::mutex> lock(bus.mutex);
         bus.sent.clear();
         bus.feedCounts.clear();
+        bus.waitTimeouts.clear();
         bus.watchdogTimeoutMs = 10000;
         g_instantWaits.store(false);
     }
@@ -340,6 +349,11 @@ unsigned int CMsgClientManage::MSGGenerateSourceId(std::string name) {
 }
 
 int CMsgClientManage::MSGWaitForEvent(int timeoutMs) {
+    {
+        nvx::Bus& bus = nvx::TheBus();
+        std::lock_guard<std::mutex> lock(bus.mutex);
+        bus.waitTimeouts[m_impl->name].insert(timeoutMs);
+    }
     std::deque<Impl::Event> ready;
     {
         std::unique_lock<std::mutex> lock(m_impl->mutex);

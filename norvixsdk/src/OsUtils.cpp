@@ -1,14 +1,19 @@
 // Threads, ticks and sleeps. Every thread started here is counted until its entry returns,
-// so that tests and the host can wait for the device to be quiet.
+// so that tests and the host can wait for the device to be quiet. Tests may hold the tick
+// and make sleeps instant, to pin cadences and stop waits by count instead of by time.
 #include "OsUtils.h"
 
 #include <limits.h>
 #include <time.h>
 
+#include <atomic>
 #include <chrono>
 #include <condition_variable>
+#include <map>
 #include <mutex>
 #include <thread>
+#include <utility>
+#include <vector>
 
 #include "Device.h"
 
@@ -19,7 +24,13 @@ struct ThreadState {
     std::mutex mutex;
     std::condition_variable ended;
     int running = 0;
+    std::vector<std::pair<unsigned int, int>> created;            // stack size, flag
+    std::map<std::thread::id, std::vector<unsigned int>> sleeps;  // OsUtilsSleep durations
 };
+
+std::atomic<bool> g_tickHeld{false};
+std::atomic<uint64_t> g_heldTick{0};
+std::atomic<bool> g_instantSleeps{false};
 
 ThreadState& Threads() {
     static ThreadState* state = new ThreadState;  // never destroyed, see Device.cpp
@@ -58,8 +69,40 @@ bool WaitForThreadsToEnd(int timeoutMs) {
     return t.ended.wait_for(lock, std::chrono::milliseconds(timeoutMs), [&] { return t.running == 0; });
 }
 
+std::vector<std::pair<unsigned int, int>> CreatedThreads() {
+    ThreadState& t = Threads();
+    std::lock_guard<std::mutex> lock(t.mutex);
+    return t.created;
+}
+
+void HoldTickCount(uint64_t ms) {
+    g_heldTick.store(ms);
+    g_tickHeld.store(true);
+}
+
+void ReleaseTickCount() {
+    g_tickHeld.store(false);
+}
+
+std::vector<unsigned int> SleepsOfThisThread() {
+    ThreadState& t = Threads();
+    std::lock_guard<std::mutex> lock(t.mutex);
+    return t.sleeps[std::this_thread::get_id()];
+}
+
+void SetSleepsInstant(bool instant) {
+    g_instantSleeps.store(instant);
+}
+
 namespace detail {
-void ResetThreads() {}
+void ResetThreads() {
+    ThreadState& t = Threads();
+    std::lock_guard<std::mutex> lock(t.mutex);
+    t.created.clear();
+    t.sleeps.clear();
+    g_tickHeld.store(false);
+    g_instantSleeps.store(false);
+}
 }  // namespace detail
 
 }  // namespace nvx
@@ -67,6 +110,11 @@ void ResetThreads() {}
 int OsUtilsCreateThread(pthread_t* handle, OsUtilsThreadEntry entry, void* arg, unsigned int stackSize,
                         int flag) {
     nvx::detail::CountCall("OsUtilsCreateThread");
+    {
+        nvx::ThreadState& t = nvx::Threads();
+        std::lock_guard<std::mutex> lock(t.mutex);
+        t.created.emplace_back(stackSize, flag);
+    }
     if (entry == nullptr) {
         return -1;
     }
@@ -105,6 +153,9 @@ int OsUtilsCreateThread(pthread_t* handle, OsUtilsThreadEntry entry, void* arg, 
 }
 
 unsigned long long OsUtilsGetTickCount(void) {
+    if (nvx::g_tickHeld.load()) {
+        return nvx::g_heldTick.load();
+    }
     struct timespec now;
     clock_gettime(CLOCK_MONOTONIC, &now);
     return static_cast<unsigned long long>(now.tv_sec) * 1000ULL +
@@ -112,6 +163,14 @@ unsigned long long OsUtilsGetTickCount(void) {
 }
 
 void OsUtilsSleep(unsigned int ms) {
+    {
+        nvx::ThreadState& t = nvx::Threads();
+        std::lock_guard<std::mutex> lock(t.mutex);
+        t.sleeps[std::this_thread::get_id()].push_back(ms);
+    }
+    if (nvx::g_instantSleeps.load()) {
+        return;
+    }
     std::this_thread::sleep_for(std::chrono::milliseconds(ms));
 }
 
