@@ -148,6 +148,7 @@ TEST_F(ServiceObject, StartRunsTheMainCycleAndStopEndsIt) {
     EXPECT_EQ(nvx::CallCount("JQ_SDK_Global_StartService"), 1u);
     EXPECT_EQ(nvx::CreatedThreads(), (std::vector<std::pair<unsigned int, int>>{{0x80000, 1}}));
     EXPECT_EQ(nvx::BusWaitTimeouts("truckbusiness.02"), std::set<int>{50});
+    EXPECT_EQ(nvx::ClientDepthAsked("truckbusiness.02"), 30u);
 
     EXPECT_EQ(JQ_SDK_Service_Stop(&param), 0);
     EXPECT_EQ(param.ucRunning.load(), 0);
@@ -173,6 +174,13 @@ TEST_F(MainCycle, RunsOnWithoutTheBasicSdk) {
     ASSERT_EQ(JQ_SDK_Service_Start(&param), 0);
     EXPECT_TRUE(Eventually([&] { return param.ucRunning.load() == 1; }));
     EXPECT_TRUE(Logged("TRUCK", 0, "JQ_SDK_Basic_Initialize failed.\n"));
+    int initSteps = 0;  // the peripheral block and the system configuration come first
+    for (const nvx::LogLine& line : nvx::CapturedLogs()) {
+        initSteps +=
+            line.text.rfind("load peripheral config file[/usr/local/cfg/serialconfig.bsn] ", 0) == 0 ||
+            line.text.rfind("Get system config json ", 0) == 0;
+    }
+    EXPECT_EQ(initSteps, 2);
     EXPECT_EQ(CTruckService::ServeGetInstance()->ServeGetManage()->GetBasicSDKHandle(), nullptr);
     EXPECT_EQ(JQ_SDK_Service_Stop(&param), 0);
     EXPECT_EQ(nvx::CallCount("JQ_SDK_Basic_Deinitialize"), 0u);
@@ -216,6 +224,7 @@ TEST_F(Business, SharedThreadRunsCallbacksAndCyclesOnTheCallersTicks) {
         EXPECT_EQ(business.uninits.load(), 1);
         EXPECT_TRUE(nvx::SleepsOfThisThread().empty()) << "nothing to wait for";
     }
+    EXPECT_TRUE(nvx::HasClient("truckbusiness.02")) << "the manager's client outlives the business";
     manage->basic_release();
 }
 
@@ -233,6 +242,8 @@ TEST_F(Business, OwnThreadRunsInitCallbacksEventsAndCyclesOnItsThread) {
     EXPECT_EQ(business->business_start(), 0);
     EXPECT_TRUE(Eventually([&] { return business->business_get_thread_state() == 1; }));
     EXPECT_TRUE(nvx::HasClient("own_probe")) << "an own-thread business makes its own client";
+    EXPECT_EQ(nvx::ClientDepthAsked("own_probe"), 30u);
+    EXPECT_EQ(business->SourceId(), nvx::SourceIdOf("own_probe"));
     EXPECT_TRUE(Eventually([&] { return business->cycles.load() >= 3; }));
     EXPECT_TRUE(nvx::WaitForWatchdogFeeds("own_probe", 3, kGenerousMs));
     bool named = false;
@@ -264,6 +275,7 @@ TEST_F(Business, OwnThreadRunsInitCallbacksEventsAndCyclesOnItsThread) {
     ASSERT_TRUE(manage->basic_register_business(5, business) == 0);
     manage->basic_release();
     EXPECT_TRUE(nvx::WaitForThreadsToEnd(kGenerousMs));
+    EXPECT_FALSE(nvx::HasClient("own_probe")) << "its client goes with it";
 }
 
 TEST_F(MainCycle, DrivesSharedBusinessesAndLeavesOwnThreadsAlone) {

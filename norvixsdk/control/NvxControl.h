@@ -64,6 +64,8 @@ uint32_t SourceIdOf(const std::string& name);
 // Number of clients alive on the bus, and whether one of that name exists.
 int LiveClientCount();
 bool HasClient(const std::string& name);
+// The depth that a live client of that name was constructed with; 0 when there is none.
+unsigned int ClientDepthAsked(const std::string& name);
 // Every distinct time-out that the client of that name has given MSGWaitForEvent.
 std::set<int> BusWaitTimeouts(const std::string& client);
 // Let MSGWaitForEvent return at once instead of waiting out its time-out.

@@ -22,6 +22,7 @@
 struct CMsgClientManage::Impl {
     std::string name;
     size_t depth = 0;
+    unsigned int depthAsked = 0;  // as the client was constructed, before the floor below
     std::mutex mutex;
     std::condition_variable arrived;
     struct Event {
@@ -205,6 +206,17 @@ std::set<int> BusWaitTimeouts(const std::string& client) {
     return it == bus.waitTimeouts.end() ? std::set<int>() : it->second;
 }
 
+unsigned int ClientDepthAsked(const std::string& name) {
+    Bus& bus = TheBus();
+    std::lock_guard<std::mutex> lock(bus.mutex);
+    for (const CMsgClientManage::Impl* client : bus.clients) {
+        if (client->name == name) {
+            return client->depthAsked;
+        }
+    }
+    return 0;
+}
+
 void SetBusWaitsInstant(bool instant) {
     g_instantWaits.store(instant);
 }
@@ -328,6 +340,7 @@ CMsgClientManage::CMsgClientManage(const char* name, unsigned int depth, MsgClie
     m_impl->name = name != nullptr ? name : "";
     // The system gives every client 30; the stand-in keeps a generous floor so that a burst
     // of injected test events is never lost to a small queue.
+    m_impl->depthAsked = depth;
     m_impl->depth = depth > nvx::kDefaultDepth ? depth : nvx::kDefaultDepth;
     nvx::Bus& bus = nvx::TheBus();
     std::lock_guard<std::mutex> lock(bus.mutex);
