@@ -52,6 +52,7 @@ TEST_F(BusinessLoading, OnlyTheLowerCaseStringTrueEnablesAnElement) {
            {"BUSINESS_ENABLE": 1, "BUSINESS_ID": 3},
            {"BUSINESS_ID": 4},
            {"BUSINESS_ENABLE": "true", "BUSINESS_ID": "7"},
+           {"BUSINESS_ENABLE": "true", "BUSINESS_ID": 2147483648}, {"BUSINESS_ENABLE": "true", "BUSINESS_ID": 7.5},
            {"BUSINESS_ENABLE": "true"},
            "true", 17,
            {"BUSINESS_ENABLE": "true", "BUSINESS_ID": 7})"));

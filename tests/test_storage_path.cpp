@@ -140,7 +140,7 @@ TEST_F(StoragePath, ReadersAlwaysSeeOneWholeMountPath) {
 TEST_F(StoragePath, PeripheralBlockTakesWhatTheFileHasAndNeverReadsPastItsEnd) {
     auto load = [&](const std::string& bytes) {
         WriteDeviceFile("/usr/local/cfg/serialconfig.bsn", bytes);
-        manage->basic_load_peripheral_config();
+        EXPECT_EQ(manage->basic_load_peripheral_config(), 0);
         return std::string(reinterpret_cast<char*>(manage->basic_get_peripheral_config()), 7716);
     };
     const std::string zero(7716, '\0');
