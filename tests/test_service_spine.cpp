@@ -184,6 +184,14 @@ TEST_F(MainCycle, RunsOnWithoutTheBasicSdk) {
     EXPECT_EQ(CTruckService::ServeGetInstance()->ServeGetManage()->GetBasicSDKHandle(), nullptr);
     EXPECT_EQ(JQ_SDK_Service_Stop(&param), 0);
     EXPECT_EQ(nvx::CallCount("JQ_SDK_Basic_Deinitialize"), 0u);
+
+    tagGlobalConfig config = MakeGlobalConfig();
+    auto* manage = new CTruckServiceManage(&config);
+    EXPECT_EQ(manage->basic_init(), -1);
+    nvx::SetBasicInitFails(false);
+    EXPECT_EQ(manage->basic_init(), 0);
+    JQ_SDK_Basic_Deinitialize(manage->GetBasicSDKHandle());
+    manage->basic_release();
 }
 
 TEST_F(Business, SharedThreadRunsCallbacksAndCyclesOnTheCallersTicks) {
@@ -276,6 +284,7 @@ TEST_F(Business, OwnThreadRunsInitCallbacksEventsAndCyclesOnItsThread) {
     manage->basic_release();
     EXPECT_TRUE(nvx::WaitForThreadsToEnd(kGenerousMs));
     EXPECT_FALSE(nvx::HasClient("own_probe")) << "its client goes with it";
+    EXPECT_FALSE(Logged("TRUCK", 2, "Create business thread failed\n"));
 }
 
 TEST_F(MainCycle, DrivesSharedBusinessesAndLeavesOwnThreadsAlone) {
