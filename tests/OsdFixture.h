@@ -18,6 +18,7 @@
 #include "CycleRunner.h"
 #include "OsdDecode.h"
 #include "TestSupport.h"
+#include "TruckOsdService.h"
 
 class OsdBusiness : public ManagerOnDevice {
 protected:
@@ -101,6 +102,21 @@ protected:
         b.insert(b.end(), text.begin(), text.end());
         return b;
     }
+    // A business of the test's own, outside the manager's cycle: its operations run on the
+    // test's thread, and what they send is on the bus when they return.
+    std::unique_ptr<CTruckOsdService> Direct(uint32_t customerType = 0) {
+        Json::Value none;
+        char name[] = "truckosd_direct";
+        auto business =
+            std::make_unique<CTruckOsdService>(manage, manage->basic_get_msg_client(), 7, name, 0, none);
+        business->m_customerType = customerType;
+        return business;
+    }
+    // Hands a business a parameter document as its queue does.
+    static void Apply(CTruckOsdService& business, const std::string& doc) {
+        std::vector<AsynCallbackParaNode_t> nodes{{doc.data(), static_cast<int>(doc.size()), 0}};
+        business.OSDEventHandle(nodes);
+    }
     static int Inject(int event, const Bytes& b) { return nvx::InjectBusEvent(event, b.data(), b.size()); }
     static void InjectSignal(const std::string& text) { nvx::InjectDevSignal(text.data(), text.size()); }
     static void InjectCan(const Bytes& b) { nvx::InjectCanRecord(b.data(), b.size()); }
@@ -118,11 +134,17 @@ protected:
     static std::vector<Overlay> Overlays(uint8_t kind) {
         std::vector<Overlay> out;
         for (const Bytes& payload : Payloads(osd::kEventOverlay)) {
-            if (osd::DecodeOverlay(payload).kind == kind) {
-                out.push_back(osd::DecodeOverlay(payload));
+            const Overlay o = osd::DecodeOverlay(payload);
+            EXPECT_EQ(o.problem, "");
+            if (o.kind == kind) {
+                out.push_back(o);
             }
         }
         return out;
+    }
+    static Overlay Last(uint8_t kind) {
+        const std::vector<Overlay> all = Overlays(kind);
+        return all.empty() ? Overlay() : all.back();
     }
     // Waits for an overlay of a kind that satisfies `want` (one already sent counts) and checks
     // every byte of it.
@@ -142,9 +164,11 @@ protected:
         return WaitOverlay(kind, [&](const Overlay& o) { return !o.cancel && o.text == text; });
     }
     // The pattern's '#' stands for any one digit.
+    static bool Like(const std::string& text, const std::string& pattern) {
+        return std::regex_match(text, std::regex(std::regex_replace(pattern, std::regex("#"), "[0-9]")));
+    }
     static bool WaitLike(uint8_t kind, const std::string& pattern) {
-        const std::regex like(std::regex_replace(pattern, std::regex("#"), "[0-9]"));
-        return WaitOverlay(kind, [&](const Overlay& o) { return std::regex_match(o.text, like); });
+        return WaitOverlay(kind, [&](const Overlay& o) { return Like(o.text, pattern); });
     }
     // Waits for `count` further date/time lines. With two or more, a whole cycle began after
     // the call: whatever was handed to the business before it has been taken in.

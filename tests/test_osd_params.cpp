@@ -1,23 +1,28 @@
 // The OSD business and the parameter store: nothing is overlaid before both groups are in, a
-// change of positions reaches the lines at the next cycle, and switching the watermark on
-// rewrites the layout. No other test here names the watermark switch: the first one a process
-// sees only sets.
-#include <chrono>
+// document's positions reach the lines, and switching the watermark on rewrites the layout.
+// Only the last test names the watermark switch: the first one a process sees only sets.
+#include <atomic>
 #include <mutex>
 #include <string>
 #include <vector>
 
+#include "HCTimeWheel.h"
 #include "OsdFixture.h"
 
 using namespace osd;
-using std::chrono::steady_clock;
 
 namespace {
 
 const char kTimep[] = R"("TIMEP":{"TIMEZ":"480","DATEM":1},)";
+// Every position and the font distinct, so that no two can be mistaken for each other.
+const char kPlaces[] =
+    R"("EOSD":[{"TX":101,"TY":21,"TFS":3,"SX":901,"SY":41,"COSD":[{"X":401,"Y":81,"EN":1}]}])";
 
-long long Ms(steady_clock::time_point from, steady_clock::time_point to) {
-    return std::chrono::duration_cast<std::chrono::milliseconds>(to - from).count();
+std::string Places(int sevenX, int time, int sy) {
+    return "m_OSDX_Seven = " + std::to_string(sevenX) +
+           ", m_OSDY_Seven = 81, m_OSD_EN = 1,\tm_OSDX_Time = " + std::to_string(time) +
+           ", m_OSDY_Time = 21, m_ucFontSize:3, m_OSDX_Speed = 901, m_OSDY_Speed = " + std::to_string(sy) +
+           "\n";
 }
 
 class OsdParams : public OsdBusiness {
@@ -28,35 +33,106 @@ protected:
         nvx::SetParamWriteObserver(nullptr);
     }
     std::mutex m_mutex;
-    std::vector<std::pair<std::string, steady_clock::time_point>> m_writes;
+    std::vector<std::pair<std::string, size_t>> m_writes;  // with the time lines sent before each
 };
 
 }  // namespace
 
-TEST_F(OsdParams, NoLineIsSentUntilBothGroupsArriveAndTheRequestIsRepeatedEveryTwoSeconds) {
-    Start(Doc(std::string(kTimep) + R"("EOSD":{"TX":5})"));  // not an array: not received
+TEST_F(OsdParams, TheCycleWaitsForBothGroupsRetriesEveryTwoSecondsAndShiftsTheWheelOnceASecond) {
+    auto business = Direct();
     auto requests = [] { return nvx::CallCount("JQ_SDK_Global_GetParameter"); };
-    ASSERT_TRUE(Eventually([&] { return requests() >= 2; }));
-    const steady_clock::time_point second = steady_clock::now();
-    ASSERT_TRUE(Eventually([&] { return requests() >= 3; }));
-    EXPECT_GE(Ms(second, steady_clock::now()), 1900);
+    TimeWheel* wheel = TimeWheel::GetInstance();
+    // A clock of the test's own, far from any stamp of an earlier cycle: the first call takes
+    // it as the last request whether or not it is the process's first.
+    const unsigned long long t0 = 1ULL << 40;
+    business->business_cycle_running(t0);
+    uint64_t asked = requests();
+    // Each step: the time of the call, whether it asks again (pending) or shifts the wheel.
+    const std::pair<unsigned long long, bool> pending[] = {
+        {1999, false}, {2000, true}, {3999, false}, {4000, true}};
+    for (const auto& step : pending) {
+        business->business_cycle_running(t0 + step.first);
+        EXPECT_EQ(requests(), asked + step.second) << step.first;
+        asked = requests();
+    }
+    Apply(*business, Doc(std::string(kTimep) + R"("EOSD":{"TX":5})"));  // the positions not yet
+    business->business_cycle_running(t0 + 6000);
+    EXPECT_EQ(requests(), asked + 1);
     EXPECT_TRUE(Overlays(kTime).empty() && Overlays(kSpeed).empty());
 
-    ASSERT_EQ(nvx::SetParameterDocument(Doc(kEosd)), 0);
-    EXPECT_TRUE(WaitOverlay(kTime, [](const Overlay& o) { return o.x == 100 && o.y == 20; }));
+    Apply(*business, Doc(kPlaces));
+    const std::pair<unsigned long long, bool> running[] = {{10000, true},  {10999, false}, {11000, true},
+                                                           {11500, false}, {11999, false}, {12000, true}};
+    for (const auto& step : running) {
+        const uint32_t slot = wheel->GetCurrent();
+        business->business_cycle_running(t0 + step.first);
+        EXPECT_EQ(wheel->GetCurrent() != slot, step.second) << step.first;
+    }
+    EXPECT_EQ(requests(), asked + 1);
+    EXPECT_EQ(Overlays(kTime).size(), 6u);
+    EXPECT_EQ(Overlays(kSpeed).size(), 6u);
+    const Overlay time = Last(kTime), speed = Last(kSpeed);
+    EXPECT_TRUE(time.mask == 0x3F && time.x == 101 && time.y == 21 && time.font == 3);
+    EXPECT_TRUE(speed.mask == 0x3F && speed.x == 901 && speed.y == 41 && speed.font == 3);
+    business->m_productType = 113;  // no speed line, the time line all the same
+    business->business_cycle_running(t0 + 12500);
+    EXPECT_EQ(Overlays(kTime).size(), 7u);
+    EXPECT_EQ(Overlays(kSpeed).size(), 6u);
+}
+
+TEST_F(OsdParams, ADocumentIsTakenFromItsFirstNodeTheTimeGroupFirstAbsentMembersKept) {
+    auto business = Direct();
+    std::vector<AsynCallbackParaNode_t> none;
+    business->OSDEventHandle(none);
+    const std::string both = Doc(R"("TIMEP":{"TIMEZ":"-300"},)" + std::string(kPlaces));
+    const std::string second = Doc(R"("EOSD":[{"TX":7}])");
+    std::vector<AsynCallbackParaNode_t> nodes{{both.data(), static_cast<int>(both.size()), 0},
+                                              {second.data(), static_cast<int>(second.size()), 0}};
+    business->OSDEventHandle(nodes);
+    // The label, still switched off, is cancelled at the old place; then it shows at the new one.
+    std::vector<Overlay> seven = Overlays(kSeven);
+    ASSERT_EQ(seven.size(), 2u);
+    EXPECT_TRUE(seven[0].cancel && seven[0].mask == 0x3F && seven[0].x == 400 && seven[0].y == 80);
+    EXPECT_TRUE(seven[1].text == "GMT-05:00" && seven[1].mask == 0x3F && seven[1].x == 401 &&
+                seven[1].y == 81 && seven[1].font == 3);
+    EXPECT_TRUE(Logged("TRUCK", 1, Places(401, 101, 41)));
+
+    // A member that is not a number reads as 0; without "COSD" the others are still taken.
+    Apply(*business, Doc(R"("EOSD":[{"TX":102,"COSD":[{"X":"left"}]}])"));
+    EXPECT_TRUE(Logged("TRUCK", 1, Places(0, 102, 41)));
+    Apply(*business, Doc(R"("EOSD":[{"SY":42}])"));
+    EXPECT_TRUE(Logged("TRUCK", 1, Places(0, 102, 42)));
+    EXPECT_EQ(Last(kSeven).text, "GMT-05:00");
+    EXPECT_EQ(Overlays(kSeven).size(), 4u);
+
+    // Refused whole: no group, no array, an empty one, a text that is not a document, none.
+    const size_t lines = nvx::CapturedLogs().size();
+    for (const char* doc : {R"({"PARAMETER":{"OTHER":{}}})", R"({"MDVR":{"EOSD":[{"TX":1}]}})"}) {
+        Apply(*business, doc);
+    }
+    Apply(*business, Doc(R"("EOSD":{"TX":1})"));
+    Apply(*business, Doc(R"("EOSD":[])"));
+    EXPECT_EQ(nvx::CapturedLogs().size(), lines);
+    Apply(*business, "{\"P");
+    EXPECT_TRUE(Logged("TRUCK", 0, "parse param json error, length = 3\n"));
+    for (const AsynCallbackParaNode_t& node : {AsynCallbackParaNode_t{nullptr, 5, 0}, {"{}", 0, 0}}) {
+        nodes = {node};
+        business->OSDEventHandle(nodes);
+        EXPECT_TRUE(Logged("TRUCK", 0, "parse param error, length = " + std::to_string(node.iLen) + "\n"));
+    }
+    EXPECT_EQ(Overlays(kSeven).size(), 4u);
 }
 
 TEST_F(OsdParams, APositionChangeReachesEveryLineAtTheNextCycle) {
     Start(Doc(kTimep + std::string(kEosd)));
-    // All eight channels, each line at its place in the font of the group.
-    EXPECT_TRUE(
-        WaitOverlay(kTime, [](const Overlay& o) { return o.mask == 0x3F && o.x == 100 && o.y == 20; }));
-    EXPECT_TRUE(WaitOverlay(kSpeed, [](const Overlay& o) {
-        return o.text == "0KM/H" && o.mask == 0x3F && o.x == 900 && o.y == 40 && o.font == 2;
-    }));
     EXPECT_TRUE(WaitOverlay(kSeven, [](const Overlay& o) {
         return o.text == "GMT+08:00" && o.mask == 0x3F && o.x == 400 && o.y == 80 && o.font == 2;
     }));
+    const std::string groups = R"({"EOSD":"?","TIMEP":"?"})";
+    EXPECT_EQ(nvx::ParamGetRequests().at(0), R"({"PARAMETER":{"MDVR":)" + groups + "}}\n");
+    EXPECT_EQ(nvx::ParamListenRequests().at(0), groups + "\n");
+    EXPECT_TRUE(
+        Logged("TRUCK", 1, "m_videoInNum = 4, m_videoIpNum = 2, m_customerType = 0, m_productType = 20\n"));
 
     const std::string moved =
         R"("EOSD":[{"TX":222,"TY":33,"TFS":3,"SX":555,"SY":66,"COSD":[{"X":410,"Y":90}]}])";
@@ -64,63 +140,65 @@ TEST_F(OsdParams, APositionChangeReachesEveryLineAtTheNextCycle) {
     ASSERT_TRUE(WaitOverlay(kTime, [](const Overlay& o) { return o.x == 222; }));
     // The label is re-sent while the document is applied: every line after it is in place.
     bool applied = false;
-    for (const Bytes& payload : Payloads(kEventOverlay)) {
-        const Overlay o = DecodeOverlay(payload);
+    for (const nvx::BusMessage& m : nvx::SentMessages()) {
+        const Overlay o = m.event == kEventOverlay ? DecodeOverlay(m.payload) : Overlay();
+        EXPECT_TRUE(o.kind == 0xFF || (m.source == nvx::SourceIdOf("truckosd") && m.flag == 0));
         applied = applied || (o.kind == kSeven && o.x == 410 && o.y == 90 && o.font == 3);
         if (applied && o.kind == kTime) {
-            EXPECT_TRUE(o.x == 222 && o.y == 33 && o.font == 3);
+            EXPECT_TRUE(o.x == 222 && o.y == 33 && o.font == 3 && o.mask == 0x3F);
         } else if (applied && o.kind == kSpeed) {
-            EXPECT_TRUE(o.x == 555 && o.y == 66 && o.font == 3);
+            EXPECT_TRUE(o.x == 555 && o.y == 66 && o.font == 3 && o.text == "0KM/H");
         }
     }
     EXPECT_TRUE(applied);
-
-    // Switched off, the line is cancelled in place; switched on again, its text comes back.
-    nvx::ClearSentMessages();
-    ASSERT_EQ(nvx::SetParameterDocument(Doc(R"("EOSD":[{"COSD":[{"EN":0}]}])")), 0);
-    EXPECT_TRUE(WaitOverlay(kSeven, [](const Overlay& o) {
-        return o.cancel && o.mask == 0x3F && o.x == 410 && o.y == 90 && o.font == 3;
-    }));
-    ASSERT_EQ(nvx::SetParameterDocument(Doc(R"("EOSD":[{"COSD":[{"EN":1}]}])")), 0);
-    EXPECT_TRUE(WaitText(kSeven, "GMT+08:00"));
 }
 
 TEST_F(OsdParams, SwitchingTheWatermarkOnWritesTheNormalThenTheWatermarkLayout) {
     nvx::SetParamWriteObserver([this](const std::string& text) {
+        const size_t lines = Overlays(kTime).size();
         std::lock_guard<std::mutex> lock(m_mutex);
-        m_writes.emplace_back(text, steady_clock::now());
+        m_writes.emplace_back(text, lines);
     });
     Start(Doc(kTimep + std::string(R"("EOSD":[{"WME":1,"TX":100,"COSD":[{"X":400,"Y":80,"EN":1}]}])")));
     ASSERT_TRUE(WaitOverlay(kTime, [](const Overlay& o) { return o.x == 100; }));
     const std::string off = Doc(R"("EOSD":[{"WME":0,"TX":101}])");
     ASSERT_EQ(nvx::SetParameterDocument(off), 0);
     ASSERT_TRUE(WaitOverlay(kTime, [](const Overlay& o) { return o.x == 101; }));
+    const std::string odd = Doc(R"("EOSD":[{"WME":2,"TX":102}])");  // only 1 switches it on
+    ASSERT_EQ(nvx::SetParameterDocument(odd), 0);
+    ASSERT_TRUE(WaitOverlay(kTime, [](const Overlay& o) { return o.x == 102; }));
     // The positions of the switching document are not taken: the layouts' follow.
     const std::string on = Doc(R"("EOSD":[{"WME":1,"TX":777,"COSD":[{"X":777}]}])");
     ASSERT_EQ(nvx::SetParameterDocument(on), 0);
     EXPECT_TRUE(WaitOverlay(kTime, [](const Overlay& o) { return o.x == 250 && o.y == 768; }));
     EXPECT_TRUE(WaitOverlay(kSpeed, [](const Overlay& o) { return o.x == 610 && o.y == 768; }));
     EXPECT_TRUE(WaitOverlay(kSeven, [](const Overlay& o) { return o.x == 180 && o.y == 768; }));
+    for (const char* change : {"isFirst:1, m_ucWaterEn:[0]->[1].\n", "isFirst:0, m_ucWaterEn:[1]->[0].\n",
+                               "isFirst:0, m_ucWaterEn:[0]->[2].\n", "isFirst:0, m_ucWaterEn:[2]->[1].\n"}) {
+        EXPECT_TRUE(Logged("TRUCK", 1, change)) << change;
+    }
 
     // The first switch seen only set; the store's notices of the layouts write nothing more.
     std::lock_guard<std::mutex> lock(m_mutex);
-    ASSERT_EQ(m_writes.size(), 4u);
+    ASSERT_EQ(m_writes.size(), 5u);
     EXPECT_EQ(m_writes[0].first, off);
-    EXPECT_EQ(m_writes[1].first, on);
+    EXPECT_EQ(m_writes[2].first, on);
     EXPECT_EQ(
-        Parse(m_writes[2].first),
+        Parse(m_writes[3].first),
         Parse(Doc(R"("EOSD":[{"COSD":[{"X":400,"Y":80},{"X":15,"Y":380}],"DX":30,"DY":180,"GX":35,)"
                   R"("GY":700,"NX":30,"NY":105,"SX":1024,"SY":30,"TX":300,"TY":30,"VX":30,"VY":35}])")));
     EXPECT_EQ(
-        Parse(m_writes[3].first),
+        Parse(m_writes[4].first),
         Parse(Doc(R"("EOSD":[{"COSD":[{"X":180,"Y":768},{"X":1024,"Y":768}],"DX":465,"DY":768,"GX":0,)"
                   R"("GY":768,"NX":545,"NY":768,"SX":610,"SY":768,"TX":250,"TY":768,"VX":385,"VY":768}])")));
-    EXPECT_GE(Ms(m_writes[2].second, m_writes[3].second), 900) << "two wheel shifts come between";
-    bool normalShown = false;
+    // The timer runs on the second shift of a wheel shifted every other cycle: two or three
+    // time lines come between the layouts.
+    const size_t between = m_writes[4].second - m_writes[3].second;
+    EXPECT_TRUE(between == 2 || between == 3) << between;
+    EXPECT_TRUE(Logged("TRUCK", 1,
+                       "m_OSDX_Seven = 400, m_OSDY_Seven = 80, m_OSD_EN = 1,\tm_OSDX_Time = 300, "
+                       "m_OSDY_Time = 30, m_ucFontSize:0, m_OSDX_Speed = 1024, m_OSDY_Speed = 30\n"));
     for (const Bytes& payload : Payloads(kEventOverlay)) {
-        const Overlay o = DecodeOverlay(payload);
-        EXPECT_NE(o.x, 777);
-        normalShown = normalShown || (o.kind == kTime && o.x == 300 && o.y == 30);
+        EXPECT_NE(DecodeOverlay(payload).x, 777);
     }
-    EXPECT_TRUE(normalShown);
 }

@@ -7,36 +7,20 @@
 #include <vector>
 
 #include "OsdFixture.h"
-#include "TruckOsdService.h"
 
 using namespace osd;
 
 namespace {
 
-// Second Sunday of March 02:30:15 standard time to first Sunday of November 02:00 daylight time.
-const char kNorthern[] = R"({"SW":1,"DSTM":1,"DSTS":1,"SMON":2,"SWEEK":2,"SH":2,"SM":30,"SS":15,"EMON":10,)"
-                         R"("EWEEK":1,"EH":2})";
+// Second Tuesday of March 02:30:15 standard time to the last Friday of October 03:45:50
+// daylight time, two hours on; only the low four bits of a weekday count.
+const char kNorthern[] = R"({"SW":1,"DSTM":1,"DSTS":2,"SMON":2,"SWEEK":2,"SWIND":18,"SH":2,"SM":30,"SS":15,)"
+                         R"("EMON":9,"EWEEK":5,"EWIND":5,"EH":3,"EM":45,"ES":50})";
 
 class OsdTime : public OsdBusiness {
 protected:
     OsdTime() : OsdBusiness("truck_osd_time") {}
-    // Each step changes the time group and/or the clock, then waits for the line it gives.
-    struct Step {
-        const char* timep;
-        time_t clock;
-        const char* shown;
-    };
-    void Walk(const std::vector<Step>& steps) {
-        for (const Step& step : steps) {
-            if (step.timep != nullptr) {
-                ASSERT_EQ(nvx::SetParameterDocument(Doc(std::string(R"("TIMEP":)") + step.timep)), 0);
-            }
-            if (step.clock != 0) {
-                nvx::SetWallClock(step.clock);
-            }
-            EXPECT_TRUE(WaitLike(kTime, step.shown)) << step.shown;
-        }
-    }
+    static std::string Timep(const std::string& timep) { return Doc(R"("TIMEP":)" + timep); }
 };
 
 // "YYYY-MM-DD hh:mm:ss" of this century.
@@ -50,49 +34,101 @@ tagDateTime Date(const std::string& text) {
 
 }  // namespace
 
-TEST_F(OsdTime, DateFormatsAndTheTwelveHourClockAroundMidnightAndNoon) {
-    nvx::SetWallClock(Clock(2024, 7, 3, 0, 5, 9));
-    Start(Doc(R"("TIMEP":{"TIMEZ":"480","DATEM":0,"TIMEM":1},)" + std::string(kEosd)));
-    Walk({{nullptr, 0, "07/03/2024 12:05:## AM"},
-          {nullptr, Clock(2024, 7, 3, 12, 0, 0), "07/03/2024 12:00:## PM"},
-          {nullptr, Clock(2024, 7, 3, 13, 30, 0), "07/03/2024 01:30:## PM"},
-          {R"({"DATEM":2})", Clock(2024, 7, 3, 11, 59, 0), "03/07/2024 11:59:## AM"},
-          {R"({"DATEM":1,"TIMEM":0})", Clock(2024, 7, 3, 13, 31, 0), "2024-07-03 13:31:##"},
-          {R"({"DATEM":7})", Clock(2024, 12, 31, 0, 7, 0), "2024-12-31 00:07:##"}});
+TEST_F(OsdTime, EveryDateFormatAndTheTwelveHourClockAroundMidnightAndNoon) {
+    auto business = Direct();
+    struct Row {
+        const char* timep;  // formats changed before the row, or none
+        const char* date;
+        const char* shown;
+    };
+    const Row rows[] = {
+        {R"({"DATEM":0,"TIMEM":1})", "2024-07-03 00:05:09", "07/03/2024 12:05:09 AM"},
+        {nullptr, "2024-07-03 01:00:00", "07/03/2024 01:00:00 AM"},
+        {nullptr, "2024-07-03 11:59:59", "07/03/2024 11:59:59 AM"},
+        {nullptr, "2024-07-03 12:00:00", "07/03/2024 12:00:00 PM"},
+        {nullptr, "2024-12-31 23:59:59", "12/31/2024 11:59:59 PM"},
+        {R"({"DATEM":2})", "2024-07-03 13:30:00", "03/07/2024 01:30:00 PM"},  // the clock's format kept
+        {R"({"DATEM":1,"TIMEM":0})", "2024-07-03 00:05:09", "2024-07-03 00:05:09"},
+        {R"({"DATEM":3,"TIMEM":2})", "2099-01-02 13:04:05", "2099-01-02 13:04:05"},
+        {R"({"DATEM":"2","TIMEM":"1"})", "2024-07-03 13:30:00", "07/03/2024 13:30:00"},  // not numbers: 0
+    };
+    char out[128];
+    for (const Row& row : rows) {
+        if (row.timep != nullptr) {
+            Apply(*business, Timep(row.timep));
+        }
+        EXPECT_EQ(business->FormatTimeTxt(Date(row.date), out, sizeof(out)), 0);
+        EXPECT_STREQ(out, row.shown);
+    }
+    EXPECT_TRUE(Logged("TRUCK", 3, "date_time_str = 07/03/2024, txt = 07/03/2024 13:30:00\n"));
+    EXPECT_EQ(business->FormatTimeTxt(Date("2024-07-03 13:30:00"), out, 6), 0);
+    EXPECT_STREQ(out, "07/03");
+    EXPECT_EQ(business->FormatTimeTxt(Date("2024-07-03 13:30:00"), nullptr, 6), 0);
 }
 
-TEST_F(OsdTime, UtcModeShowsTheClockPlusTheExtraOffsetAndLabelsTheInputsOnly) {
+TEST_F(OsdTime, TheLabelAndTheOffsetOfEachZoneAndTheChannelsOfUtcMode) {
+    auto business = Direct();
+    Apply(*business, Doc(kEosd));
     nvx::SetWallClock(Clock(2024, 7, 3, 2, 0, 5));
-    Start(Doc(R"("TIMEP":{"TIMEZ":"0","TIMEZEX":"-330","DATEM":1},)" + std::string(kEosd)));
-    // The label goes to the four analog inputs; the two IP channels after them get an empty line.
-    EXPECT_TRUE(
-        WaitOverlay(kSeven, [](const Overlay& o) { return o.text == "GMT-05:30" && o.mask == 0x0F; }));
-    EXPECT_TRUE(
-        WaitOverlay(kSeven, [](const Overlay& o) { return o.mask == 0x30 && !o.cancel && o.text.empty(); }));
-    Walk({{nullptr, 0, "2024-07-02 20:30:##"},
-          {R"({"TIMEZEX":"570"})", 0, "2024-07-03 11:30:##"},
-          {R"({"TIMEZEX":"-30"})", 0, "2024-07-03 01:30:##"},
-          // ENU 0 turns UTC mode off although TIMEZ is 0, ENU 1 on although it is not.
-          {R"({"ENU":0})", 0, "2024-07-03 02:00:##"},
-          {R"({"TIMEZ":"-300","TIMEZEX":"600","ENU":1})", 0, "2024-07-03 12:00:##"}});
-    for (const char* label : {"GMT+09:30", "GMT+00:00", "GMT+10:00"}) {
-        EXPECT_TRUE(WaitOverlay(kSeven, [&](const Overlay& o) { return o.text == label && o.mask == 0x0F; }))
-            << label;
+    struct Row {
+        const char* timep;
+        const char* shown;  // the time line
+        const char* label;  // on the channels of the mask
+        uint32_t mask;      // 0x0F: UTC mode, the IP channels emptied first
+    };
+    const Row rows[] = {
+        {R"({"TIMEZ":"480"})", "07/03/2024 02:00:##", "GMT+08:00", 0x3F},
+        {R"({"TIMEZ":"-330"})", "07/03/2024 02:00:##", "GMT-05:30", 0x3F},
+        {R"({"TIMEZ":"45"})", "07/03/2024 02:00:##", "GMT+00:00", 0x3F},
+        {R"({"TIMEZ":"-45"})", "07/03/2024 02:00:##", "GMT+00:00", 0x3F},
+        {R"({"TIMEZ":"65616"})", "07/03/2024 02:00:##", "GMT+01:20", 0x3F},  // 16 bits of minutes
+        {R"({"TIMEZ":"0","TIMEZEX":"-330"})", "07/02/2024 20:30:##", "GMT-05:30", 0x0F},
+        {R"({"TIMEZ":"0","TIMEZEX":"570"})", "07/03/2024 11:30:##", "GMT+09:30", 0x0F},
+        {R"({"TIMEZ":"0","TIMEZEX":"-30"})", "07/03/2024 01:30:##", "GMT+00:00", 0x0F},
+        // ENU decides when it is a number: 0 turns UTC mode off although TIMEZ is 0.
+        {R"({"TIMEZ":"0","TIMEZEX":"600","ENU":0})", "07/03/2024 02:00:##", "GMT+00:00", 0x3F},
+        {R"({"TIMEZ":"-300","TIMEZEX":"600","ENU":1})", "07/03/2024 12:00:##", "GMT+10:00", 0x0F},
+        {R"({"TIMEZ":"-300","TIMEZEX":"600","ENU":"1"})", "07/03/2024 02:00:##", "GMT-05:00", 0x3F},
+        {R"({"TIMEZ":0,"TIMEZEX":"60"})", "07/03/2024 02:00:##", "GMT-05:00", 0x3F},  // not a text: kept
+        {R"({"TIMEZ":"zero","TIMEZEX":"60"})", "07/03/2024 03:00:##", "GMT+01:00", 0x0F},
+    };
+    for (const Row& row : rows) {
+        nvx::ClearSentMessages();
+        Apply(*business, Timep(row.timep));
+        std::vector<Overlay> seven = Overlays(kSeven);
+        ASSERT_EQ(seven.size(), row.mask == 0x0F ? 2u : 1u) << row.timep;
+        if (row.mask == 0x0F) {
+            EXPECT_TRUE(seven[0].mask == 0x30 && !seven[0].cancel && seven[0].text.empty()) << row.timep;
+        }
+        EXPECT_TRUE(seven.back().mask == row.mask && seven.back().text == row.label) << row.timep;
+        business->OSDDataSendTime();
+        EXPECT_TRUE(Like(Last(kTime).text, row.shown)) << row.timep << " shows " << Last(kTime).text;
     }
-    EXPECT_TRUE(WaitOverlay(kSeven, [](const Overlay& o) { return o.text == "GMT+00:00" && o.mask == 0x3F; }))
-        << "outside UTC mode the label goes to every channel";
+    for (const char* line : {"szTimeZone = -300, enableUtc: 0 -> 0\n", "get enu param, enableUtc: 0 -> 1\n",
+                             "change m_enableUtc : 0 -> 1\n", "change m_enableUtc : 1 -> 0\n", "dst sw = 0\n",
+                             "m_timeZoneParam.dstEnable = 0 , m_SystemDSTEnable = 0\n"}) {
+        EXPECT_TRUE(Logged("TRUCK", 1, line)) << line;
+    }
+
+    // A card reader's Seven line carries the swipes: the zone leaves it alone.
+    auto reader = Direct(43);
+    Apply(*reader, Doc(kEosd));
+    nvx::ClearSentMessages();
+    Apply(*reader, Timep(R"({"TIMEZ":"480","DATEM":2})"));
+    EXPECT_TRUE(Overlays(kSeven).empty());
+    char out[64];
+    reader->FormatTimeTxt(Date("2024-07-03 13:30:00"), out, sizeof(out));
+    EXPECT_STREQ(out, "03/07/2024 13:30:00");
 }
 
 TEST_F(OsdTime, DaylightSavingStartsAndEndsAtTheExactInstantsOfEachRule) {
-    Json::Value noParam;
-    char name[] = "truckosd_rules";
-    CTruckOsdService rules(manage, manage->basic_get_msg_client(), 7, name, 0, noParam);
+    auto rules = Direct();
     // Moments "+YYYY-MM-DD hh:mm:ss" lie in daylight-saving time, "-YYYY-MM-DD hh:mm:ss" do not.
     auto expect = [&rules](const std::string& timep, const std::string& moments) {
-        rules.TimeParamParse(Parse(timep));
+        rules->TimeParamParse(Parse(timep));
         std::istringstream in(moments);
         for (std::string day, time; in >> day >> time;) {
-            EXPECT_EQ(rules.IsDateTimeInDst(Date(day.substr(1) + " " + time)), day[0] == '+')
+            EXPECT_EQ(rules->IsDateTimeInDst(Date(day.substr(1) + " " + time)), day[0] == '+')
                 << timep << " at " << day << " " << time;
         }
     };
@@ -102,9 +138,11 @@ TEST_F(OsdTime, DaylightSavingStartsAndEndsAtTheExactInstantsOfEachRule) {
     const std::string utc1 = R"({"TIMEZ":"0","TIMEZEX":"60","LDST":)";
     // Week rule: the start in standard time, the end in daylight time, each year its own days.
     expect(utc1 + kNorthern + "}",
-           "-2024-03-10 02:30:14 +2024-03-10 02:30:15 +2024-11-03 00:59:59 -2024-11-03 01:00:00 "
-           "-2025-03-09 02:30:14 +2025-03-09 02:30:15");
-    EXPECT_FALSE(rules.CheckDstCriticalCondition(Date("2024-07-01 12:00:00")));
+           "-2024-03-12 02:30:14 +2024-03-12 02:30:15 +2024-10-25 01:45:49 -2024-10-25 01:45:50 "
+           "-2025-03-11 02:30:14 +2025-03-11 02:30:15");
+    EXPECT_FALSE(rules->CheckDstCriticalCondition(Date("2024-07-01 12:00:00")));
+    EXPECT_TRUE(Logged("TRUCK", 4, "before time: 24-07-01,12:00:00\n"));
+    EXPECT_TRUE(Logged("TRUCK", 4, "GetDstLocalUtcTime start:2024-03-12\n"));
     // Week 5 is the last such day; a southern period wraps over the new year.
     expect(utc1 + R"({"SW":1,"DSTM":1,"DSTS":1,"SMON":2,"SWEEK":5,"SH":2,"EMON":9,"EWEEK":5,"EH":3}})",
            "-2024-03-24 12:00:00 -2024-03-31 01:59:59 +2024-03-31 02:00:00 +2024-10-27 01:59:59 "
@@ -113,33 +151,59 @@ TEST_F(OsdTime, DaylightSavingStartsAndEndsAtTheExactInstantsOfEachRule) {
            "+2024-01-15 12:00:00 +2024-04-07 01:59:59 -2024-04-07 02:00:00 -2024-10-06 01:59:59 "
            "+2024-10-06 02:00:00 +2024-12-31 23:59:59");
     // Absolute times are UTC seconds moved by the active offset; the end is in daylight time.
-    expect(R"({"TIMEZ":"0","TIMEZEX":"-330","LDST":{"SW":1,"DSTM":2,"DSTS":1,"STARTTIME":)" +
-               seconds(3, 31, 1) + R"(,"ENDTIME":)" + seconds(10, 27, 1) + "}}",
+    expect(R"({"TIMEZ":"0","TIMEZEX":"-330","LDST":{"SW":1,"DSTM":2,"DSTS":2,"STARTTIME":)" +
+               seconds(3, 31, 1) + R"(,"ENDTIME":)" + seconds(10, 27, 2) + "}}",
            "-2024-03-30 19:29:59 +2024-03-30 19:30:00 +2024-10-26 18:29:59 -2024-10-26 18:30:00");
-    // No rule: switched off, or a mode that is neither; and none when the system clock does it.
-    for (const char* ldst : {R"({"SW":0,"DSTM":1,)", R"({"SW":1,"DSTM":0,)", R"({"SW":1,"DSTM":3,)"}) {
-        expect(utc1 + ldst + R"("DSTS":1,"SWEEK":1,"EMON":11,"EWEEK":5,"EH":23}})", "-2024-07-01 12:00:00");
-        EXPECT_TRUE(rules.CheckDstCriticalCondition(Date("2024-07-01 12:00:00")));
+    expect(utc1 + R"({"SW":1,"DSTM":2,"STARTTIME":)" + seconds(3, 31, 1) + R"(,"ENDTIME":)" +
+               seconds(3, 31, 1) + "}}",
+           "-2024-03-31 02:00:00");  // an empty period
+    // No rule: switched off, a mode that is neither, days that the calendar refuses; and none
+    // when the system clock does it.
+    const std::pair<const char*, const char*> none[] = {
+        {R"({"SW":0,"DSTM":1,"SWEEK":1,)", "Dst isn't enable! \n"},
+        {R"({"SW":1,"DSTM":0,"SWEEK":1,)", "The dst mode:0 is invalid! \n"},
+        {R"({"SW":1,"DSTM":3,"SWEEK":1,)", "The dst mode:3 is invalid! \n"},
+        {R"({"SW":1,"DSTM":1,"SWEEK":0,"SWIND":2,)", "JQ_SDK_DateTime_GetDayByWeek FAILED(24)(1)(02)\n"},
+        {R"({"SW":1,"DSTM":1,"SWEEK":1,"EWIND":7,)", "JQ_SDK_DateTime_GetDayByWeek FAILED(24)(11)(57)\n"}};
+    for (const auto& rule : none) {
+        expect(utc1 + rule.first + R"("DSTS":1,"EMON":10,"EWEEK":5,"EH":23}})", "-2024-07-01 12:00:00");
+        EXPECT_TRUE(Logged("TRUCK", 1, rule.second)) << rule.second;
+        EXPECT_TRUE(rules->CheckDstCriticalCondition(Date("2024-07-01 12:00:00")));
     }
-    rules.TimeParamParse(Parse(utc1 + kNorthern + R"(,"DST":{"SW":1}})"));
-    EXPECT_TRUE(rules.CheckDstCriticalCondition(Date("2024-07-01 12:00:00")));
+    EXPECT_TRUE(Logged("TRUCK", 1, "GetDstLocalUtcTime FAILED\n"));
+    rules->TimeParamParse(Parse(utc1 + kNorthern + R"(,"DST":{"SW":1}})"));
+    EXPECT_TRUE(rules->CheckDstCriticalCondition(Date("2024-07-01 12:00:00")));
+    EXPECT_TRUE(Logged("TRUCK", 1, "dst sw = 1\n"));
+    EXPECT_TRUE(Logged("TRUCK", 1, "m_timeZoneParam.dstEnable = 1 , m_SystemDSTEnable = 1\n"));
 }
 
-TEST_F(OsdTime, TheTimeLineMovesAtTheRuleInstantsAndAnnouncesEachChangeOnce) {
-    nvx::SetWallClock(Clock(2024, 3, 10, 0, 30, 5));
-    Start(Doc(R"("TIMEP":{"TIMEZ":"0","TIMEZEX":"60","DATEM":1,"LDST":)" + std::string(kNorthern) + "}," +
-              kEosd));
-    // UTC + 1 h: the rule starts at 01:30:15 UTC and ends at 00:00 UTC.
-    Walk({{nullptr, 0, "2024-03-10 01:30:##"},
-          {nullptr, Clock(2024, 3, 10, 1, 30, 15), "2024-03-10 03:30:##"},
-          {nullptr, Clock(2024, 11, 2, 23, 30, 0), "2024-11-03 01:30:##"},
-          {nullptr, Clock(2024, 11, 3, 0, 0, 0), "2024-11-03 01:00:##"}});
-    ASSERT_EQ(nvx::SetParameterDocument(Doc(R"("TIMEP":{"LDST":{"DSTS":2}})")), 0);  // the state stays
-    EXPECT_TRUE(nvx::WaitForSent(
-        [](const nvx::BusMessage& m) { return m.event == kEventDstState && m.payload == DstState(1, 2); },
-        kGenerousMs));
-    ASSERT_TRUE(WaitCycles(2));
-    // The shift at the first cycle, then each change once.
+TEST_F(OsdTime, TheTimeLineMovesByTheShiftInsideTheRuleAndAnnouncesEachChangeOnce) {
+    auto business = Direct();
+    nvx::SetWallClock(Clock(2024, 3, 12, 0, 30, 5));
+    Apply(*business, Timep(R"({"TIMEZ":"480","DATEM":1})"));
+    business->OSDDataSendTime();
+    EXPECT_TRUE(Payloads(kEventDstState).empty()) << "no shift, no correction: nothing to announce";
+    Apply(*business,
+          Timep(R"({"TIMEZ":"0","TIMEZEX":"60","DATEM":1,"LDST":)" + std::string(kNorthern) + "}"));
+    // UTC + 1 h: the rule starts at 01:30:15 UTC and ends at 00:45:50 UTC.
+    const std::pair<time_t, const char*> steps[] = {{Clock(2024, 3, 12, 0, 30, 5), "2024-03-12 01:30:0#"},
+                                                    {Clock(2024, 3, 12, 1, 30, 20), "2024-03-12 04:30:2#"},
+                                                    {Clock(2024, 7, 1, 10, 0, 0), "2024-07-01 13:00:0#"},
+                                                    {Clock(2024, 10, 24, 23, 45, 0), "2024-10-25 02:45:0#"},
+                                                    {Clock(2024, 10, 25, 0, 46, 0), "2024-10-25 01:46:0#"}};
+    for (const auto& step : steps) {
+        nvx::SetWallClock(step.first);
+        business->OSDDataSendTime();
+        const Overlay line = Last(kTime);
+        EXPECT_TRUE(Like(line.text, step.second)) << line.text;
+        EXPECT_TRUE(line.mask == 0x3F && line.x == 300 && line.y == 30 && line.font == 0);
+    }
+    Apply(*business, Timep(R"({"TIMEZ":"480","LDST":{"DSTS":3}})"));  // outside UTC mode the state stays
+    business->OSDDataSendTime();
     EXPECT_EQ(Payloads(kEventDstState),
-              (std::vector<Bytes>{DstState(1, 1), DstState(0, 1), DstState(1, 1), DstState(1, 2)}));
+              (std::vector<Bytes>{DstState(1, 2), DstState(0, 2), DstState(1, 2), DstState(1, 3)}));
+    for (const char* line : {"ldst state 1->1, ldst offset 0->2\n", "ldst state 1->0, ldst offset 2->2\n",
+                             "ldst state 0->1, ldst offset 2->2\n", "ldst state 1->1, ldst offset 2->3\n"}) {
+        EXPECT_TRUE(Logged("TRUCK", 1, line)) << line;
+    }
 }
