@@ -58,12 +58,16 @@ protected:
         manage = manage != nullptr ? manage : new CTruckServiceManage(&config);
         m_runner = std::make_unique<CycleRunner>(manage);
     }
-    // As the service stops: the manager and its businesses, then the global SDK.
-    void StopManager() {
+    // As the service stops: the manager and its businesses, then the global SDK; `stopped`
+    // runs once the businesses are stopped and before they are destroyed.
+    void StopManager(const std::function<void()>& stopped = nullptr) {
         if (m_runner) {
             manage->basic_uninit();
             JQ_SDK_Global_Deinitialize();
             EXPECT_TRUE(Eventually([this] { return manage->basic_threads_stopped(); }));
+            if (stopped) {
+                stopped();
+            }
             manage->basic_release();
             manage = nullptr;
             m_runner.reset();  // the cycle no longer writes its parameter block

@@ -113,11 +113,17 @@ TEST_F(OsdSafety, DeeplyNestedTextsAreRefusedOnTheSharedThread) {
 
     const std::string deep = Doc(R"("TIMEP":)" + Nested(100000));
     OSDParamCallback(deep.data(), static_cast<int>(deep.size()), business, nullptr);
+    // Nothing to take: dropped before the queue, without a log.
+    OSDParamCallback("{}", 0, business, nullptr);
+    OSDParamCallback(nullptr, 5, business, nullptr);
     ASSERT_EQ(nvx::SetParameterDocument(Doc(R"("EOSD":[{"TX":123}])")), 0);
     EXPECT_TRUE(WaitOverlay(kTime, [](const Overlay& o) { return o.x == 123; }))
         << "applied after the refusal";
     const std::string refusal = "parse param json error, length = " + std::to_string(deep.size()) + "\n";
     EXPECT_TRUE(nvx::WaitForLog([&](const nvx::LogLine& line) { return line.text == refusal; }, kGenerousMs));
+    for (const nvx::LogLine& line : nvx::CapturedLogs()) {
+        EXPECT_EQ(line.text.find("parse param error"), std::string::npos);
+    }
 
     InjectSignal(Turn(0, 1));
     ASSERT_TRUE(WaitText(kSpeed, "0KM/H (L)"));
