@@ -188,6 +188,14 @@ TEST_F(OsdInputs, ASwipeIsCheckedFieldByFieldAndBoundedByItsPayload) {
     EXPECT_EQ(Last(kSeven).text, "HIDDEN");
     business->OnSwipeInfoNotify(nullptr, 40);
     EXPECT_EQ(Overlays(kSeven).size(), 2u);
+    // The text size byte counts the terminator in 8 bits: no line is longer than 254 bytes.
+    business->OSDDataSendSeven(std::string(300, 'y'));
+    EXPECT_EQ(Last(kSeven).text, std::string(254, 'y'));
+    const std::pair<int, int> masks[] = {{-1, 0},          {0, 0},           {1, 1},
+                                         {30, 0x3FFFFFFF}, {31, 0x7FFFFFFF}, {32, 0x7FFFFFFF}};
+    for (const auto& mask : masks) {
+        EXPECT_EQ(business->GetVideoChannalMask(mask.first), mask.second) << mask.first;
+    }
 
     // The other card reader shows the swipe without the record.
     auto other = Direct(44);

@@ -87,6 +87,7 @@ TEST_F(OsdTime, TheLabelAndTheOffsetOfEachZoneAndTheChannelsOfUtcMode) {
         {R"({"TIMEZ":"0","TIMEZEX":"-30"})", "07/03/2024 01:30:##", "GMT+00:00", 0x0F},
         // ENU decides when it is a number: 0 turns UTC mode off although TIMEZ is 0.
         {R"({"TIMEZ":"0","TIMEZEX":"600","ENU":0})", "07/03/2024 02:00:##", "GMT+00:00", 0x3F},
+        {R"({"TIMEZ":"0","TIMEZEX":"600","ENU":2})", "07/03/2024 02:00:##", "GMT+00:00", 0x3F},
         {R"({"TIMEZ":"-300","TIMEZEX":"600","ENU":1})", "07/03/2024 12:00:##", "GMT+10:00", 0x0F},
         {R"({"TIMEZ":"-300","TIMEZEX":"600","ENU":"1"})", "07/03/2024 02:00:##", "GMT-05:00", 0x3F},
         {R"({"TIMEZ":0,"TIMEZEX":"60"})", "07/03/2024 02:00:##", "GMT-05:00", 0x3F},  // not a text: kept
