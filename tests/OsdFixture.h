@@ -150,19 +150,15 @@ protected:
         const std::vector<Overlay> all = Overlays(kind);
         return all.empty() ? Overlay() : all.back();
     }
-    // Waits for an overlay of a kind that satisfies `want` (one already sent counts) and checks
-    // every byte of it.
+    // Waits for an overlay of a kind that satisfies `want` (one already sent counts), every
+    // byte of it as it should be.
     static bool WaitOverlay(uint8_t kind, const std::function<bool(const Overlay&)>& want) {
-        Overlay seen;
-        const bool ok = nvx::WaitForSent(
+        return nvx::WaitForSent(
             [&](const nvx::BusMessage& m) {
                 const Overlay o = m.event == osd::kEventOverlay ? osd::DecodeOverlay(m.payload) : Overlay();
-                seen = o.kind == kind && want(o) ? o : seen;
-                return o.kind == kind && want(o);
+                return o.kind == kind && o.problem.empty() && want(o);
             },
             kGenerousMs);
-        EXPECT_EQ(seen.problem, "");
-        return ok;
     }
     static bool WaitText(uint8_t kind, const std::string& text) {
         return WaitOverlay(kind, [&](const Overlay& o) { return !o.cancel && o.text == text; });
@@ -171,21 +167,6 @@ protected:
     static bool Like(const std::string& text, const std::string& pattern) {
         return std::regex_match(text, std::regex(std::regex_replace(pattern, std::regex("#"), "[0-9]")));
     }
-    static bool WaitLike(uint8_t kind, const std::string& pattern) {
-        return WaitOverlay(kind, [&](const Overlay& o) { return Like(o.text, pattern); });
-    }
-    // Waits for `count` further date/time lines. With two or more, a whole cycle began after
-    // the call: whatever was handed to the business before it has been taken in.
-    static bool WaitCycles(int count) {
-        size_t left = Overlays(osd::kTime).size() + static_cast<size_t>(count);
-        return nvx::WaitForSent(
-            [&](const nvx::BusMessage& m) {
-                left -= m.event == osd::kEventOverlay && osd::DecodeOverlay(m.payload).kind == osd::kTime;
-                return left == 0;
-            },
-            kGenerousMs);
-    }
-
     std::unique_ptr<CycleRunner> m_runner;
 };
 

@@ -1,21 +1,14 @@
-// The OSD business going away under traffic, and texts built to exhaust a thread's stack.
+// The OSD business going away under traffic.
 #include <atomic>
 #include <mutex>
-#include <string>
 #include <thread>
-#include <vector>
 
 #include "HCTimeWheel.h"
 #include "OsdFixture.h"
-#include "TruckOsdService.h"
 
 using namespace osd;
 
 namespace {
-
-std::string Nested(size_t depth) {
-    return std::string(depth, '[') + std::string(depth, ']');
-}
 
 class OsdSafety : public OsdBusiness {
 protected:
@@ -54,7 +47,7 @@ TEST_F(OsdSafety, StoppingUnderSignalTrafficWithTheWatermarkTimerPending) {
         }
     });
     Start(Store(0));
-    ASSERT_TRUE(WaitCycles(1));
+    ASSERT_TRUE(WaitOverlay(kTime, [](const Overlay&) { return true; }));
     ASSERT_EQ(nvx::CanPortMonitorCount(), 1);
     const size_t timers = TimeWheel::GetInstance()->GetPendingCount();
     std::atomic<bool> flooding{true};
@@ -96,37 +89,4 @@ TEST_F(OsdSafety, StoppingUnderSignalTrafficWithTheWatermarkTimerPending) {
     EXPECT_EQ(TimeWheel::GetInstance()->GetPendingCount(), timers);
     std::lock_guard<std::mutex> lock(m_mutex);
     EXPECT_EQ(m_layouts, (std::vector<int>{15, 1024}));
-}
-
-TEST_F(OsdSafety, DeeplyNestedTextsAreRefusedOnTheSharedThread) {
-    // Put into the manager by hand, on the main cycle's 512 KiB thread, so that it can be
-    // handed a parameter notification that the store itself would never pass on.
-    WriteDeviceFile(kStorePath, Store(0));
-    StartStore();
-    char name[] = "truckosd_shared";
-    Json::Value noParam;
-    auto* business = new CTruckOsdService(manage, manage->basic_get_msg_client(), 7, name, 0, noParam);
-    ASSERT_EQ(business->business_start(), 0);
-    ASSERT_EQ(manage->basic_register_business(7, business), 0);
-    RunCycle();
-    ASSERT_TRUE(WaitText(kSpeed, "0KM/H"));
-
-    const std::string deep = Doc(R"("TIMEP":)" + Nested(100000));
-    OSDParamCallback(deep.data(), static_cast<int>(deep.size()), business, nullptr);
-    // Nothing to take: dropped before the queue, without a log.
-    OSDParamCallback("{}", 0, business, nullptr);
-    OSDParamCallback(nullptr, 5, business, nullptr);
-    ASSERT_EQ(nvx::SetParameterDocument(Doc(R"("EOSD":[{"TX":123}])")), 0);
-    EXPECT_TRUE(WaitOverlay(kTime, [](const Overlay& o) { return o.x == 123; }))
-        << "applied after the refusal";
-    const std::string refusal = "parse param json error, length = " + std::to_string(deep.size()) + "\n";
-    EXPECT_TRUE(nvx::WaitForLog([&](const nvx::LogLine& line) { return line.text == refusal; }, kGenerousMs));
-    for (const nvx::LogLine& line : nvx::CapturedLogs()) {
-        EXPECT_EQ(line.text.find("parse param error"), std::string::npos);
-    }
-
-    InjectSignal(Turn(0, 1));
-    ASSERT_TRUE(WaitText(kSpeed, "0KM/H (L)"));
-    InjectSignal(R"({"SIGNAL":{"TURN":)" + Nested(100000) + "}}");
-    EXPECT_TRUE(WaitText(kSpeed, "0KM/H")) << "a signal text that does not parse clears the state";
 }
