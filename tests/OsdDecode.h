@@ -59,8 +59,7 @@ inline Overlay DecodeOverlay(const Bytes& b) {
     if (Le32(b, 0) != 0x1200) {
         o.problem = "command word is not 0x1200";
     } else if (b.size() != 36 + size) {
-        o.problem =
-            "length " + std::to_string(b.size()) + " disagrees with text size " + std::to_string(size);
+        o.problem = "length " + std::to_string(b.size()) + ", text size " + std::to_string(size);
     } else if (size != 0) {
         o.text.assign(b.begin() + 36, b.end() - 1);
         if (b.back() != 0 || o.text.find('\0') != std::string::npos) {

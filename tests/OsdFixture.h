@@ -146,10 +146,7 @@ protected:
         }
         return out;
     }
-    static Overlay Last(uint8_t kind) {
-        const std::vector<Overlay> all = Overlays(kind);
-        return all.empty() ? Overlay() : all.back();
-    }
+    static Overlay Last(uint8_t kind) { return Overlays(kind).empty() ? Overlay() : Overlays(kind).back(); }
     // Waits for an overlay of a kind that satisfies `want` (one already sent counts), every
     // byte of it as it should be.
     static bool WaitOverlay(uint8_t kind, const std::function<bool(const Overlay&)>& want) {

@@ -39,8 +39,7 @@ TEST_F(OsdParams, TheCycleWaitsForBothGroupsRetriesEveryTwoSecondsAndShiftsTheWh
     auto business = Direct();
     auto requests = [] { return nvx::CallCount("JQ_SDK_Global_GetParameter"); };
     TimeWheel* wheel = TimeWheel::GetInstance();
-    // A clock of the test's own, far from any stamp of an earlier cycle: the first call takes
-    // it as the last request whether or not it is the process's first.
+    // A clock far from any earlier cycle's stamps: the first call is taken as the last request.
     const unsigned long long t0 = 1ULL << 40;
     business->business_cycle_running(t0);
     uint64_t asked = requests();
