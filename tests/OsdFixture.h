@@ -89,9 +89,8 @@ protected:
         return timegm(&t);
     }
 
-    // Speed: unit at 20, value at 24. J1939: event id at 4, length at 8, turn value at 13. Card
-    // swipe: body length (23 bits) at 16, status at 20, record type at 24, text-present byte at
-    // 28, then the text exactly as given, no terminator added.
+    // Speed: unit at 20, value at 24. J1939: event id at 4, length at 8, turn at 13. Swipe: body
+    // length (23 bits) at 16, status 20, type 24, text present 28, then the text, unterminated.
     static Bytes Speed(uint32_t speed, uint8_t unit) { return osd::Record(28, {{20, unit}, {24, speed}}); }
     static Bytes Can(uint8_t turn, uint32_t event = 0x4001) {
         return osd::Record(20, {{4, event}, {8, 8}, {12, uint32_t{turn} << 8}});
@@ -108,11 +107,11 @@ protected:
     }
     // A business of the test's own, outside the manager's cycle: its operations run on the
     // test's thread, and what they send is on the bus when they return.
-    std::unique_ptr<CTruckOsdService> Direct(uint32_t customerType = 0) {
+    std::unique_ptr<CTruckOsdService> Direct(uint32_t customerType = 0, bool client = true) {
         Json::Value none;
         char name[] = "truckosd_direct";
-        auto business =
-            std::make_unique<CTruckOsdService>(manage, manage->basic_get_msg_client(), 7, name, 0, none);
+        auto business = std::make_unique<CTruckOsdService>(
+            manage, client ? manage->basic_get_msg_client() : nullptr, 7, name, 0, none);
         business->m_customerType = customerType;
         return business;
     }

@@ -75,9 +75,8 @@ TEST_F(OsdInputs, SpeedUnitAndTurnMarksFromBothSourcesCombineAndBadRecordsAreRef
           "m_IOturnState = 2,m_OBDturnState = 1 \n"}) {
         EXPECT_TRUE(Logged("TRUCK", 3, text)) << text;
     }
-    for (const char* text : {"turnState,m_turnState = 259 \n", "ConvertStringToJson faile.\n"}) {
-        EXPECT_TRUE(Logged("TRUCK", 0, text)) << text;
-    }
+    EXPECT_TRUE(Logged("TRUCK", 0, "turnState,m_turnState = 259 \n") &&
+                Logged("TRUCK", 0, "ConvertStringToJson faile.\n"));
 
     // Refused, each with a log but the speed: nothing changes, nothing is announced.
     nvx::ClearSentMessages();
@@ -85,7 +84,9 @@ TEST_F(OsdInputs, SpeedUnitAndTurnMarksFromBothSourcesCombineAndBadRecordsAreRef
     const char* record = reinterpret_cast<const char*>(can.data());
     business->OnUpdateSpeedInfo(nullptr, 28);
     CallbackCanTruckOsdServiceEvent(record, 19, user, nullptr);
-    EXPECT_TRUE(Logged("TRUCK", 0, "j1939 data info length error\n"));
+    CallbackCanTruckOsdServiceEvent(record, 1, user, nullptr);  // the record's check, not the callback's
+    EXPECT_TRUE(Logged("TRUCK", 0, "j1939 data info length error\n") &&
+                !Logged("TRUCK", 0, "Param handle failed, len = 1\n"));
     const std::tuple<const char*, int, void*> bad[] = {
         {record, 0, user}, {nullptr, 20, user}, {record, 21, nullptr}};
     for (const auto& [data, size, to] : bad) {
@@ -95,6 +96,8 @@ TEST_F(OsdInputs, SpeedUnitAndTurnMarksFromBothSourcesCombineAndBadRecordsAreRef
         EXPECT_TRUE(Logged("TRUCK", 0, "Param handle failed, len = " + length)) << length;
         EXPECT_TRUE(Logged("TRUCK", 0, "Param handle failed, length = " + length)) << length;
     }
+    auto alone = Direct(0, false);  // no bus client: nothing to register with
+    EXPECT_TRUE(alone->RegisterMessage() == -1 && alone->UnregisterMessage() == -1);
     business->OSDDataSendSpeed();
     EXPECT_EQ(Last(kSpeed).text, "120KM/H (L)");
     EXPECT_TRUE(Payloads(kEventIoTurn).empty());

@@ -17,8 +17,7 @@ protected:
         return Doc(R"("TIMEP":{"TIMEZ":"480","DATEM":1},"EOSD":[{"WME":)" + std::to_string(watermark) +
                    R"(,"TX":100,"TY":20,"SX":900,"SY":40,"COSD":[{"X":400,"Y":80,"EN":1}]}])");
     }
-    // The X of the second text line in a layout written to the store: 15 in the normal layout,
-    // 1024 in the watermark layout, 0 in any other document.
+    // COSD[1].X of a document written: 15 in the normal layout, 1024 in the watermark one, else 0.
     static int LayoutX(const std::string& text) {
         return Parse(text)["PARAMETER"]["MDVR"]["EOSD"][0]["COSD"][1]["X"].asInt();
     }

@@ -11,8 +11,8 @@ using namespace osd;
 
 namespace {
 
-// 2nd Tuesday of March 02:30:15 standard to last Friday of October 03:45:50 daylight time, 2 h
-// on; only the low four bits of a weekday count.
+// 2nd Tuesday of March 02:30:15 standard to last Friday of October 03:45:50 daylight, 2 h on;
+// of a weekday (18 here) only the low four bits count.
 const char kNorthern[] = R"({"SW":1,"DSTM":1,"DSTS":2,"SMON":2,"SWEEK":2,"SWIND":18,"SH":2,"SM":30,"SS":15,)"
                          R"("EMON":9,"EWEEK":5,"EWIND":5,"EH":3,"EM":45,"ES":50})";
 
@@ -143,6 +143,8 @@ TEST_F(OsdTime, DaylightSavingStartsAndEndsAtTheExactInstantsOfEachRule) {
     EXPECT_TRUE(Logged("TRUCK", 1, "GetDstLocalUtcTime FAILED\n"));
     rules->TimeParamParse(Parse(utc1 + kNorthern + R"(,"DST":{"SW":1}})"));
     EXPECT_TRUE(rules->CheckDstCriticalCondition(Date("2024-07-01 12:00:00")));
+    rules->TimeParamParse(Parse(utc1 + kNorthern + "}"));  // absent, the system's switch is off again
+    EXPECT_FALSE(rules->CheckDstCriticalCondition(Date("2024-07-01 12:00:00")));
     EXPECT_TRUE(Logged("TRUCK", 1, "m_timeZoneParam.dstEnable = 1 , m_SystemDSTEnable = 0\n"));
 }
 
