@@ -15,18 +15,13 @@ const char kSevenAt[] = R"("EOSD":[{"TFS":2,"COSD":[{"X":410,"Y":90,"EN":1}]}])"
 class OsdInputs : public OsdBusiness {
 protected:
     OsdInputs() : OsdBusiness("truck_osd_inputs") {}
+    static Bytes Cut(Bytes b, size_t size) { return b.resize(size), b; }
 };
-
-Bytes Cut(Bytes b, size_t size) {
-    b.resize(size);
-    return b;
-}
 
 }  // namespace
 
 TEST_F(OsdInputs, SpeedUnitAndTurnMarksFromBothSourcesCombineAndBadRecordsAreRefused) {
     auto business = Direct();
-    void* user = business.get();
     // 0 a speed, 1 a signal text (with the IO state it announces), 2 a J1939 record; the line shown.
     const std::tuple<int, Bytes, std::string, const char*> steps[] = {
         {0, Speed(63, 0), "", "63KM/H"},
@@ -59,9 +54,9 @@ TEST_F(OsdInputs, SpeedUnitAndTurnMarksFromBothSourcesCombineAndBadRecordsAreRef
         if (source == 0) {
             business->OnUpdateSpeedInfo(data, static_cast<int>(record.size()));
         } else if (source == 2) {
-            CallbackCanTruckOsdServiceEvent(data, static_cast<int>(record.size()), user, nullptr);
+            business->OnUpdateJ1939DataInfo(data, static_cast<unsigned int>(record.size()));
         } else {
-            CTruckOsdService::MonitorIoUseInfo(signal.data(), static_cast<int>(signal.size()), user, nullptr);
+            business->OnUpdateIoUseInfo(signal.data(), static_cast<int>(signal.size()));
             EXPECT_EQ(Payloads(kEventIoTurn), std::vector<Bytes>{record}) << signal;
         }
         business->OSDDataSendSpeed();
@@ -69,26 +64,18 @@ TEST_F(OsdInputs, SpeedUnitAndTurnMarksFromBothSourcesCombineAndBadRecordsAreRef
         EXPECT_TRUE(line.text == shown && !line.cancel && line.mask == 0x3F && line.x == 0 && line.y == 0)
             << "'" << shown << "' got '" << line.text << "'";
     }
-    for (const char* text :
-         {"nDataLen = 20 uiEventId= 16385 len=8 \n", "nDataLen = 20 uiEventId= 16386 len=8 \n",
-          "m_OBDturnState = 0 \n", "m_OBDturnState = 2 \n", "CallbackCanTruckOsdServiceEvent\n",
-          "m_IOturnState = 2,m_OBDturnState = 1 \n"}) {
-        EXPECT_TRUE(Logged("TRUCK", 3, text)) << text;
-    }
-    EXPECT_TRUE(Logged("TRUCK", 0, "turnState,m_turnState = 259 \n") &&
-                Logged("TRUCK", 0, "ConvertStringToJson faile.\n"));
-
     // Refused, each with a log but the speed: nothing changes, nothing is announced.
     nvx::ClearSentMessages();
     const Bytes can = Cut(Can(2), 21);
     const char* record = reinterpret_cast<const char*>(can.data());
     business->OnUpdateSpeedInfo(nullptr, 28);
-    CallbackCanTruckOsdServiceEvent(record, 19, user, nullptr);
-    CallbackCanTruckOsdServiceEvent(record, 1, user, nullptr);  // the record's check, not the callback's
+    business->OnUpdateJ1939DataInfo(record, 19);
+    // One byte is a record to refuse, not a call.
+    CallbackCanTruckOsdServiceEvent(record, 1, business.get(), nullptr);
     EXPECT_TRUE(Logged("TRUCK", 0, "j1939 data info length error\n") &&
                 !Logged("TRUCK", 0, "Param handle failed, len = 1\n"));
     const std::tuple<const char*, int, void*> bad[] = {
-        {record, 0, user}, {nullptr, 20, user}, {record, 21, nullptr}};
+        {record, 0, business.get()}, {nullptr, 20, business.get()}, {record, 21, nullptr}};
     for (const auto& [data, size, to] : bad) {
         CallbackCanTruckOsdServiceEvent(data, size, to, nullptr);
         CTruckOsdService::MonitorIoUseInfo(data, size, to, nullptr);
@@ -97,16 +84,24 @@ TEST_F(OsdInputs, SpeedUnitAndTurnMarksFromBothSourcesCombineAndBadRecordsAreRef
         EXPECT_TRUE(Logged("TRUCK", 0, "Param handle failed, length = " + length)) << length;
     }
     auto alone = Direct(0, false);  // no bus client: nothing to register with
-    EXPECT_TRUE(alone->RegisterMessage() == -1 && alone->UnregisterMessage() == -1);
+    EXPECT_TRUE(alone->RegisterMessage() == -1 && alone->UnregisterMessage() == -1 &&
+                alone->business_init() == 0 && alone->business_uninit() == 0);
     business->OSDDataSendSpeed();
     EXPECT_EQ(Last(kSpeed).text, "120KM/H (L)");
     EXPECT_TRUE(Payloads(kEventIoTurn).empty());
+    for (const char* text :
+         {"nDataLen = 20 uiEventId= 16385 len=8 \n", "nDataLen = 20 uiEventId= 16386 len=8 \n",
+          "m_OBDturnState = 0 \n", "m_OBDturnState = 2 \n", "CallbackCanTruckOsdServiceEvent\n",
+          "m_IOturnState = 2,m_OBDturnState = 1 \n"}) {
+        EXPECT_TRUE(Logged("TRUCK", 3, text)) << text;
+    }
+    EXPECT_TRUE(Logged("TRUCK", 0, "turnState,m_turnState = 259 \n") &&
+                Logged("TRUCK", 0, "ConvertStringToJson faile.\n"));
 }
 
 TEST_F(OsdInputs, ASwipeIsCheckedFieldByFieldAndBoundedByItsPayload) {
     auto business = Direct(43);
     Apply(*business, Doc(kSevenAt));
-    // The notification, whether it is taken, the text shown.
     const std::tuple<Bytes, bool, std::string> rows[] = {
         {Swipe(std::string("DRIVER 0042\0TAIL", 16)), true, "DRIVER 0042"},
         {Swipe("ANNA"), true, "ANNA"},  // no terminator: the payload's end

@@ -109,11 +109,12 @@ TEST_F(OsdTime, DaylightSavingStartsAndEndsAtTheExactInstantsOfEachRule) {
         return std::to_string(Clock(2024, month, day, hour, 0, 0));
     };
     const std::string utc1 = R"({"TIMEZ":"0","TIMEZEX":"60","LDST":)";
+    const tagDateTime july = Date("2024-07-01 12:00:00");
     // Week rule: the start in standard time, the end in daylight time, each year its own days.
     expect(utc1 + kNorthern + "}",
            "-2024-03-12 02:30:14 +2024-03-12 02:30:15 +2024-10-25 01:45:49 -2024-10-25 01:45:50 "
            "-2025-03-11 02:30:14 +2025-03-11 02:30:15");
-    EXPECT_FALSE(rules->CheckDstCriticalCondition(Date("2024-07-01 12:00:00")));
+    EXPECT_FALSE(rules->CheckDstCriticalCondition(july));
     EXPECT_TRUE(Logged("TRUCK", 4, "before time: 24-07-01,12:00:00\n"));
     EXPECT_TRUE(Logged("TRUCK", 4, "GetDstLocalUtcTime start:2024-03-12\n"));
     // A southern period wraps over the new year.
@@ -137,14 +138,16 @@ TEST_F(OsdTime, DaylightSavingStartsAndEndsAtTheExactInstantsOfEachRule) {
         {R"({"SW":1,"DSTM":1,"SWEEK":1,"EWIND":7,)", "JQ_SDK_DateTime_GetDayByWeek FAILED(24)(11)(57)\n"}};
     for (const auto& rule : none) {
         expect(utc1 + rule.first + R"("DSTS":1,"EMON":10,"EWEEK":5,"EH":23}})", "-2024-07-01 12:00:00");
-        EXPECT_TRUE(Logged("TRUCK", 1, rule.second)) << rule.second;
-        EXPECT_TRUE(rules->CheckDstCriticalCondition(Date("2024-07-01 12:00:00")));
+        long start = 0, end = 0;
+        EXPECT_TRUE(Logged("TRUCK", 1, rule.second) && rules->CheckDstCriticalCondition(july) &&
+                    rules->GetDstLocalUtcTime(july, start, end) == -1)
+            << rule.second;
     }
     EXPECT_TRUE(Logged("TRUCK", 1, "GetDstLocalUtcTime FAILED\n"));
     rules->TimeParamParse(Parse(utc1 + kNorthern + R"(,"DST":{"SW":1}})"));
-    EXPECT_TRUE(rules->CheckDstCriticalCondition(Date("2024-07-01 12:00:00")));
+    EXPECT_TRUE(rules->CheckDstCriticalCondition(july));
     rules->TimeParamParse(Parse(utc1 + kNorthern + "}"));  // absent, the system's switch is off again
-    EXPECT_FALSE(rules->CheckDstCriticalCondition(Date("2024-07-01 12:00:00")));
+    EXPECT_FALSE(rules->CheckDstCriticalCondition(july));
     EXPECT_TRUE(Logged("TRUCK", 1, "m_timeZoneParam.dstEnable = 1 , m_SystemDSTEnable = 0\n"));
 }
 
