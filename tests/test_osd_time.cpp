@@ -131,7 +131,7 @@ TEST_F(OsdTime, DaylightSavingStartsAndEndsAtTheExactInstantsOfEachRule) {
     // No rule: switched off, a mode that is neither, days that the calendar refuses; and none
     // when the system clock does it.
     const std::pair<const char*, const char*> none[] = {
-        {R"({"SW":0,"DSTM":1,"SWEEK":1,)", "Dst isn't enable! \n"},
+        {R"({"SW":"1","DSTM":1,"SWEEK":1,)", "Dst isn't enable! \n"},  // not a number: 0
         {R"({"SW":1,"DSTM":0,"SWEEK":1,)", "The dst mode:0 is invalid! \n"},
         {R"({"SW":1,"DSTM":3,"SWEEK":1,)", "The dst mode:3 is invalid! \n"},
         {R"({"SW":1,"DSTM":1,"SWEEK":0,"SWIND":2,)", "JQ_SDK_DateTime_GetDayByWeek FAILED(24)(1)(02)\n"},
