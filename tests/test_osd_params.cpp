@@ -55,8 +55,7 @@ TEST_F(OsdParams, TheCycleWaitsForBothGroupsRetriesEveryTwoSecondsAndShiftsTheWh
     EXPECT_EQ(requests(), ++asked);
     EXPECT_TRUE(Overlays(kTime).empty() && Overlays(kSpeed).empty());
 
-    // Only the first node is taken, its time group first: the label, still switched off, is
-    // cancelled at the old place, then shown at the new one.
+    // The first node alone, its time group first: the label is cancelled (still off), then shown.
     nvx::ClearSentMessages();
     const std::string both = Doc(R"("TIMEP":{"TIMEZ":"-300"},)" + std::string(kPlaces)),
                       next = Doc(R"("EOSD":[{"TX":7}])");
@@ -90,10 +89,12 @@ TEST_F(OsdParams, TheCycleWaitsForBothGroupsRetriesEveryTwoSecondsAndShiftsTheWh
     Apply(*business, Doc(R"("EOSD":[{"SY":42}])"));
     EXPECT_TRUE(Logged("TRUCK", 1, Places(0, 102, 42)));
     Apply(*business, "{\"P");
-    nodes = {{nullptr, 5, 0}};
-    business->OSDEventHandle(nodes);
     EXPECT_TRUE(Logged("TRUCK", 0, "parse param json error, length = 3\n"));
-    EXPECT_TRUE(Logged("TRUCK", 0, "parse param error, length = 5\n"));
+    for (const int length : {5, 0}) {  // no text, or none of it
+        nodes = {{length == 0 ? "{}" : nullptr, length, 0}};
+        business->OSDEventHandle(nodes);
+        EXPECT_TRUE(Logged("TRUCK", 0, "parse param error, length = " + std::to_string(length) + "\n"));
+    }
 }
 
 TEST_F(OsdParams, SwitchingTheWatermarkOnWritesTheNormalThenTheWatermarkLayout) {
@@ -109,8 +110,7 @@ TEST_F(OsdParams, SwitchingTheWatermarkOnWritesTheNormalThenTheWatermarkLayout) 
     EXPECT_EQ(nvx::ParamListenRequests().at(0), groups + "\n");
     EXPECT_TRUE(
         Logged("TRUCK", 1, "m_videoInNum = 4, m_videoIpNum = 2, m_customerType = 0, m_productType = 20\n"));
-    // Off, then a value that is not 1, then on; the positions of the switching document are
-    // not taken: the layouts' follow.
+    // Off, not 1, on: the switching document's positions are not taken, the layouts' follow.
     const std::string docs[] = {Doc(R"("EOSD":[{"WME":0,"TX":101}])"), Doc(R"("EOSD":[{"WME":2,"TX":102}])"),
                                 Doc(R"("EOSD":[{"WME":1,"TX":777,"COSD":[{"X":777}]}])")};
     for (int i = 0; i < 3; ++i) {
