@@ -339,6 +339,14 @@ def run_suite(tests, jobs, timeout_of):
     """Runs the tests in order on `jobs` workers until one fails; returns (outcome, test name)."""
     pending = list(tests)
     running = []  # (proc, test, started)
+    try:
+        return run_until_failure(pending, running, jobs, timeout_of)
+    finally:
+        for proc, _, _ in running:
+            kill_group(proc)
+
+
+def run_until_failure(pending, running, jobs, timeout_of):
     outcome = ("pass", "")
     while pending or running:
         while pending and len(running) < jobs and outcome[0] == "pass":
@@ -362,12 +370,9 @@ def run_suite(tests, jobs, timeout_of):
                 continue
             if code != 0 and outcome[0] == "pass":
                 outcome = ("fail", test.name)
-        running = still
+        running[:] = still
         if outcome[0] != "pass":
-            for proc, _, _ in running:
-                kill_group(proc)
-            running = []
-            pending = []
+            return outcome
     return outcome
 
 
@@ -515,8 +520,9 @@ def main():
 
     def on_signal(signum, _frame):
         raise KeyboardInterrupt(f"signal {signum}")
-    signal.signal(signal.SIGTERM, on_signal)
-    signal.signal(signal.SIGHUP, on_signal)
+    # SIGINT too: a shell starts background jobs with it ignored, and the tree must still come back.
+    for number in (signal.SIGINT, signal.SIGTERM, signal.SIGHUP):
+        signal.signal(number, on_signal)
 
     started = time.monotonic()
     if not args.list or not os.path.exists(os.path.join(build_dir, "compile_commands.json")):
