@@ -476,7 +476,9 @@ TEST_F(Business, OwnThreadWaitAndCycleFollowTheCycleTime) {
 }
 
 TEST(WiringFaults, EndTheProcessWithStatusOne) {
-    GTEST_FLAG_SET(death_test_style, "threadsafe");
+    // "fast" forks without exec: the device build runs under user-mode emulation, where a
+    // re-executed test binary cannot start.
+    GTEST_FLAG_SET(death_test_style, "fast");
     nvx::SetLogLevel(0);  // only level 0 reaches standard error
     EXPECT_EXIT(new CTruckServiceManage(nullptr), ::testing::ExitedWithCode(1),
                 "\\[APPCOM\\] .*GlobalConfig ptr is null");
