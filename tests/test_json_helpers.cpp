@@ -71,6 +71,7 @@ TEST_F(JsonHelpers, CStringReadsTruncateTerminateAndClearOnFailure) {
     memset(ubuf, 'x', sizeof ubuf);
     EXPECT_EQ(-1, GetJsonCString(Json::Value(42), ubuf, sizeof ubuf));
     EXPECT_EQ(std::vector<unsigned char>(6, 0), std::vector<unsigned char>(ubuf, ubuf + 6));
+    EXPECT_TRUE(nvx::CapturedLogs().empty()) << "a number is refused as it is, not read as text";
 }
 
 TEST_F(JsonHelpers, FloatReadsTakeNumbersAndNumericTextOnly) {

@@ -106,6 +106,8 @@ TEST_F(OsdInputs, ASwipeIsCheckedFieldByFieldAndBoundedByItsPayload) {
         {Swipe(std::string("DRIVER 0042\0TAIL", 16)), true, "DRIVER 0042"},
         {Swipe("ANNA"), true, "ANNA"},  // no terminator: the payload's end
         {Swipe(std::string(100, 'x')), true, std::string(72, 'x')},
+        // The cut never splits a character: the euro sign would straddle byte 72.
+        {Swipe(std::string(70, 'x') + "\xE2\x82\xAC yy"), true, std::string(70, 'x')},
         {Cut(Swipe("BAD"), 19), false, ""},
         {Cut(Swipe("BAD"), 28), false, ""},
         {Cut(Swipe("BAD"), 29), true, ""},

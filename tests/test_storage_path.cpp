@@ -3,6 +3,8 @@
 #include <string.h>
 
 #include <atomic>
+#include <fstream>
+#include <iterator>
 #include <string>
 #include <thread>
 #include <vector>
@@ -157,4 +159,8 @@ TEST_F(StoragePath, PeripheralBlockTakesWhatTheFileHasAndNeverReadsPastItsEnd) {
     EXPECT_EQ(load(bytes), bytes + zero.substr(bytes.size()));
     EXPECT_TRUE(Logged("TRUCK", 4, "load peripheral config file[/usr/local/cfg/serialconfig.bsn] success\n"));
     EXPECT_EQ(load(std::string(8000, 'p')), std::string(7716, 'p'));
+    // Loaded again at every start of a device that runs for years: no mapping may stay behind.
+    std::ifstream maps("/proc/self/maps");
+    const std::string mapped((std::istreambuf_iterator<char>(maps)), std::istreambuf_iterator<char>());
+    EXPECT_EQ(mapped.find("serialconfig.bsn"), std::string::npos);
 }
