@@ -41,6 +41,15 @@ inline std::string TruckDevicePath(const char* devicePath) {
     return path + (devicePath != nullptr ? devicePath : "");
 }
 
+// strerror is not safe when several threads fail at once. strerror_r answers in one of two
+// flavours, XSI's status or GNU's text, depending on the C library; both land here.
+inline const char* TruckErrorText(int result, const char* buffer) {
+    return result == 0 ? buffer : "Unknown error";
+}
+inline const char* TruckErrorText(const char* result, const char*) {
+    return result;
+}
+
 // ---- Little-endian records ----
 // Records exchanged with the platform and the bus are little-endian at fixed offsets; these
 // read and write them byte by byte, whatever the host's byte order and alignment.

@@ -19,14 +19,6 @@ constexpr unsigned long kGbTableLast = 0x9FA5;
 const char kGbTablePath[] = "./fonts/gb2312fonttable";
 static_assert(sizeof(unsigned short) == 2, "a table entry fills the result exactly");
 
-// strerror is not safe when several threads look up at once; both strerror_r flavours land here.
-inline const char* ErrorText(int result, const char* buffer) {
-    return result == 0 ? buffer : "Unknown error";
-}
-inline const char* ErrorText(const char* result, const char*) {
-    return result;
-}
-
 // Closes the table on every way out of a look-up.
 class TableFile {
 public:
@@ -95,14 +87,14 @@ int UnicodeToGb2312(unsigned long codePoint, unsigned short& gbCode) {
     if (table.fd() < 0) {
         const int error = errno;
         printf("open gb2312fonttable faild, error = %s\n",
-               ErrorText(strerror_r(error, errorBuffer, sizeof errorBuffer), errorBuffer));
+               TruckErrorText(strerror_r(error, errorBuffer, sizeof errorBuffer), errorBuffer));
         return -1;
     }
     const int offset = static_cast<int>(2 * (codePoint - kGbTableFirst));
     if (lseek(table.fd(), offset, SEEK_SET) == static_cast<off_t>(-1)) {
         const int error = errno;
         printf("lseek gb2312fonttable to [%d] faild, error = %s\n", offset,
-               ErrorText(strerror_r(error, errorBuffer, sizeof errorBuffer), errorBuffer));
+               TruckErrorText(strerror_r(error, errorBuffer, sizeof errorBuffer), errorBuffer));
         return -1;
     }
     // The entry is read whole before gbCode is touched, so a short table leaves the caller's
@@ -116,7 +108,7 @@ int UnicodeToGb2312(unsigned long codePoint, unsigned short& gbCode) {
         // A short read at the end of a cut table sets no errno; "no data" is what happened.
         const int error = got < 0 ? errno : ENODATA;
         printf("read gb2312fonttable faild, erro = %s\n",
-               ErrorText(strerror_r(error, errorBuffer, sizeof errorBuffer), errorBuffer));
+               TruckErrorText(strerror_r(error, errorBuffer, sizeof errorBuffer), errorBuffer));
         return -1;
     }
     memcpy(&gbCode, entry, sizeof entry);

@@ -24,14 +24,6 @@ namespace {
 // Device paths are at most this long; the working copy of make_directory holds one more byte.
 constexpr size_t kMaxPathLength = 255;
 
-// strerror is not safe when several threads fail at once; both strerror_r flavours land here.
-inline const char* ErrorText(int result, const char* buffer) {
-    return result == 0 ? buffer : "Unknown error";
-}
-inline const char* ErrorText(const char* result, const char*) {
-    return result;
-}
-
 // mkdir that counts an existing directory as success. A non-directory in the way is a
 // failure: the caller was promised a directory.
 bool CreateOneDirectory(const char* path) {
@@ -47,7 +39,7 @@ bool CreateOneDirectory(const char* path) {
     }
     char errorBuffer[128];
     TRUCK_LOG(2, "mkdir %s failed, error = %s\n", path,
-              ErrorText(strerror_r(error, errorBuffer, sizeof errorBuffer), errorBuffer));
+              TruckErrorText(strerror_r(error, errorBuffer, sizeof errorBuffer), errorBuffer));
     return false;
 }
 
