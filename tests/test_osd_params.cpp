@@ -50,7 +50,9 @@ TEST_F(OsdParams, TheCycleWaitsForBothGroupsRetriesEveryTwoSecondsAndShiftsTheWh
         EXPECT_EQ(requests(), asked + asks) << at;
         asked = requests();
     }
-    Apply(*business, Doc(std::string(kTimep) + R"("EOSD":{"TX":5})"));  // the positions not yet
+    for (const char* eosd : {R"("EOSD":{"TX":5})", R"("EOSD":[])"}) {  // the positions not yet
+        Apply(*business, Doc(std::string(kTimep) + eosd));
+    }
     business->business_cycle_running(t0 + 6000);
     EXPECT_EQ(requests(), ++asked);
     EXPECT_TRUE(Overlays(kTime).empty() && Overlays(kSpeed).empty());

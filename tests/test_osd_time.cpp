@@ -70,6 +70,7 @@ TEST_F(OsdTime, TheLabelAndTheOffsetOfEachZoneAndTheChannelsOfUtcMode) {
         {R"({"TIMEZ":"0","TIMEZEX":"-330"})", "07/02/2024 20:30:##", "GMT-05:30", 0x0F},
         {R"({"TIMEZ":"0","TIMEZEX":"570"})", "07/03/2024 11:30:##", "GMT+09:30", 0x0F},
         {R"({"TIMEZ":"0","TIMEZEX":"-30"})", "07/03/2024 01:30:##", "GMT+00:00", 0x0F},
+        {R"({"TIMEZ":"0","TIMEZEX":"59"})", "07/03/2024 02:59:##", "GMT+00:00", 0x0F},
         // ENU decides when it is a number: 0 turns UTC mode off although TIMEZ is 0.
         {R"({"TIMEZ":"0","TIMEZEX":"600","ENU":0})", "07/03/2024 02:00:##", "GMT+00:00", 0x3F},
         {R"({"TIMEZ":"0","TIMEZEX":"600","ENU":2})", "07/03/2024 02:00:##", "GMT+00:00", 0x3F},
