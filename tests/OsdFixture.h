@@ -128,6 +128,7 @@ protected:
         std::vector<Bytes> out;
         for (const nvx::BusMessage& m : nvx::SentMessages()) {
             if (m.event == event) {
+                EXPECT_TRUE(m.destination == 0 && m.flag == 0) << event;
                 out.push_back(m.payload);
             }
         }

@@ -34,7 +34,7 @@ std::vector<LogBatch> SentBatches() {
         }
         EXPECT_EQ(m.client, "truckbusiness.02");
         EXPECT_EQ(m.source, nvx::SourceIdOf("truckbusiness.02"));
-        EXPECT_EQ(m.flag, 0);
+        EXPECT_TRUE(m.flag == 0 && m.destination == 0);
         LogBatch batch;
         batch.length = m.payload.size();
         EXPECT_GE(m.payload.size(), 8u);

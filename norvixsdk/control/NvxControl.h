@@ -49,6 +49,7 @@ struct BusMessage {
     // whether the message went out as a JQ_SDK_MSG_Response.
     int session = 0;
     int flag = 0;
+    int destination = 0;  // MSGSendMessage's first argument
     bool response = false;
 };
 // Queues an event for every client that has a handler registered for it; returns how many.

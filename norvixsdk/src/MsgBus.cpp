@@ -405,7 +405,7 @@ int CMsgClientManage::MSGFeedWatchDog(unsigned long long /*nowMs*/) {
     return 0;
 }
 
-int CMsgClientManage::MSGSendMessage(int /*destination*/, int eventId, int flag, const char* data, int length,
+int CMsgClientManage::MSGSendMessage(int destination, int eventId, int flag, const char* data, int length,
                                      int sourceId) {
     nvx::detail::CountCall("MSGSendMessage");
     if (length < 0 || (data == nullptr && length > 0)) {
@@ -419,6 +419,7 @@ int CMsgClientManage::MSGSendMessage(int /*destination*/, int eventId, int flag,
     message.payload.assign(reinterpret_cast<const uint8_t*>(data),
                            reinterpret_cast<const uint8_t*>(data) + length);
     message.flag = flag;
+    message.destination = destination;
     nvx::detail::PostBusMessage(message);
     return 0;
 }
