@@ -511,6 +511,8 @@ def main():
     parser.add_argument("--min-score", type=float, default=0, help="exit 1 below this percentage")
     parser.add_argument("--list", action="store_true", help="print the points and stop")
     parser.add_argument("--json", help="write every mutant and its outcome to this file")
+    parser.add_argument("--survivors-of", metavar="JSON",
+                        help="try again only the survivors of an earlier run's --json, found by name")
     args = parser.parse_args()
 
     tree = os.path.abspath(args.tree)
@@ -538,6 +540,10 @@ def main():
             print(f"{m.where()}: {m.function}: {m.change}")
         print(f"{len(points)} points", file=sys.stderr)
         return 0
+    if args.survivors_of:
+        wanted = {f"{m['path']}:{m['function']}: {m['change']}" for m in json.load(open(args.survivors_of))
+                  if m["outcome"] == "survived"}
+        points = [m for m in points if m.key() in wanted]
     rng = random.Random(args.seed)
     chosen = rng.sample(points, args.sample) if 0 < args.sample < len(points) else list(points)
     if not args.budget:

@@ -193,7 +193,8 @@ TEST_F(Hub, BusEventsGoOutByTypeAndComeInThroughOneRegistrationPerEvent) {
 
     // Sessions 5 to 11: every type on one event, a local delivery, the lowest and highest bus events.
     const int events[] = {0x3001, 0x3001, 0x3001, 0x3002, 0x3001, 0x1000, 0x100FF};
-    const int types[] = {MSG_TYPE_SEND, MSG_TYPE_REQUEST, MSG_TYPE_RESPONSE, MSG_TYPE_LOCAL, 7, 0, 1};
+    // The numbers callers put in the type: 0 send, 1 request, 2 response, 3 local.
+    const int types[] = {0, 1, 2, 3, 7, 0, 1};
     std::vector<std::string> traces;
     for (int i = 0; i < 7; ++i) {
         const std::string text = "m" + std::to_string(i);
