@@ -89,10 +89,13 @@ class Mutant:
 
 # ---- finding mutation points -----------------------------------------------------------------
 
-def compile_args(tree, build_dir, path):
-    """The flags the build uses for a source file, or those of a sibling for a header."""
+def load_compile_db(build_dir):
     db_file = os.path.join(build_dir, "compile_commands.json")
-    db = json.load(open(db_file)) if os.path.exists(db_file) else []
+    return json.load(open(db_file)) if os.path.exists(db_file) else []
+
+
+def compile_args(tree, db, path):
+    """The flags the build uses for a source file, or those of a sibling for a header."""
     absolute = os.path.join(tree, path)
     chosen = None
     for entry in db:
@@ -142,7 +145,7 @@ def enclosing_function(parents):
     return names[-1] if names else "<file>"
 
 
-def in_function_body(cursor, parents):
+def in_function_body(parents):
     return any(p.kind in FUNCTION_KINDS for p in parents)
 
 
@@ -164,13 +167,13 @@ def int_variants(text):
 class PointFinder:
     def __init__(self, tree, build_dir):
         self.tree = tree
-        self.build_dir = build_dir
+        self.compile_db = load_compile_db(build_dir)
         self.index = ci.Index.create()
 
     def find(self, path):
         absolute = os.path.realpath(os.path.join(self.tree, path))
         data = open(absolute, "rb").read()
-        unit = self.index.parse(absolute, args=compile_args(self.tree, self.build_dir, path))
+        unit = self.index.parse(absolute, args=compile_args(self.tree, self.compile_db, path))
         lines = data.split(b"\n")
         points = {}
         self._walk(unit.cursor, [], absolute, data, lines, path, points)
@@ -205,7 +208,7 @@ class PointFinder:
         start, end = extent.start.offset, extent.end.offset
         if start >= end or end > len(data):
             return
-        body = in_function_body(cursor, parents)
+        body = in_function_body(parents)
         kind = cursor.kind
         if body:
             self._statement_removal(cursor, parents, data, lines, path, points, start, end)
@@ -313,12 +316,16 @@ def list_tests(build_dir):
     return tests
 
 
+def start(test):
+    """The test in a process group of its own, so that a time-out ends its children too."""
+    return subprocess.Popen(test.command, cwd=test.cwd, env=dict(os.environ, **test.env),
+                            stdout=subprocess.DEVNULL, stderr=subprocess.DEVNULL, start_new_session=True)
+
+
 def run_one(test, timeout):
-    """'pass', 'fail' or 'timeout'; the test runs in a process group of its own."""
-    env = dict(os.environ, **test.env)
+    """'pass', 'fail' or 'timeout', and the seconds it took."""
     started = time.monotonic()
-    proc = subprocess.Popen(test.command, cwd=test.cwd, env=env, stdout=subprocess.DEVNULL,
-                            stderr=subprocess.DEVNULL, start_new_session=True)
+    proc = start(test)
     try:
         code = proc.wait(timeout=timeout)
     except subprocess.TimeoutExpired:
@@ -351,9 +358,7 @@ def run_until_failure(pending, running, jobs, timeout_of):
     while pending or running:
         while pending and len(running) < jobs and outcome[0] == "pass":
             test = pending.pop(0)
-            proc = subprocess.Popen(test.command, cwd=test.cwd, env=dict(os.environ, **test.env),
-                                    stdout=subprocess.DEVNULL, stderr=subprocess.DEVNULL, start_new_session=True)
-            running.append((proc, test, time.monotonic()))
+            running.append((start(test), test, time.monotonic()))
         if not running:
             break
         time.sleep(0.02)
