@@ -132,6 +132,18 @@ void ReleaseTickCount();
 // OsUtilsSleep returns at once (it is still recorded).
 std::vector<unsigned int> SleepsOfThisThread();
 void SetSleepsInstant(bool instant);
+// Faults in platform calls, by the names CallCount uses; Reset clears them and opens gates.
+// The next `count` calls throw std::bad_alloc, as an allocation inside them that failed would
+// (every counted operation).
+void ThrowBadAllocIn(const std::string& operation, int count);
+// The next `count` calls fail (OsUtilsCreateThread: -1 and no thread). A thread created by
+// OsUtilsCreateThread counts "OsUtilsThreadStart" before its entry runs, where a gate holds it.
+void FailCalls(const std::string& operation, int count);
+// Calls stop at the operation's gate until it is opened: a platform call that takes as long
+// as the test wants. WaitForCallAtGate waits until one is held there.
+void CloseGate(const std::string& operation);
+void OpenGate(const std::string& operation);
+bool WaitForCallAtGate(const std::string& operation, int timeoutMs);
 // Threads started with OsUtilsCreateThread that have not yet returned.
 int RunningThreads();
 bool WaitForThreadsToEnd(int timeoutMs);

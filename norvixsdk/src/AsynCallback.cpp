@@ -26,7 +26,9 @@ struct CAsynCallback::Impl {
 };
 
 CAsynCallback::CAsynCallback(unsigned int id, unsigned short maxEntries, unsigned short /*reserved*/)
-    : m_impl(new Impl) {
+    : m_impl(nullptr) {
+    nvx::detail::CountCall("CAsynCallback");
+    m_impl = new Impl;
     m_impl->id = id;
     if (maxEntries != 0) {
         m_impl->maxEntries = maxEntries;

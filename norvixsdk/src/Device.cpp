@@ -5,18 +5,29 @@
 
 #include <atomic>
 #include <chrono>
+#include <condition_variable>
 #include <map>
 #include <mutex>
+#include <new>
 
 #include "JQ_LOG.h"
 
 namespace nvx {
 namespace {
 
+struct CallFaults {
+    int throws = 0;
+    int failures = 0;
+    bool gateClosed = false;
+    int atGate = 0;
+};
+
 struct DeviceState {
     std::mutex mutex;
     DeviceProfile profile;
     std::map<std::string, uint64_t> calls;
+    std::map<std::string, CallFaults> faults;
+    std::condition_variable gate;  // a gate opened, or a call came to one
 };
 
 DeviceState& State() {
@@ -45,10 +56,31 @@ uint64_t ElapsedMs() {
             .count());
 }
 
-void CountCall(const char* operation) {
+bool CountCall(const char* operation) {
     DeviceState& s = State();
-    std::lock_guard<std::mutex> lock(s.mutex);
+    std::unique_lock<std::mutex> lock(s.mutex);
     ++s.calls[operation];
+    auto found = s.faults.find(operation);
+    if (found == s.faults.end()) {
+        return false;
+    }
+    // Map entries stay where they are while the gate is waited at: nothing erases them.
+    CallFaults& faults = found->second;
+    if (faults.gateClosed) {
+        ++faults.atGate;
+        s.gate.notify_all();
+        s.gate.wait(lock, [&faults] { return !faults.gateClosed; });
+        --faults.atGate;
+    }
+    if (faults.throws > 0) {
+        --faults.throws;
+        throw std::bad_alloc();
+    }
+    if (faults.failures > 0) {
+        --faults.failures;
+        return true;
+    }
+    return false;
 }
 
 int64_t WallOffsetSeconds() {
@@ -131,12 +163,49 @@ uint64_t CallCount(const std::string& operation) {
     return it == s.calls.end() ? 0 : it->second;
 }
 
+void ThrowBadAllocIn(const std::string& operation, int count) {
+    DeviceState& s = State();
+    std::lock_guard<std::mutex> lock(s.mutex);
+    s.faults[operation].throws = count;
+}
+
+void FailCalls(const std::string& operation, int count) {
+    DeviceState& s = State();
+    std::lock_guard<std::mutex> lock(s.mutex);
+    s.faults[operation].failures = count;
+}
+
+void CloseGate(const std::string& operation) {
+    DeviceState& s = State();
+    std::lock_guard<std::mutex> lock(s.mutex);
+    s.faults[operation].gateClosed = true;
+}
+
+void OpenGate(const std::string& operation) {
+    DeviceState& s = State();
+    std::lock_guard<std::mutex> lock(s.mutex);
+    s.faults[operation].gateClosed = false;
+    s.gate.notify_all();
+}
+
+bool WaitForCallAtGate(const std::string& operation, int timeoutMs) {
+    DeviceState& s = State();
+    std::unique_lock<std::mutex> lock(s.mutex);
+    CallFaults& faults = s.faults[operation];
+    return s.gate.wait_for(lock, std::chrono::milliseconds(timeoutMs),
+                           [&faults] { return faults.atGate > 0; });
+}
+
 void Reset() {
     {
         DeviceState& s = State();
         std::lock_guard<std::mutex> lock(s.mutex);
         s.profile = DeviceProfile();
         s.calls.clear();
+        for (auto& entry : s.faults) {
+            entry.second = CallFaults{0, 0, false, entry.second.atGate};
+        }
+        s.gate.notify_all();
     }
     g_wallOffsetSeconds.store(0);
     g_zoneMovesClock.store(false);

@@ -15,7 +15,9 @@ namespace detail {
 // Milliseconds since the stand-in was first used.
 uint64_t ElapsedMs();
 
-void CountCall(const char* operation);
+// Counts a call of an operation and applies the faults a test set for it: waits at its gate,
+// throws std::bad_alloc, or answers true when the call must fail.
+bool CountCall(const char* operation);
 
 // Whole seconds from the host's clock to the device clock that SetWallClock set.
 int64_t WallOffsetSeconds();

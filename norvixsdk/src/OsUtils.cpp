@@ -45,6 +45,8 @@ struct Start {
 void* RunCounted(void* raw) {
     Start start = *static_cast<Start*>(raw);
     delete static_cast<Start*>(raw);
+    // Counted, so that a test can hold a new thread at a gate: a thread the scheduler runs late.
+    detail::CountCall("OsUtilsThreadStart");
     void* result = start.entry(start.arg);
     ThreadState& t = Threads();
     {
@@ -109,13 +111,13 @@ void ResetThreads() {
 
 int OsUtilsCreateThread(pthread_t* handle, OsUtilsThreadEntry entry, void* arg, unsigned int stackSize,
                         int flag) {
-    nvx::detail::CountCall("OsUtilsCreateThread");
+    const bool fails = nvx::detail::CountCall("OsUtilsCreateThread");
     {
         nvx::ThreadState& t = nvx::Threads();
         std::lock_guard<std::mutex> lock(t.mutex);
         t.created.emplace_back(stackSize, flag);
     }
-    if (entry == nullptr) {
+    if (entry == nullptr || fails) {
         return -1;
     }
     pthread_attr_t attr;
