@@ -45,16 +45,16 @@ public:
     OsdBusiness() {
         memset(&m_config, 0, sizeof(m_config));
         m_config.usVideoInNum = 4;
-        m_manage = new CTruckServiceManage(&m_config);
+        m_manage = std::make_shared<CTruckServiceManage>(&m_config);
         // A client of its own makes the business a shared-thread one: it runs on the caller's thread.
         m_client = new CMsgClientManage("osdbench", kTruckClientDepth, nullptr);
         Json::Value param(Json::objectValue);
-        m_osd = new CTruckOsdService(m_manage, m_client, 7, m_name, 0, param);
+        m_osd = new CTruckOsdService(m_manage.get(), m_client, 7, m_name, 0, param);
     }
     ~OsdBusiness() {
         delete m_osd;  // a shared-thread business leaves its client to its maker
         delete m_client;
-        m_manage->basic_release();
+        m_manage.reset();
     }
     OsdBusiness(const OsdBusiness&) = delete;
     OsdBusiness& operator=(const OsdBusiness&) = delete;
@@ -90,7 +90,7 @@ public:
 private:
     tagGlobalConfig m_config;
     char m_name[4] = "osd";
-    CTruckServiceManage* m_manage;
+    std::shared_ptr<CTruckServiceManage> m_manage;
     CMsgClientManage* m_client;
     CTruckOsdService* m_osd;
 };

@@ -34,7 +34,10 @@ inline Pair& Businesses() {
         // IP channels as well as analog ones, so that the masks of the Seven line differ.
         config.usVideoInNum = 4;
         config.usVideoIpNum = 2;
-        CTruckServiceManage* manage = new CTruckServiceManage(&config);
+        // Kept for the whole run, shared as the service shares it: the platform's callbacks
+        // reach a business only while its manager is alive.
+        CTruckServiceManage* manage =
+            (new std::shared_ptr<CTruckServiceManage>(std::make_shared<CTruckServiceManage>(&config)))->get();
         // A client of its own makes the business a shared-thread one: its handlers run here.
         CMsgClientManage* client = new CMsgClientManage("osdfuzz", kTruckClientDepth, nullptr);
         static char name[] = "osd";

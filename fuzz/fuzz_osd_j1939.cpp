@@ -8,7 +8,7 @@
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
     CTruckOsdService& osd = osdfuzz::Fresh();
     const osdfuzz::Payload payload(data, size);
-    CallbackCanTruckOsdServiceEvent(payload.data(), payload.length(), &osd, nullptr);
+    CallbackCanTruckOsdServiceEvent(payload.data(), payload.length(), osd.LiveToken(), nullptr);
     // The bus gives one side of the turn signal at a time; "both" only comes from combining.
     const uint8_t state = osd.m_OBDturnState.load();
     if (state > 2 || (state != 0 && payload.length() < 20)) {

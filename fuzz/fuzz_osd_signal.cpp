@@ -8,7 +8,7 @@
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
     CTruckOsdService& osd = osdfuzz::Fresh();
     const osdfuzz::Payload payload(data, size);
-    CTruckOsdService::MonitorIoUseInfo(payload.data(), payload.length(), &osd, nullptr);
+    CTruckOsdService::MonitorIoUseInfo(payload.data(), payload.length(), osd.LiveToken(), nullptr);
     // Every text the callback takes, usable or not, announces the IO state it leaves.
     const std::vector<nvx::BusMessage> sent = osdfuzz::SentOf(kOsdEventIoTurn);
     if (size == 0) {

@@ -7,6 +7,7 @@
 
 #include <filesystem>
 #include <fstream>
+#include <memory>
 #include <string>
 #include <system_error>
 
@@ -15,10 +16,11 @@
 #include "TruckServiceManage.h"
 
 struct CycleRunner {
-    explicit CycleRunner(CTruckServiceManage* manage) : args{manage, &param} {
+    explicit CycleRunner(const std::shared_ptr<CTruckServiceManage>& manage)
+        : args{manage.get(), &param, manage} {
         param.ucReserved0 = 0;
         param.ucRunning.store(0);
-        manage->basic_hold();
+        manage->basic_cycle_starting();
         pthread_t handle;
         OsUtilsCreateThread(&handle, service_thread_entry, &args, 0x80000, 1);
     }
@@ -48,12 +50,10 @@ protected:
         }
         nvx::SetSystemRoot(m_device.path());
         config = MakeGlobalConfig();
-        manage = new CTruckServiceManage(&config);
+        manage = std::make_shared<CTruckServiceManage>(&config);
     }
     void TearDown() override {
-        if (manage != nullptr) {
-            manage->basic_release();
-        }
+        manage.reset();
         nvx::SetSystemRoot("");
         DeviceTest::TearDown();
     }
@@ -70,7 +70,7 @@ protected:
 
     TempFolder m_device;
     tagGlobalConfig config;
-    CTruckServiceManage* manage = nullptr;
+    std::shared_ptr<CTruckServiceManage> manage;
 };
 
 #endif

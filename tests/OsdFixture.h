@@ -55,7 +55,7 @@ protected:
     void StartStore() { ASSERT_NE(JQ_SDK_Global_Initialize(kStorePath), nullptr); }
     // Runs the main cycle of the manager, or of a new one after a stop.
     void RunCycle() {
-        manage = manage != nullptr ? manage : new CTruckServiceManage(&config);
+        manage = manage != nullptr ? manage : std::make_shared<CTruckServiceManage>(&config);
         m_runner = std::make_unique<CycleRunner>(manage);
     }
     // As the service stops: the manager and its businesses, then the global SDK; `stopped`
@@ -68,8 +68,7 @@ protected:
             if (stopped) {
                 stopped();
             }
-            manage->basic_release();
-            manage = nullptr;
+            manage.reset();
             m_runner.reset();  // the cycle no longer writes its parameter block
         }
     }
@@ -111,7 +110,7 @@ protected:
         Json::Value none;
         char name[] = "truckosd_direct";
         auto business = std::make_unique<CTruckOsdService>(
-            manage, client ? manage->basic_get_msg_client() : nullptr, 7, name, 0, none);
+            manage.get(), client ? manage->basic_get_msg_client() : nullptr, 7, name, 0, none);
         business->m_customerType = customerType;
         return business;
     }

@@ -110,7 +110,7 @@ TEST_F(BusinessLoading, AMissingOrBrokenFileLoadsNothing) {
 }
 
 TEST_F(BusinessLoading, UnknownAndDuplicateIdsAreLoggedAndLoadingGoesOn) {
-    auto* placeholder = new Placeholder(manage, 5);
+    auto* placeholder = new Placeholder(manage.get(), 5);
     EXPECT_EQ(placeholder->business_start(), 0) << "the base class's hooks succeed";
     ASSERT_EQ(manage->basic_register_business(5, placeholder), 0);
     WriteConfig(Element(R"({"BUSINESS_ENABLE": "true", "BUSINESS_ID": 3, "BUSINESS_NAME": "nobody"},

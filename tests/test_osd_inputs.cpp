@@ -71,11 +71,11 @@ TEST_F(OsdInputs, SpeedUnitAndTurnMarksFromBothSourcesCombineAndBadRecordsAreRef
     business->OnUpdateSpeedInfo(nullptr, 28);
     business->OnUpdateJ1939DataInfo(record, 19);
     // One byte is a record to refuse, not a call.
-    CallbackCanTruckOsdServiceEvent(record, 1, business.get(), nullptr);
+    CallbackCanTruckOsdServiceEvent(record, 1, business->LiveToken(), nullptr);
     EXPECT_TRUE(Logged("TRUCK", 0, "j1939 data info length error\n") &&
                 !Logged("TRUCK", 0, "Param handle failed, len = 1\n"));
     const std::tuple<const char*, int, void*> bad[] = {
-        {record, 0, business.get()}, {nullptr, 20, business.get()}, {record, 21, nullptr}};
+        {record, 0, business->LiveToken()}, {nullptr, 20, business->LiveToken()}, {record, 21, nullptr}};
     for (const auto& [data, size, to] : bad) {
         CallbackCanTruckOsdServiceEvent(data, size, to, nullptr);
         CTruckOsdService::MonitorIoUseInfo(data, size, to, nullptr);

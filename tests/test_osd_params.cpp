@@ -144,3 +144,60 @@ TEST_F(OsdParams, SwitchingTheWatermarkOnWritesTheNormalThenTheWatermarkLayout) 
                               DecodeOverlay(m.payload).x != 777));
     }
 }
+
+// A notification the business's queue refuses (full) is not lost for good: the business's next
+// cycle asks the store for both groups again, once.
+TEST_F(OsdParams, ANotificationTheQueueRefusesIsAskedForAgainOnTheNextCycle) {
+    auto business = Direct();
+    const std::string doc = Doc(kTimep + std::string(kPlaces));
+    Apply(*business, doc);  // nothing pending: the cycle's own retry stays out of the count
+    for (int i = 0; i < 1024; ++i) {
+        OSDParamCallback(doc.data(), static_cast<int>(doc.size()), business->LiveToken(), nullptr);
+    }
+    EXPECT_FALSE(Logged("TRUCK", 1, "osd param notification lost, request again\n"));
+    OSDParamCallback(doc.data(), static_cast<int>(doc.size()), business->LiveToken(), nullptr);
+    EXPECT_TRUE(Logged("TRUCK", 1, "osd param notification lost, request again\n"));
+    const size_t asked = nvx::ParamGetRequests().size();
+    business->business_cycle_running(1000);
+    business->business_cycle_running(1500);
+    EXPECT_EQ(nvx::ParamGetRequests().size(), asked + 1);
+}
+
+// The platform's callbacks into a business hold no lock while they call out: a bus send that
+// blocks in one of them (here the signal thread's turn announcement) leaves the others free.
+// And a business made again is reached only by its own registrations.
+TEST_F(OsdParams, CallbacksDoNotWaitForEachOtherAndReachOnlyTheirOwnBusiness) {
+    auto business = Direct();
+    nvx::CloseGate("MSGSendMessage");
+    const std::string turn = Turn(0, 1);
+    std::thread signal([&] {
+        CTruckOsdService::MonitorIoUseInfo(turn.data(), static_cast<int>(turn.size()), business->LiveToken(),
+                                           nullptr);
+    });
+    ASSERT_TRUE(nvx::WaitForCallAtGate("MSGSendMessage", kGenerousMs));
+    const Bytes can = Can(2);
+    std::thread bus([&] {
+        CallbackCanTruckOsdServiceEvent(reinterpret_cast<const char*>(can.data()),
+                                        static_cast<int>(can.size()), business->LiveToken(), nullptr);
+    });
+    EXPECT_TRUE(Eventually([&] { return business->m_OBDturnState.load() == 2; }))
+        << "the CAN callback waited for the blocked signal callback";
+    nvx::OpenGate("MSGSendMessage");
+    signal.join();
+    bus.join();
+
+    // The first business's signal monitor stays after it; the next one, likely at the same
+    // address, gets nothing through it, and exactly one call through its own.
+    business->RegisterMessage();
+    business->business_uninit();
+    business.reset();
+    business = Direct();
+    for (int registered = 0; registered < 2; ++registered) {
+        nvx::ClearSentMessages();
+        nvx::InjectDevSignal(turn.data(), turn.size());
+        ASSERT_TRUE(nvx::WaitForPeripheralIdle(kGenerousMs));
+        EXPECT_EQ(Payloads(kEventIoTurn).size(), static_cast<size_t>(registered)) << registered;
+        business->RegisterMessage();
+    }
+    business->business_uninit();
+}

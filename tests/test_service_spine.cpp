@@ -5,6 +5,7 @@
 
 #include <atomic>
 #include <condition_variable>
+#include <future>
 #include <mutex>
 #include <set>
 #include <string>
@@ -104,6 +105,33 @@ using ServiceObject = DeviceTest;
 using Business = DeviceTest;
 using MainCycle = DeviceTest;
 
+// The service on a device whose business configuration enables the OSD business on its own
+// thread, with platform calls that a test makes stall, throw or fail.
+class ServiceFaults : public ManagerOnDevice {
+protected:
+    ServiceFaults() : ManagerOnDevice("test_service_faults") {}
+    void SetUp() override {
+        ASSERT_NO_FATAL_FAILURE(ManagerOnDevice::SetUp());
+        WriteDeviceFile("/usr/local/cfg/truckbusiness.jsn",
+                        R"({"BUSINESS_CONFIG":[{"BUSINESS_ENABLE":"true","BUSINESS_ID":7,)"
+                        R"("BUSINESS_NAME":"truckosd","BUSINESS_THREAD":"true"}]})");
+        param.ucRunning.store(0);
+        manage.reset();  // the service makes its own
+    }
+    // Stops the service on another thread while a platform call is held at its gate: true if
+    // the stop returned before the gate is opened.
+    bool StopReturnsWhileHeld(const char* gate) {
+        auto stop = std::async(std::launch::async, [this] { return JQ_SDK_Service_Stop(&param); });
+        const bool returned =
+            stop.wait_for(std::chrono::milliseconds(kGenerousMs)) == std::future_status::ready;
+        nvx::OpenGate(gate);
+        return returned;
+    }
+    static constexpr const char* kStillInUse =
+        "Service manage still in use by a thread, it goes when the thread ends\n";
+    tag_ServiceParam param;
+};
+
 }  // namespace
 
 TEST_F(ServiceObject, NullBlocksAreRefusedWithoutSideEffects) {
@@ -186,19 +214,19 @@ TEST_F(MainCycle, RunsOnWithoutTheBasicSdk) {
     EXPECT_EQ(nvx::CallCount("JQ_SDK_Basic_Deinitialize"), 0u);
 
     tagGlobalConfig config = MakeGlobalConfig();
-    auto* manage = new CTruckServiceManage(&config);
+    auto manage = std::make_shared<CTruckServiceManage>(&config);
     EXPECT_EQ(manage->basic_init(), -1);
     nvx::SetBasicInitFails(false);
     EXPECT_EQ(manage->basic_init(), 0);
     JQ_SDK_Basic_Deinitialize(manage->GetBasicSDKHandle());
-    manage->basic_release();
+    manage.reset();
 }
 
 TEST_F(Business, SharedThreadRunsCallbacksAndCyclesOnTheCallersTicks) {
     tagGlobalConfig config = MakeGlobalConfig();
-    auto* manage = new CTruckServiceManage(&config);
+    auto manage = std::make_shared<CTruckServiceManage>(&config);
     {
-        ProbeBusiness business(manage, manage->basic_get_msg_client(), 3,
+        ProbeBusiness business(manage.get(), manage->basic_get_msg_client(), 3,
                                "shared_probe_name_well_over_31_chars");
         EXPECT_STREQ(business.business_get_name(), "shared_probe_name_well_over_31_");
         business.initResult = -5;
@@ -233,13 +261,13 @@ TEST_F(Business, SharedThreadRunsCallbacksAndCyclesOnTheCallersTicks) {
         EXPECT_TRUE(nvx::SleepsOfThisThread().empty()) << "nothing to wait for";
     }
     EXPECT_TRUE(nvx::HasClient("truckbusiness.02")) << "the manager's client outlives the business";
-    manage->basic_release();
+    manage.reset();
 }
 
 TEST_F(Business, OwnThreadRunsInitCallbacksEventsAndCyclesOnItsThread) {
     tagGlobalConfig config = MakeGlobalConfig();
-    auto* manage = new CTruckServiceManage(&config);
-    auto* business = new ProbeBusiness(manage, nullptr, 5, "own_probe", 50);
+    auto manage = std::make_shared<CTruckServiceManage>(&config);
+    auto* business = new ProbeBusiness(manage.get(), nullptr, 5, "own_probe", 50);
     ASSERT_EQ(business->business_get_is_independ(), 1);
 
     business->Queue("early");
@@ -281,7 +309,7 @@ TEST_F(Business, OwnThreadRunsInitCallbacksEventsAndCyclesOnItsThread) {
         EXPECT_EQ(business->cycleThreads, std::set<std::string>{"own_probe"});
     }
     ASSERT_TRUE(manage->basic_register_business(5, business) == 0);
-    manage->basic_release();
+    manage.reset();
     EXPECT_TRUE(nvx::WaitForThreadsToEnd(kGenerousMs));
     EXPECT_FALSE(nvx::HasClient("own_probe")) << "its client goes with it";
     EXPECT_FALSE(Logged("TRUCK", 2, "Create business thread failed\n"));
@@ -289,9 +317,9 @@ TEST_F(Business, OwnThreadRunsInitCallbacksEventsAndCyclesOnItsThread) {
 
 TEST_F(MainCycle, DrivesSharedBusinessesAndLeavesOwnThreadsAlone) {
     tagGlobalConfig config = MakeGlobalConfig();
-    auto* manage = new CTruckServiceManage(&config);
-    auto* shared = new ProbeBusiness(manage, manage->basic_get_msg_client(), 2, "shared_probe");
-    auto* own = new ProbeBusiness(manage, nullptr, 9, "own_probe");
+    auto manage = std::make_shared<CTruckServiceManage>(&config);
+    auto* shared = new ProbeBusiness(manage.get(), manage->basic_get_msg_client(), 2, "shared_probe");
+    auto* own = new ProbeBusiness(manage.get(), nullptr, 9, "own_probe");
     ASSERT_EQ(shared->business_start(), 0);
     ASSERT_EQ(own->business_start(), 0);
     ASSERT_EQ(manage->basic_register_business(2, shared), 0);
@@ -323,7 +351,7 @@ TEST_F(MainCycle, DrivesSharedBusinessesAndLeavesOwnThreadsAlone) {
         std::lock_guard<std::mutex> lock(own->mutex);
         EXPECT_EQ(own->cycleThreads, std::set<std::string>{"own_probe"});
     }
-    manage->basic_release();
+    manage.reset();
     EXPECT_TRUE(nvx::WaitForThreadsToEnd(kGenerousMs));
     EXPECT_EQ(g_destroyed.load(), 2);
 }
@@ -332,8 +360,8 @@ TEST_F(MainCycle, DrivesSharedBusinessesAndLeavesOwnThreadsAlone) {
 // nothing is destroyed until that thread has really left.
 TEST_F(MainCycle, StopIsBoundedAndNeverFreesUnderARunningThread) {
     tagGlobalConfig config = MakeGlobalConfig();
-    auto* manage = new CTruckServiceManage(&config);
-    auto* stuck = new ProbeBusiness(manage, nullptr, 4, "stuck_probe", 10);
+    auto manage = std::make_shared<CTruckServiceManage>(&config);
+    auto* stuck = new ProbeBusiness(manage.get(), nullptr, 4, "stuck_probe", 10);
     stuck->holdCycle = true;
     ASSERT_EQ(stuck->business_start(), 0);
     ASSERT_EQ(manage->basic_register_business(4, stuck), 0);
@@ -347,7 +375,7 @@ TEST_F(MainCycle, StopIsBoundedAndNeverFreesUnderARunningThread) {
     EXPECT_EQ(manage->basic_uninit(), 0);
     EXPECT_EQ(stuck->business_get_thread_state(), 2) << "the business thread is still in its cycle";
 
-    manage->basic_release();  // the owner lets go; the stuck thread still holds the manager
+    manage.reset();  // the owner lets go; the stuck thread still holds the manager
     EXPECT_EQ(g_destroyed.load(), 0);
     EXPECT_TRUE(nvx::HasClient("truckbusiness.02"));
 
@@ -373,15 +401,15 @@ TEST_F(ServiceObject, StopRightAfterStartStillReleasesTheBasicSdk) {
 // it comes free, the pass must not write into the host's block, which the host has freed.
 TEST_F(MainCycle, APassThatOutlivesTheStopLeavesTheHostBlockAlone) {
     tagGlobalConfig config = MakeGlobalConfig();
-    auto* manage = new CTruckServiceManage(&config);
-    auto* stuck = new ProbeBusiness(manage, manage->basic_get_msg_client(), 6, "stuck_shared");
+    auto manage = std::make_shared<CTruckServiceManage>(&config);
+    auto* stuck = new ProbeBusiness(manage.get(), manage->basic_get_msg_client(), 6, "stuck_shared");
     stuck->holdCycle = true;
     ASSERT_EQ(stuck->business_start(), 0);
     ASSERT_EQ(manage->basic_register_business(6, stuck), 0);
     auto* param = new tag_ServiceParam;
     param->ucRunning.store(0);
-    CTruckService::ThreadArgs args{manage, param};
-    manage->basic_hold();
+    CTruckService::ThreadArgs args{manage.get(), param, manage};
+    manage->basic_cycle_starting();
     pthread_t handle;
     ASSERT_EQ(OsUtilsCreateThread(&handle, service_thread_entry, &args, 0x80000, 1), 0);
     ASSERT_TRUE(Eventually([&] { return stuck->cycles.load() == 1; }));
@@ -394,7 +422,7 @@ TEST_F(MainCycle, APassThatOutlivesTheStopLeavesTheHostBlockAlone) {
     EXPECT_FALSE(manage->basic_threads_stopped());
     delete param;  // the host's block is gone once stop has returned
     g_destroyed = 0;
-    manage->basic_release();
+    manage.reset();
     stuck->Release();
     EXPECT_TRUE(nvx::WaitForThreadsToEnd(kGenerousMs));
     EXPECT_EQ(g_destroyed.load(), 1);
@@ -407,7 +435,7 @@ TEST_F(MainCycle, OnceASecondStepFollowsTheDistanceOfTheTick) {
     const unsigned long long t0 = 5000000000000ULL;  // far from any tick an earlier step kept
     nvx::HoldTickCount(t0);
     tagGlobalConfig config = MakeGlobalConfig();
-    auto* manage = new CTruckServiceManage(&config);
+    auto manage = std::make_shared<CTruckServiceManage>(&config);
     auto batches = [] {
         size_t n = 0;
         for (const nvx::BusMessage& m : nvx::SentMessages()) {
@@ -434,7 +462,7 @@ TEST_F(MainCycle, OnceASecondStepFollowsTheDistanceOfTheTick) {
     EXPECT_EQ(nvx::CallCount("JQ_SDK_Storage_GetFuseMntPath"), 1u) << "asked on the first pass only";
     EXPECT_EQ(nvx::CallCount("JQ_SDK_Storage_MonitorFuseStatus"), 1u);
     manage->basic_uninit();
-    manage->basic_release();
+    manage.reset();
 }
 
 // The own thread waits 500 ms above a cycle of 500, 100 above 100, else the cycle time; it
@@ -443,7 +471,7 @@ TEST_F(Business, OwnThreadWaitAndCycleFollowTheCycleTime) {
     const unsigned long long t0 = 7000000000000ULL;
     nvx::SetBusWaitsInstant(true);
     tagGlobalConfig config = MakeGlobalConfig();
-    auto* manage = new CTruckServiceManage(&config);
+    auto manage = std::make_shared<CTruckServiceManage>(&config);
     const struct {
         unsigned long long cycle;
         int wait;
@@ -452,7 +480,7 @@ TEST_F(Business, OwnThreadWaitAndCycleFollowTheCycleTime) {
     for (const auto& row : rows) {
         nvx::HoldTickCount(t0);
         const std::string name = "wait_" + std::to_string(row.cycle);
-        ProbeBusiness business(manage, nullptr, ++id, name.c_str(), row.cycle);
+        ProbeBusiness business(manage.get(), nullptr, ++id, name.c_str(), row.cycle);
         ASSERT_EQ(business.business_start(), 0);
         auto passes = [&name](uint64_t more) {
             return nvx::WaitForWatchdogFeeds(name, nvx::WatchdogFeedCount(name) + more, kGenerousMs);
@@ -472,7 +500,7 @@ TEST_F(Business, OwnThreadWaitAndCycleFollowTheCycleTime) {
         EXPECT_EQ(nvx::BusWaitTimeouts(name), std::set<int>{row.wait}) << name;
     }
     EXPECT_EQ(nvx::CreatedThreads(), (std::vector<std::pair<unsigned int, int>>(7, {0x80000, 1})));
-    manage->basic_release();
+    manage.reset();
 }
 
 TEST(WiringFaults, EndTheProcessWithStatusOne) {
@@ -484,4 +512,81 @@ TEST(WiringFaults, EndTheProcessWithStatusOne) {
                 "\\[APPCOM\\] .*GlobalConfig ptr is null");
     EXPECT_EXIT(ProbeBusiness(nullptr, nullptr, 1, "x"), ::testing::ExitedWithCode(1),
                 "\\[APPCOM\\] .*Basic Server manage ptr is null");
+}
+
+// A first pass stuck in a platform call (building the business, asking the storage service)
+// does not hold up the stop; when the call returns, the pass starts and registers nothing.
+TEST_F(ServiceFaults, AStopIsBoundedWhateverAFirstPassCallDoes) {
+    for (const char* stuck : {"CAsynCallback", "JQ_SDK_Storage_GetFuseMntPath"}) {
+        nvx::Reset();
+        nvx::StartLogCapture();
+        nvx::CloseGate(stuck);
+        ASSERT_EQ(JQ_SDK_Service_Start(&param), 0);
+        ASSERT_TRUE(nvx::WaitForCallAtGate(stuck, kGenerousMs)) << stuck;
+        nvx::SetSleepsInstant(true);
+        EXPECT_TRUE(StopReturnsWhileHeld(stuck)) << stuck;
+        EXPECT_TRUE(Logged("TRUCK", 1, kStillInUse));
+        ASSERT_TRUE(nvx::WaitForThreadsToEnd(kGenerousMs));
+        EXPECT_EQ(CTruckServiceManage::basic_live_count(), 0);
+        if (std::string(stuck) == "CAsynCallback") {
+            EXPECT_EQ(nvx::CallCount("OsUtilsCreateThread"), 1u) << "no business thread";
+            EXPECT_EQ(nvx::CallCount("JQ_SDK_Device_MonitorDevSignalData"), 0u);
+        }
+        EXPECT_EQ(nvx::CallCount("JQ_SDK_Storage_MonitorFuseStatus"), 0u) << stuck;
+    }
+}
+
+// An allocation that fails while the business is built, or while it asks for its parameters,
+// is logged, and the service goes on; the storage monitor is registered once and never
+// "withdrawn" with a null callback.
+TEST_F(ServiceFaults, AnExceptionOnAThreadIsLoggedAndTheServiceGoesOn) {
+    for (const char* thrower : {"CAsynCallback", "JQ_SDK_Global_GetParameter"}) {
+        nvx::Reset();
+        nvx::StartLogCapture();
+        nvx::ThrowBadAllocIn(thrower, 1);
+        ASSERT_EQ(JQ_SDK_Service_Start(&param), 0);
+        const std::string where = std::string(thrower) == "CAsynCallback" ? "business load" : "truckosd";
+        EXPECT_TRUE(nvx::WaitForLog(
+            [&](const nvx::LogLine& l) {
+                return l.level == 0 && l.text == where + " stopped by an exception: std::bad_alloc\n";
+            },
+            kGenerousMs))
+            << thrower;
+        EXPECT_TRUE(nvx::WaitForWatchdogFeeds("truckbusiness.02",
+                                              nvx::WatchdogFeedCount("truckbusiness.02") + 3, kGenerousMs));
+        if (where == "truckosd") {
+            EXPECT_TRUE(
+                nvx::WaitForWatchdogFeeds("truckosd", nvx::WatchdogFeedCount("truckosd") + 3, kGenerousMs));
+        }
+        EXPECT_EQ(JQ_SDK_Service_Stop(&param), 0);
+        EXPECT_FALSE(Logged("TRUCK", 1, kStillInUse));
+        EXPECT_EQ(nvx::CallCount("JQ_SDK_Storage_MonitorFuseStatus"), 1u);
+    }
+}
+
+// A thread that could not be created is neither waited for nor uninitialised; one that first
+// runs after its stop gave up on it stays uninitialised.
+TEST_F(ServiceFaults, ThreadsThatNeverRanAreNotWaitedForNorUninitialised) {
+    nvx::SetSleepsInstant(true);
+    nvx::FailCalls("OsUtilsCreateThread", 1);
+    ASSERT_EQ(JQ_SDK_Service_Start(&param), 0);
+    EXPECT_EQ(JQ_SDK_Service_Stop(&param), 0);
+    manage = std::make_shared<CTruckServiceManage>(&config);
+    auto business = std::make_unique<ProbeBusiness>(manage.get(), nullptr, 5, "late_probe");
+    nvx::FailCalls("OsUtilsCreateThread", 1);
+    EXPECT_EQ(business->business_start(), 0);
+    EXPECT_EQ(business->business_stop(), 0);
+    EXPECT_EQ(nvx::SleepsOfThisThread(), std::vector<unsigned int>())
+        << "no wait for a thread that never ran";
+    EXPECT_FALSE(Logged("TRUCK", 1, kStillInUse));
+
+    nvx::CloseGate("OsUtilsThreadStart");
+    EXPECT_EQ(business->business_start(), 0);
+    ASSERT_TRUE(nvx::WaitForCallAtGate("OsUtilsThreadStart", kGenerousMs));
+    EXPECT_EQ(business->business_stop(), 0);
+    EXPECT_EQ(nvx::SleepsOfThisThread(), std::vector<unsigned int>(101, 20));
+    nvx::OpenGate("OsUtilsThreadStart");
+    ASSERT_TRUE(nvx::WaitForThreadsToEnd(kGenerousMs));
+    EXPECT_EQ(business->business_get_thread_state(), 3);
+    EXPECT_EQ(business->inits.load() + business->uninits.load(), 0);
 }

@@ -19,13 +19,7 @@ protected:
     StoragePath() : ManagerOnDevice("test_storage_path") {}
     void SetUp() override {
         ASSERT_NO_FATAL_FAILURE(ManagerOnDevice::SetUp());
-        JQ_SDK_Storage_MonitorFuseStatus(callback_basic_request_storage_mntputh, manage, 0);
-    }
-    void TearDown() override {
-        if (manage != nullptr) {
-            JQ_SDK_Storage_MonitorFuseStatus(nullptr, manage, 0);
-        }
-        ManagerOnDevice::TearDown();
+        JQ_SDK_Storage_MonitorFuseStatus(callback_basic_request_storage_mntputh, manage.get(), 0);
     }
     std::string Root(const char* subPath = "", int outLen = 64) {
         char out[64] = "";
@@ -89,7 +83,7 @@ TEST_F(StoragePath, MalformedReportsAreLoggedAndLeaveThePath) {
     nvx::InjectStorageRaw(nullptr, 36);
     ASSERT_TRUE(nvx::WaitForStorageIdle(kGenerousMs));
     tag_fuseMntPathAck other = {0, "/mnt/other"};
-    callback_basic_request_storage_mntputh(&other, 38, manage);
+    callback_basic_request_storage_mntputh(&other, 38, manage.get());
     callback_basic_request_storage_mntputh(&other, 36, nullptr);
     for (int length : {35, 37, 36, 38}) {
         EXPECT_TRUE(

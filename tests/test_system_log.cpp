@@ -58,16 +58,14 @@ protected:
     void SetUp() override {
         DeviceTest::SetUp();
         config = MakeGlobalConfig();
-        manage = new CTruckServiceManage(&config);
+        manage = std::make_shared<CTruckServiceManage>(&config);
     }
     void TearDown() override {
-        if (manage != nullptr) {
-            manage->basic_release();
-        }
+        manage.reset();
         DeviceTest::TearDown();
     }
     tagGlobalConfig config;
-    CTruckServiceManage* manage = nullptr;
+    std::shared_ptr<CTruckServiceManage> manage;
 };
 
 }  // namespace

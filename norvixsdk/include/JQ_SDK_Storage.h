@@ -18,9 +18,9 @@ typedef void (*JQ_SDK_StorageCallback)(void* data, int length, void* user);
 
 // Reports the current mount path once, on the storage service's thread. `reserved` is 0.
 int JQ_SDK_Storage_GetFuseMntPath(JQ_SDK_StorageCallback callback, void* user, int reserved);
-// Reports every change of the mount status, on the storage service's thread, until withdrawn
-// with a null callback and the same `user`; when the withdrawal returns, no call for that
-// user is running or will come.
+// Reports every change of the mount status, on the storage service's thread. One monitor per
+// user: a second call with the same user replaces its callback. Nothing is promised for a
+// null callback, and there is no way to withdraw a monitor.
 int JQ_SDK_Storage_MonitorFuseStatus(JQ_SDK_StorageCallback callback, void* user, int reserved);
 
 #endif

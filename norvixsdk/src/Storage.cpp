@@ -3,8 +3,8 @@
 //
 // What always holds (see DeliveryChannel.h for the thread): the channel's mutex guards the
 // monitors and the mount path too. Each queued delivery names one callback, one user and its
-// own copy of the report. A withdrawn user has no monitor and no queued delivery, and once its
-// withdrawal has returned the storage thread is not calling it.
+// own copy of the report. A monitor cannot be withdrawn: like the device's service, the
+// stand-in keeps whatever callback it was given, a null one included, until the device resets.
 #include <string.h>
 
 #include <chrono>
@@ -29,6 +29,11 @@ struct Delivery {
     void Run() {
         static char empty = 0;
         void* data = nullData ? nullptr : bytes.empty() ? &empty : bytes.data();
+        if (callback == nullptr) {
+            // The device would jump to address 0 here; the stand-in says so instead.
+            NVX_LOG(0, "storage monitor of user %p has a null callback\n", user);
+            return;
+        }
         callback(data, length, user);
     }
 };
@@ -79,14 +84,6 @@ void EnqueueForMonitors(StorageService& s, const void* data, size_t length) {
     for (const auto& monitor : s.monitors) {
         s.delivery.Enqueue(MakeDelivery(monitor.second, monitor.first, data, length));
     }
-}
-
-int Withdraw(void* user) {
-    StorageService& s = Service();
-    std::unique_lock<std::mutex> lock(s.delivery.mutex);
-    s.monitors.erase(user);
-    s.delivery.Drop(user, lock);
-    return 0;
 }
 
 }  // namespace
@@ -141,9 +138,6 @@ int JQ_SDK_Storage_GetFuseMntPath(JQ_SDK_StorageCallback callback, void* user, i
 
 int JQ_SDK_Storage_MonitorFuseStatus(JQ_SDK_StorageCallback callback, void* user, int /*reserved*/) {
     nvx::detail::CountCall("JQ_SDK_Storage_MonitorFuseStatus");
-    if (callback == nullptr) {
-        return nvx::Withdraw(user);
-    }
     nvx::StorageService& s = nvx::Service();
     std::lock_guard<std::mutex> lock(s.delivery.mutex);
     s.monitors[user] = callback;

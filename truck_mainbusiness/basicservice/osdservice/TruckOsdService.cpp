@@ -3,13 +3,15 @@
 #include "TruckOsdService.h"
 
 #include <exception>
-#include <set>
+#include <map>
+#include <mutex>
 
 #include "AppLibCommon.h"
 #include "CommonDefine.h"
 #include "HCTimeWheel.h"
 #include "JQ_SDK_Basic.h"
 #include "JQ_SDK_Device.h"
+#include "OsUtils.h"
 #include "TruckServiceManage.h"
 
 #define TRUCK_LOG_SOURCE "truck_mainbusiness/basicservice/osdservice/TruckOsdService"
@@ -28,8 +30,23 @@ std::atomic<bool> s_stampsSet{false};
 std::atomic<unsigned long long> s_lastRequestMs{0};
 std::atomic<unsigned long long> s_lastShiftMs{0};
 
-std::set<void*>& LiveSet() {
-    static std::set<void*>* live = new std::set<void*>;  // never destroyed: callbacks may outlive statics
+// The live businesses by token. An entry unlisted while calls are still running in its
+// business stays until the last of them has left, so the destructor can wait for them.
+struct LiveEntry {
+    CTruckOsdService* business;
+    std::weak_ptr<CTruckServiceManage> manage;
+    bool listed;
+    int calls;
+};
+
+struct LiveRegistry {
+    std::mutex mutex;
+    std::map<uintptr_t, LiveEntry> entries;
+    uintptr_t lastToken = 0;
+};
+
+LiveRegistry& Live() {
+    static LiveRegistry* live = new LiveRegistry;  // never destroyed: callbacks may outlive statics
     return *live;
 }
 
@@ -49,24 +66,55 @@ void ReadIfPresent(const Json::Value& object, const char* key, T& field) {
 
 }  // namespace
 
-std::mutex& CTruckOsdService::LiveMutex() {
-    static std::mutex* mutex = new std::mutex;  // never destroyed, like the set it guards
-    return *mutex;
+CTruckOsdService::LiveCall::LiveCall(void* user) {
+    LiveRegistry& live = Live();
+    std::lock_guard<std::mutex> lock(live.mutex);
+    auto found = live.entries.find(reinterpret_cast<uintptr_t>(user));
+    if (found == live.entries.end() || !found->second.listed) {
+        return;
+    }
+    manage = found->second.manage.lock();
+    if (manage == nullptr) {
+        return;  // the manager is going, and its businesses with it
+    }
+    ++found->second.calls;
+    business = found->second.business;
+    token = found->first;
 }
 
-bool CTruckOsdService::IsListed(void* user) {
-    return user != nullptr && LiveSet().count(user) != 0;
+// The count goes before the manager's share: the share may be the last one, and the manager
+// destroys the business.
+CTruckOsdService::LiveCall::~LiveCall() {
+    if (business == nullptr) {
+        return;
+    }
+    LiveRegistry& live = Live();
+    std::lock_guard<std::mutex> lock(live.mutex);
+    auto found = live.entries.find(token);
+    if (found != live.entries.end() && --found->second.calls == 0 && !found->second.listed) {
+        live.entries.erase(found);
+    }
 }
 
 void CTruckOsdService::Unlist() {
-    std::lock_guard<std::mutex> lock(LiveMutex());
-    LiveSet().erase(this);
+    LiveRegistry& live = Live();
+    std::lock_guard<std::mutex> lock(live.mutex);
+    auto found = live.entries.find(m_liveToken);
+    if (found == live.entries.end()) {
+        return;
+    }
+    found->second.listed = false;
+    if (found->second.calls == 0) {
+        live.entries.erase(found);
+    }
 }
 
 CTruckOsdService::CTruckOsdService(CTruckServiceManage* manager, CMsgClientManage* client,
                                    unsigned int businessId, char* name, unsigned char mode,
                                    Json::Value& config)
     : CTruckServiceBase(manager, client, businessId, name, mode, config),
+      m_liveToken(0),
+      m_bParamLost(false),
       m_OSDX_Seven(400),
       m_OSDY_Seven(80),
       m_OSD_EN(0),
@@ -112,12 +160,28 @@ CTruckOsdService::CTruckOsdService(CTruckServiceManage* manager, CMsgClientManag
     TRUCK_LOG(1, "m_videoInNum = %d, m_videoIpNum = %d, m_customerType = %d, m_productType = %d\n",
               static_cast<int>(m_videoInNum), static_cast<int>(m_videoIpNum),
               static_cast<int>(m_customerType), static_cast<int>(m_productType));
-    std::lock_guard<std::mutex> lock(LiveMutex());
-    LiveSet().insert(this);
+    LiveRegistry& live = Live();
+    std::lock_guard<std::mutex> lock(live.mutex);
+    m_liveToken = ++live.lastToken;
+    live.entries[m_liveToken] = LiveEntry{
+        this, manager != nullptr ? manager->weak_from_this() : std::weak_ptr<CTruckServiceManage>(), true, 0};
 }
 
+// A business destroyed while its manager lives (one whose start failed) may still have a
+// platform callback running in it: wait for that to leave. One destroyed with its manager has
+// none, since every call holds a share of the manager.
 CTruckOsdService::~CTruckOsdService() {
     Unlist();
+    LiveRegistry& live = Live();
+    for (;;) {
+        {
+            std::lock_guard<std::mutex> lock(live.mutex);
+            if (live.entries.count(m_liveToken) == 0) {
+                return;
+            }
+        }
+        OsUtilsSleep(1);
+    }
 }
 
 int CTruckOsdService::business_init() {
@@ -129,8 +193,6 @@ int CTruckOsdService::business_init() {
 }
 
 int CTruckOsdService::business_uninit() {
-    // Withdraw first, unlisted after: a CAN withdrawal waits for a callback that is running,
-    // and that callback holds the registry's lock.
     UnregisterMessage();
     Unlist();
     return 0;
@@ -145,10 +207,10 @@ int CTruckOsdService::RegisterMessage() {
         m_pMsgClient->MSGEventRegister(source, kOsdEventSwipe, this, &CTruckOsdService::OnSwipeInfoNotify);
     }
     m_pMsgClient->MSGEventRegister(source, kOsdEventSpeed, this, &CTruckOsdService::OnUpdateSpeedInfo);
-    JQ_SDK_Device_MonitorDevSignalData(MonitorIoUseInfo, this, 0);
+    JQ_SDK_Device_MonitorDevSignalData(MonitorIoUseInfo, LiveToken(), 0);
     JQ_BASIC_HANDLE handle = m_pServiceManage != nullptr ? m_pServiceManage->GetBasicSDKHandle() : nullptr;
     if (handle != nullptr) {
-        JQ_SDK_Basic_Peripheral_MonitorCanPortEvent(handle, CallbackCanTruckOsdServiceEvent, this, 0);
+        JQ_SDK_Basic_Peripheral_MonitorCanPortEvent(handle, CallbackCanTruckOsdServiceEvent, LiveToken(), 0);
     }
     return 0;
 }
@@ -164,7 +226,7 @@ int CTruckOsdService::UnregisterMessage() {
     m_pMsgClient->MSGEventUnRegister(source, kOsdEventSpeed);
     JQ_BASIC_HANDLE handle = m_pServiceManage != nullptr ? m_pServiceManage->GetBasicSDKHandle() : nullptr;
     if (handle != nullptr) {
-        JQ_SDK_Basic_Peripheral_MonitorCanPortEvent(handle, nullptr, this, 0);
+        JQ_SDK_Basic_Peripheral_MonitorCanPortEvent(handle, nullptr, LiveToken(), 0);
     }
     return 0;
 }
@@ -174,7 +236,7 @@ int CTruckOsdService::GetParam() {
         return -1;
     }
     Json::Value groups = ParamGroups();
-    return m_pServiceManage->basic_global_get_param(groups, OSDParamCallback, this, nullptr);
+    return m_pServiceManage->basic_global_get_param(groups, OSDParamCallback, LiveToken(), nullptr);
 }
 
 int CTruckOsdService::MonitorParam() {
@@ -182,7 +244,7 @@ int CTruckOsdService::MonitorParam() {
         return -1;
     }
     Json::Value groups = ParamGroups();
-    return m_pServiceManage->basic_global_listen_param(groups, OSDParamCallback, this, nullptr);
+    return m_pServiceManage->basic_global_listen_param(groups, OSDParamCallback, LiveToken(), nullptr);
 }
 
 void OSDParamCallback(const char* data, int length, void* user, void* /*context*/) {
@@ -197,12 +259,21 @@ void OSDParamCallback(const char* data, int length, void* user, void* /*context*
 }
 
 void CTruckOsdService::QueueParam(const AsynCallbackParaNode_t& node) {
-    if (m_pAsynCallback != nullptr) {
-        m_pAsynCallback->AsynCallbackAdd(1, this, &CTruckOsdService::OSDEventHandle, node);
+    if (m_pAsynCallback == nullptr) {
+        return;
+    }
+    // A notification the queue refused would leave the old settings until the next change:
+    // the business's own thread asks for the groups again instead.
+    if (m_pAsynCallback->AsynCallbackAdd(1, this, &CTruckOsdService::OSDEventHandle, node) != 0) {
+        m_bParamLost.store(true);
+        TRUCK_LOG(1, "osd param notification lost, request again\n");
     }
 }
 
 int CTruckOsdService::business_cycle_running(unsigned long long nowMs) {
+    if (m_bParamLost.exchange(false)) {
+        GetParam();
+    }
     bool expected = false;
     if (s_stampsSet.compare_exchange_strong(expected, true)) {
         s_lastRequestMs.store(nowMs);

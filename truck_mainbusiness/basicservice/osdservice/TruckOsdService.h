@@ -19,7 +19,7 @@
 #include <stdint.h>
 
 #include <atomic>
-#include <mutex>
+#include <memory>
 #include <string>
 #include <vector>
 
@@ -125,25 +125,39 @@ public:
     void OSDDataDeleteIPCSeven(std::string text);
     int GetVideoChannalMask(int channelCount);
 
-    // Whether a business is alive: the platform's monitors and the parameter watch keep
-    // their user pointer after the business is gone (a signal monitor is never withdrawn, a
-    // CAN withdrawal needs the SDK handle), so every such callback asks first, and runs
-    // under this registry's lock so that the business cannot go while it runs.
+    // The user pointer that the platform's monitors and the parameter watch are given: a
+    // number unique in the process, never an address, so that a business created again at
+    // the same address is not reached by the registrations of the one before.
+    void* LiveToken() const { return reinterpret_cast<void*>(m_liveToken); }
+
+    // Runs `call` on the business that `user` names, if it is still listed. The platform's
+    // monitors and the parameter watch keep their user pointer after the business is gone (a
+    // signal monitor is never withdrawn, a CAN withdrawal needs the SDK handle), so every
+    // such callback asks first. The registry's lock is held only to look the business up; the
+    // call itself holds a share of the business's manager and is counted, so the business
+    // outlives it, and no lock is held while it calls out to the platform.
     template <class F>
     static bool WithLive(void* user, F&& call) {
-        std::lock_guard<std::mutex> lock(LiveMutex());
-        if (!IsListed(user)) {
+        const LiveCall live(user);
+        if (live.business == nullptr) {
             return false;
         }
-        // The platform's threads are not ours to end: nothing thrown goes back to them.
-        try {
-            call(static_cast<CTruckOsdService*>(user));
-        } catch (...) {
-        }
+        CTruckOsdService* business = live.business;
+        TruckGuardThread("osd callback", [&call, business] { call(business); });
         return true;
     }
 
 private:
+    struct LiveCall {
+        explicit LiveCall(void* user);
+        ~LiveCall();
+        LiveCall(const LiveCall&) = delete;
+        LiveCall& operator=(const LiveCall&) = delete;
+        CTruckOsdService* business = nullptr;
+        uintptr_t token = 0;
+        std::shared_ptr<CTruckServiceManage> manage;
+    };
+
     static bool IsCardReader(unsigned int customerType) {
         return customerType == kOsdCustomerCardReader || customerType == kOsdCustomerCardReaderNoRecord;
     }
@@ -159,9 +173,10 @@ private:
     // The turn state of a device-signal text (0 when it has none), and taking it in.
     static int IoTurnValue(const char* data, int length);
     void ApplyIoTurn(int value);
-    static std::mutex& LiveMutex();
-    static bool IsListed(void* user);  // under LiveMutex
     void Unlist();
+
+    uintptr_t m_liveToken;
+    std::atomic<bool> m_bParamLost;  // set on the parameter thread, taken by the cycle
 
 public:
     std::string m_strSevenTxt;

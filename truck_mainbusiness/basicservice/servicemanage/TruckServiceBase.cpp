@@ -85,12 +85,13 @@ int CTruckServiceBase::business_start() {
     if (m_bIndependThread != 0) {
         m_iThreadState.store(0);
         // The thread holds the manager (and so this business) until its last step.
-        m_pServiceManage->basic_hold();
+        m_threadHold = m_pServiceManage->weak_from_this().lock();
         pthread_t handle;
         if (OsUtilsCreateThread(&handle, business_independ_thread_entry, this, kTruckThreadStackSize, 1) !=
             0) {
+            // No thread: no business_init, so neither a business_uninit nor a wait at the stop.
+            m_threadHold.reset();
             m_iThreadState.store(3);
-            m_pServiceManage->basic_release();
         }
         return 0;
     }
@@ -103,17 +104,22 @@ int CTruckServiceBase::business_start() {
 }
 
 int CTruckServiceBase::business_stop() {
-    // A thread still starting (state 0) is told to stop before it runs; it then calls
-    // business_uninit itself after its business_init, so the two never overlap.
-    int32_t starting = 0;
-    const bool beforeRunning = m_bIndependThread != 0 && m_iThreadState.compare_exchange_strong(starting, 2);
-    if (!beforeRunning) {
-        business_uninit();
-    }
     if (m_bIndependThread == 0) {
+        business_uninit();
         return 0;
     }
-    m_iThreadState.store(2);
+    // A thread that was never created (state 3) has nothing to undo and nothing to wait for.
+    // One still starting (state 0) is told to stop before it runs: it then skips its
+    // business_init, or, if already in it, calls business_uninit itself afterwards, so the two
+    // never overlap.
+    int32_t state = 0;
+    if (!m_iThreadState.compare_exchange_strong(state, 2)) {
+        if (state == 3) {
+            return 0;
+        }
+        business_uninit();
+        m_iThreadState.store(2);
+    }
     TruckWaitThreadStopped(m_iThreadState);
     return 0;
 }
@@ -122,6 +128,10 @@ void TruckWaitThreadStopped(const std::atomic<int32_t>& state) {
     for (int i = 0; i < kTruckStopPolls && state.load() != 3; ++i) {
         OsUtilsSleep(kTruckStopPollMs);
     }
+}
+
+void TruckLogThreadFault(const char* where, const char* what) {
+    TRUCK_LOG(0, "%s stopped by an exception: %s\n", where, what);
 }
 
 int CTruckServiceBase::business_shared_thread_run(unsigned long long nowMs) {
@@ -141,12 +151,14 @@ void* CTruckServiceBase::business_independ_thread_entry(void* business) {
         return nullptr;
     }
     CTruckServiceBase* self = static_cast<CTruckServiceBase*>(business);
-    CTruckServiceManage* manage = self->m_pServiceManage;
-    if (self->business_independ_thread_func_impl() != 0) {
-        TRUCK_LOG(2, "Create business thread failed\n");
-    }
-    // Last step: after this the manager may destroy the business at any moment.
-    manage->basic_release();
+    // Last to go: after it the manager may destroy the business at any moment.
+    const std::shared_ptr<CTruckServiceManage> hold = std::move(self->m_threadHold);
+    TruckGuardThread(self->m_szBusinessName, [self] {
+        if (self->business_independ_thread_func_impl() != 0) {
+            TRUCK_LOG(2, "Create business thread failed\n");
+        }
+    });
+    self->m_iThreadState.store(3);
     return nullptr;
 }
 
@@ -155,6 +167,10 @@ int CTruckServiceBase::business_independ_thread_func_impl() {
         return 0;
     }
     TRUCK_THREAD_INFO_PRINT(m_szBusinessName);
+    // A thread that first runs after its stop gave up on it: the business stays uninitialised.
+    if (m_iThreadState.load() == 2) {
+        return 0;
+    }
     if (m_pMsgClient == nullptr) {
         m_pMsgClient = new (std::nothrow) CMsgClientManage(m_szBusinessName, kTruckClientDepth, nullptr);
     }
@@ -163,7 +179,7 @@ int CTruckServiceBase::business_independ_thread_func_impl() {
         exit(1);
     }
     m_uiSourceId = m_pMsgClient->MSGGenerateSourceId(m_szBusinessName);
-    business_init();
+    TruckGuardThread(m_szBusinessName, [this] { business_init(); });
 
     // A stop that came during business_init has already written 2: keep it, and run the
     // business_uninit that the stop left to this thread.
@@ -173,13 +189,16 @@ int CTruckServiceBase::business_independ_thread_func_impl() {
     }
     while (m_iThreadState.load() == 1) {
         const unsigned long long now = OsUtilsGetTickCount();
-        m_pMsgClient->MSGWaitForEvent(EventWaitMs(m_ullCycleTime));
-        m_pMsgClient->MSGFeedWatchDog(now);
-        m_pAsynCallback->AsynCallbackExecute();
-        if (TruckTickDistance(now, m_ullLastRunTime) >= m_ullCycleTime) {
-            m_ullLastRunTime = now;
-            business_cycle_running(now);
-        }
+        // What a pass throws ends that pass, not the thread.
+        TruckGuardThread(m_szBusinessName, [this, now] {
+            m_pMsgClient->MSGWaitForEvent(EventWaitMs(m_ullCycleTime));
+            m_pMsgClient->MSGFeedWatchDog(now);
+            m_pAsynCallback->AsynCallbackExecute();
+            if (TruckTickDistance(now, m_ullLastRunTime) >= m_ullCycleTime) {
+                m_ullLastRunTime = now;
+                business_cycle_running(now);
+            }
+        });
     }
     m_iThreadState.store(3);
     return 0;

@@ -5,6 +5,8 @@
 #include <stdint.h>
 
 #include <atomic>
+#include <exception>
+#include <memory>
 #include <vector>
 
 #include <json/json.h>
@@ -29,6 +31,22 @@ inline unsigned long long TruckTickDistance(unsigned long long a, unsigned long 
 
 // Waits, in the bounded stop polls, until a thread has written its stopped state (3).
 void TruckWaitThreadStopped(const std::atomic<int32_t>& state);
+
+// Logs, at level 0, what `where` threw.
+void TruckLogThreadFault(const char* where, const char* what);
+
+// Runs `body` so that nothing it throws leaves it: on a thread of ours an exception would end
+// the whole process, and the platform's threads are not ours to end.
+template <class F>
+void TruckGuardThread(const char* where, F&& body) noexcept {
+    try {
+        body();
+    } catch (const std::exception& e) {
+        TruckLogThreadFault(where, e.what());
+    } catch (...) {
+        TruckLogThreadFault(where, "unknown exception");
+    }
+}
 
 class CTruckServiceBase {
 public:
@@ -73,6 +91,10 @@ protected:
     CAsynCallback* m_pAsynCallback;
     unsigned char m_bIndependThread;
     std::atomic<int32_t> m_iThreadState;  // 0 starting, 1 running, 2 stop requested, 3 stopped
+
+private:
+    // The own thread's share of the manager, from business_start until the thread takes it.
+    std::shared_ptr<CTruckServiceManage> m_threadHold;
 };
 
 #endif

@@ -83,7 +83,7 @@ bool CTruckService::ServeHasInstance() {
     return m_pManageInstance != nullptr;
 }
 
-CTruckService::CTruckService() : m_pServiceManage(nullptr), m_threadArgs{nullptr, nullptr} {
+CTruckService::CTruckService() : m_pServiceManage(nullptr), m_threadArgs{nullptr, nullptr, nullptr} {
     memset(&m_serviceAttr, 0, sizeof(m_serviceAttr));
     StringCopy(m_serviceAttr.szServiceName, sizeof(m_serviceAttr.szServiceName), "trukservice");
     StringCopy(m_serviceAttr.szServiceType, sizeof(m_serviceAttr.szServiceType), "business");
@@ -127,20 +127,24 @@ int CTruckService::ServeStart(tag_ServiceParam* param) {
     }
     JQ_SDK_Global_StartService(globalConfig);
 
-    m_pServiceManage = new (std::nothrow) CTruckServiceManage(globalConfig);
-    if (m_pServiceManage == nullptr) {
+    CTruckServiceManage* created = new (std::nothrow) CTruckServiceManage(globalConfig);
+    if (created == nullptr) {
         return -1;
     }
-    m_threadArgs = ThreadArgs{nullptr, nullptr};
+    m_manageOwner.reset(created);
+    m_pServiceManage = created;
+    m_threadArgs = ThreadArgs{nullptr, nullptr, nullptr};
     m_threadArgs.pManage = m_pServiceManage;
     m_threadArgs.pParam = param;
 
     // The cycle thread holds the manager from here; if it cannot be created the hold goes
-    // back at once, and stop finds a manager whose cycle never ran.
-    m_pServiceManage->basic_hold();
+    // back at once, and stop finds a manager whose cycle never ran and waits for nothing.
+    m_threadArgs.hold = m_manageOwner;
+    m_pServiceManage->basic_cycle_starting();
     pthread_t handle;
     if (OsUtilsCreateThread(&handle, service_thread_entry, &m_threadArgs, kTruckThreadStackSize, 1) != 0) {
-        m_pServiceManage->basic_release();
+        m_threadArgs.hold.reset();
+        m_pServiceManage->basic_cycle_never_ran();
     }
     return 0;
 }
@@ -161,12 +165,19 @@ int CTruckService::ServeStop(tag_ServiceParam* param) {
     // Threads that have written their stopped state still have to let go of the manager;
     // wait for that, so that the manager normally dies here. A thread that overran its stop
     // wait keeps the manager alive, and the manager then dies with that thread.
-    if (!(manage->basic_threads_stopped() &&
-          manage->basic_wait_sole_holder(kTruckStopPolls * kTruckStopPollMs))) {
+    std::shared_ptr<CTruckServiceManage> owner = std::move(m_manageOwner);
+    m_pServiceManage = nullptr;
+    bool sole = manage->basic_threads_stopped();
+    for (unsigned int i = 0; sole && owner.use_count() > 1; ++i) {
+        if (i >= kTruckStopPolls * kTruckStopPollMs) {
+            sole = false;
+            break;
+        }
+        OsUtilsSleep(1);
+    }
+    if (!sole) {
         TRUCK_LOG(1, "Service manage still in use by a thread, it goes when the thread ends\n");
     }
-    m_pServiceManage = nullptr;
-    manage->basic_release();
     return 0;
 }
 
@@ -175,13 +186,16 @@ void* service_thread_entry(void* args) {
     if (args == nullptr) {
         return nullptr;
     }
-    // Copied at once: the record lives in the service object and a later start rewrites it.
-    CTruckService::ThreadArgs threadArgs = *static_cast<CTruckService::ThreadArgs*>(args);
-    if (threadArgs.pManage == nullptr) {
+    // Taken at once: the record lives in the service object, and no start rewrites it while
+    // this thread's share of the manager keeps the manager alive.
+    CTruckService::ThreadArgs* record = static_cast<CTruckService::ThreadArgs*>(args);
+    const std::shared_ptr<CTruckServiceManage> hold = std::move(record->hold);
+    CTruckServiceManage* manage = record->pManage;
+    tag_ServiceParam* param = record->pParam;
+    if (manage == nullptr) {
         return nullptr;
     }
-    threadArgs.pManage->basic_thread_cycle(threadArgs.pParam);
-    threadArgs.pManage->basic_release();
+    TruckGuardThread("truckservice", [manage, param] { manage->basic_thread_cycle(param); });
     return nullptr;
 }
 
@@ -195,7 +209,6 @@ CTruckServiceManage::CTruckServiceManage(tagGlobalConfig* globalConfig)
       m_uiRemoteTaskListState(0),
       m_iThreadState(3),
       m_basicSDKHandle(nullptr),
-      m_iHolders(1),
       m_bBusinessLoaded(false),
       m_bStopRequested(false) {
     s_iLiveManages.fetch_add(1);
@@ -220,9 +233,9 @@ CTruckServiceManage::CTruckServiceManage(tagGlobalConfig* globalConfig)
 }
 
 CTruckServiceManage::~CTruckServiceManage() {
-    // The storage service must not report into a manager that is gone.
+    // The storage service must not report into a manager that is gone. Its monitor stays:
+    // the platform promises no way to withdraw one.
     basic_storage_target(this, false);
-    JQ_SDK_Storage_MonitorFuseStatus(nullptr, this, 0);
     for (auto& entry : m_mapBusiness) {
         delete entry.second;
         entry.second = nullptr;
@@ -241,42 +254,47 @@ bool CTruckServiceManage::basic_threads_stopped() {
     if (m_iThreadState.load() != 3) {
         return false;
     }
+    for (CTruckServiceBase* business : basic_business_list()) {
+        if (business->business_get_is_independ() != 0 && business->business_get_thread_state() != 3) {
+            return false;
+        }
+    }
+    return true;
+}
+
+// The businesses in ascending id order, as a copy: the first pass may still enter one.
+std::vector<CTruckServiceBase*> CTruckServiceManage::basic_business_list() {
+    std::vector<CTruckServiceBase*> list;
+    MutexLocker locker(m_runStateMutex);
     for (auto& entry : m_mapBusiness) {
-        CTruckServiceBase* business = entry.second;
-        if (business != nullptr && business->business_get_is_independ() != 0 &&
-            business->business_get_thread_state() != 3) {
-            return false;
+        if (entry.second != nullptr) {
+            list.push_back(entry.second);
         }
     }
-    return true;
-}
-
-void CTruckServiceManage::basic_hold() {
-    m_iHolders.fetch_add(1);
-}
-
-void CTruckServiceManage::basic_release() {
-    if (m_iHolders.fetch_sub(1) == 1) {
-        delete this;
-    }
-}
-
-bool CTruckServiceManage::basic_wait_sole_holder(int polls) {
-    for (int i = 0; m_iHolders.load() > 1; ++i) {
-        if (i >= polls) {
-            return false;
-        }
-        OsUtilsSleep(1);
-    }
-    return true;
+    return list;
 }
 
 int CTruckServiceManage::basic_register_business(unsigned int id, CTruckServiceBase* business) {
-    if (business == nullptr || m_mapBusiness.count(id) != 0) {
+    MutexLocker locker(m_runStateMutex);
+    if (business == nullptr || m_mapBusiness.count(id) != 0 || m_bStopRequested) {
         return -1;
     }
     m_mapBusiness[id] = business;
     return 0;
+}
+
+void CTruckServiceManage::basic_cycle_starting() {
+    m_iThreadState.store(0);
+}
+
+void CTruckServiceManage::basic_cycle_never_ran() {
+    int32_t starting = 0;
+    m_iThreadState.compare_exchange_strong(starting, 3);
+}
+
+bool CTruckServiceManage::basic_stop_requested() {
+    MutexLocker locker(m_runStateMutex);
+    return m_bStopRequested;
 }
 
 int CTruckServiceManage::basic_init() {
@@ -291,33 +309,42 @@ int CTruckServiceManage::basic_init() {
 }
 
 int CTruckServiceManage::basic_thread_cycle(tag_ServiceParam* param) {
-    // A stop that came before this thread got going has already written 2: keep it, or the
-    // cycle would run on after the stop has given up waiting for it.
-    int32_t expected = 3;
-    if (m_iThreadState.compare_exchange_strong(expected, 1)) {
-        basic_init();
+    // A stop that came before this thread got going has given up on it or is waiting for
+    // state 3: the cycle must not start after it.
+    {
+        MutexLocker locker(m_runStateMutex);
+        if (m_bStopRequested) {
+            m_iThreadState.store(3);
+            return 0;
+        }
+        m_iThreadState.store(1);
     }
+    TruckGuardThread("basic_init", [this] { basic_init(); });
     while (m_iThreadState.load() == 1) {
         const unsigned long long now = OsUtilsGetTickCount();
-        m_pMsgClient->MSGWaitForEvent(50);
-        m_pMsgClient->MSGFeedWatchDog(now);
+        // What a pass throws (an allocation that failed) ends that pass, not the cycle: the
+        // watchdog is fed on the next one.
+        TruckGuardThread("truckservice pass", [this, now] {
+            m_pMsgClient->MSGWaitForEvent(50);
+            m_pMsgClient->MSGFeedWatchDog(now);
 
-        if (!m_bBusinessLoaded) {
-            basic_first_pass();
-        }
-
-        if (TruckTickDistance(now, s_ullLastWriteTick.load()) > 999) {
-            s_ullLastWriteTick.store(now);
-            BasicGetDeviceInfo();
-            basic_system_log_write();
-        }
-
-        for (auto& entry : m_mapBusiness) {
-            CTruckServiceBase* business = entry.second;
-            if (business != nullptr && business->business_get_is_independ() == 0) {
-                business->business_shared_thread_run(now);
+            if (!m_bBusinessLoaded) {
+                basic_first_pass();
             }
-        }
+
+            if (TruckTickDistance(now, s_ullLastWriteTick.load()) > 999) {
+                s_ullLastWriteTick.store(now);
+                BasicGetDeviceInfo();
+                basic_system_log_write();
+            }
+
+            for (auto& entry : m_mapBusiness) {
+                CTruckServiceBase* business = entry.second;
+                if (business != nullptr && business->business_get_is_independ() == 0) {
+                    business->business_shared_thread_run(now);
+                }
+            }
+        });
         // Never after the stop has asked to end: by then the host's block may be gone.
         if (param != nullptr) {
             MutexLocker locker(m_runStateMutex);
@@ -335,17 +362,23 @@ int CTruckServiceManage::basic_thread_cycle(tag_ServiceParam* param) {
     return 0;
 }
 
-// Loads the businesses and subscribes to the storage service, unless a stop came first. The
-// stop takes the same lock before it walks the map, so it never meets the map half filled
-// and never misses a business started here.
+// Loads the businesses and subscribes to the storage service. Any of these platform calls may
+// take long, and a stop must not wait for them, so no lock is held across one: each step asks
+// first whether a stop has come, and a pass that returns after the stop starts and registers
+// nothing more (a business started meanwhile is stopped by basic_start_business).
 void CTruckServiceManage::basic_first_pass() {
     m_bBusinessLoaded = true;
-    MutexLocker locker(m_runStateMutex);
-    if (m_bStopRequested) {
+    if (basic_stop_requested()) {
         return;
     }
     basic_load_business();
+    if (basic_stop_requested()) {
+        return;
+    }
     basic_request_storage_mntputh();
+    if (basic_stop_requested()) {
+        return;
+    }
     JQ_SDK_Storage_MonitorFuseStatus(callback_basic_request_storage_mntputh, this, 0);
 }
 
@@ -354,21 +387,26 @@ int CTruckServiceManage::basic_uninit() {
         MutexLocker locker(m_runStateMutex);
         m_bStopRequested = true;
     }
-    for (auto& entry : m_mapBusiness) {
-        if (entry.second != nullptr) {
-            entry.second->business_stop();
-        }
+    for (CTruckServiceBase* business : basic_business_list()) {
+        business->business_stop();
     }
     // Taken, not just read: whoever takes the handle releases it, once (see the cycle's end).
     JQ_BASIC_HANDLE handle = m_basicSDKHandle.exchange(nullptr);
     if (handle != nullptr) {
         JQ_SDK_Basic_Deinitialize(handle);
     }
+    // A cycle whose thread was never created, or that has ended, is not waited for.
+    bool running = false;
     {
         MutexLocker locker(m_runStateMutex);
-        m_iThreadState.store(2);
+        running = m_iThreadState.load() != 3;
+        if (running) {
+            m_iThreadState.store(2);
+        }
     }
-    TruckWaitThreadStopped(m_iThreadState);
+    if (running) {
+        TruckWaitThreadStopped(m_iThreadState);
+    }
     return 0;
 }
 

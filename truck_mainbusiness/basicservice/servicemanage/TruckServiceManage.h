@@ -18,7 +18,9 @@
 #include <deque>
 #include <list>
 #include <map>
+#include <memory>
 #include <string>
+#include <vector>
 
 #include <json/json.h>
 
@@ -168,6 +170,8 @@ public:
     struct ThreadArgs {
         CTruckServiceManage* pManage;
         tag_ServiceParam* pParam;
+        // The cycle thread's share of the manager, taken out by the thread when it starts.
+        std::shared_ptr<CTruckServiceManage> hold;
     };
 
 private:
@@ -176,6 +180,7 @@ private:
     tag_ServiceAttr m_serviceAttr;
     CTruckServiceManage* m_pServiceManage;
     ThreadArgs m_threadArgs;
+    std::shared_ptr<CTruckServiceManage> m_manageOwner;  // the service object's share of m_pServiceManage
 };
 
 void* service_thread_entry(void* args);
@@ -187,14 +192,15 @@ void basic_storage_target(CTruckServiceManage* manage, bool alive);
 
 // ---- the service manager ----
 
-// Lifetime: the manager is created by the service object, which holds it; every thread that
-// runs inside the manager (the main cycle, a business's own thread) holds it too, from before
-// its creation until its last step. Whoever lets go last destroys it, so a thread that did
-// not end within the bounded stop waits never runs in a destroyed object. Release it with
-// basic_release(), never with delete.
-class CTruckServiceManage {
+// Lifetime: the manager is owned through std::shared_ptr. The service object holds one share;
+// every thread that runs inside the manager (the main cycle, a business's own thread) holds
+// another, from before its creation until its last step, and so does a platform callback
+// while it runs in a business. Whoever lets go last destroys it, so a thread that did not end
+// within the bounded stop waits never runs in a destroyed object.
+class CTruckServiceManage : public std::enable_shared_from_this<CTruckServiceManage> {
 public:
     explicit CTruckServiceManage(tagGlobalConfig* globalConfig);
+    ~CTruckServiceManage();
     CTruckServiceManage(const CTruckServiceManage&) = delete;
     CTruckServiceManage& operator=(const CTruckServiceManage&) = delete;
 
@@ -205,7 +211,9 @@ public:
     JQ_BASIC_HANDLE GetBasicSDKHandle() { return m_basicSDKHandle.load(); }
 
     // Enters a started business into the map under its id; the manager owns it from then on.
-    // Only before the main cycle runs or on the main cycle's thread: the map has no lock.
+    // -1 for a null business, an id already taken, or a stop already requested (the caller
+    // keeps the business then). Only before the main cycle runs or on the main cycle's thread,
+    // the only writers of the map.
     int basic_register_business(unsigned int id, CTruckServiceBase* business);
 
     // Business configuration and loading (TruckServiceManageLoad.cpp).
@@ -260,11 +268,11 @@ public:
     int basic_system_log_write();
     int WriteSystemLog(unsigned char groupMask, JQSystemLogFrame frame);
 
-    void basic_hold();
-    void basic_release();
-    // Waits, polling every millisecond up to `polls` times, until the caller is the only
-    // holder left; true if so.
-    bool basic_wait_sole_holder(int polls);
+    // The service object is about to create the cycle's thread (state 0), or could not (back
+    // to 3, so that a stop waits for no thread).
+    void basic_cycle_starting();
+    void basic_cycle_never_ran();
+    bool basic_stop_requested();
     // The main cycle and every own business thread have written their stopped state.
     bool basic_threads_stopped();
     // Managers alive in the process, counting one that outlived its stop.
@@ -292,21 +300,21 @@ private:
     tag_fuseMntPathAck m_fuseMntPath;  // guarded by m_fuseMntPathMutex
     Mutex m_systemLogMutex;
     std::atomic<uint32_t> m_uiRemoteTaskListState;  // set and read by businesses on any thread
-    std::atomic<int32_t> m_iThreadState;            // 1 running, 2 stop requested, 3 stopped
+    std::atomic<int32_t> m_iThreadState;            // 0 starting, 1 running, 2 stop requested, 3 stopped
     // Set by the main cycle's thread, read by businesses; taken by whoever releases it.
     std::atomic<JQ_BASIC_HANDLE> m_basicSDKHandle;
 
-    std::atomic<int> m_iHolders;
-    // Orders the stop request against the cycle's first pass and its write of ucRunning.
+    // Orders the stop request against the cycle's start, the first pass's entries into the
+    // map and the cycle's write of ucRunning. Guards m_bStopRequested and the map against the
+    // stop's walk; never held across a platform call.
     Mutex m_runStateMutex;
     // The first pass has run: the businesses are loaded once per manager, so a start after a
     // stop brings them back. Main cycle's thread only.
     bool m_bBusinessLoaded;
     bool m_bStopRequested;  // guarded by m_runStateMutex
 
-    ~CTruckServiceManage();  // through basic_release() only
-
     void basic_first_pass();
+    std::vector<CTruckServiceBase*> basic_business_list();
     unsigned char* NewLogBatch(uint32_t groupMaskWord, size_t count);
     void SendLogBatch(const unsigned char* buffer, size_t length);
 };

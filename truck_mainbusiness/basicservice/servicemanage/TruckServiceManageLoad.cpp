@@ -80,7 +80,10 @@ int CTruckServiceManage::basic_load_business() {
     for (BusinessLoadAttr_t& attr : businesses) {
         Json::Value document(Json::objectValue);
         document["MAIN_PARAM"] = attr.param;
-        basic_start_business(attr.id, attr.name, attr.type, attr.bThread != 0, document);
+        // A business that cannot be built (no memory) is left out; the others still load.
+        TruckGuardThread("business load", [&] {
+            basic_start_business(attr.id, attr.name, attr.type, attr.bThread != 0, document);
+        });
     }
     return 0;
 }
@@ -91,13 +94,30 @@ int CTruckServiceManage::basic_start_business(unsigned int id, char* name, unsig
         TRUCK_LOG(2, "Business id[%d, %s] is alardy created, and continue\n", static_cast<int>(id), name);
         return 0;
     }
+    // A stop that came while an earlier step was busy: nothing more is started.
+    if (basic_stop_requested()) {
+        return -1;
+    }
     CTruckServiceBase* business =
         CreateBusinessInstance(this, bThread ? nullptr : m_pMsgClient, id, name, type, param);
     if (business == nullptr) {
         TRUCK_LOG(2, "Create business instance failed, id = %d, name = %s\n", static_cast<int>(id), name);
         return -1;
     }
-    if (business->business_start() != 0) {
+    if (basic_stop_requested()) {
+        delete business;
+        return -1;
+    }
+    int started = -1;
+    try {
+        started = business->business_start();
+    } catch (...) {
+        // Undo what its init registered before it goes.
+        business->business_stop();
+        delete business;
+        throw;
+    }
+    if (started != 0) {
         TRUCK_LOG(0, "Create business instance failed, id = %d, name = %s\n", static_cast<int>(id), name);
         // A business that failed its start never runs: undo what its init registered and let
         // it go, rather than keep an object nobody owns.
@@ -105,7 +125,12 @@ int CTruckServiceManage::basic_start_business(unsigned int id, char* name, unsig
         delete business;
         return -1;
     }
-    m_mapBusiness[id] = business;
+    // A stop that came during the start has not seen this business: stop it here.
+    if (basic_register_business(id, business) != 0) {
+        business->business_stop();
+        delete business;
+        return -1;
+    }
     TRUCK_LOG(1, "Create business instance, id = %d, name = %s, type = %d, bThread = %d, size = %d\n",
               static_cast<int>(id), name, static_cast<int>(type), bThread ? 1 : 0,
               static_cast<int>(m_mapBusiness.size()));
