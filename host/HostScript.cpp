@@ -3,7 +3,6 @@
 #include <ctype.h>
 #include <stdlib.h>
 #include <string.h>
-#include <time.h>
 
 #include <algorithm>
 #include <exception>
@@ -304,26 +303,26 @@ bool ParseDeviceTime(const std::string& text, int64_t& seconds) {
         }
     }
     auto field = [&text](size_t at, size_t length) { return atoi(text.substr(at, length).c_str()); };
-    struct tm parts;
-    memset(&parts, 0, sizeof(parts));
-    parts.tm_year = field(0, 4) - 1900;
-    parts.tm_mon = field(5, 2) - 1;
-    parts.tm_mday = field(8, 2);
-    parts.tm_hour = field(11, 2);
-    parts.tm_min = field(14, 2);
-    parts.tm_sec = field(17, 2);
-    const struct tm asWritten = parts;
-    const time_t value = timegm(&parts);
-    // timegm carries a day 31 of a 30-day month into the next: a date that does not come back
-    // unchanged does not exist. Coming back also shows the value fits the device's time_t.
-    struct tm back;
-    if (asWritten.tm_year < 70 || gmtime_r(&value, &back) == nullptr || back.tm_year != asWritten.tm_year ||
-        back.tm_mon != asWritten.tm_mon || back.tm_mday != asWritten.tm_mday ||
-        back.tm_hour != asWritten.tm_hour || back.tm_min != asWritten.tm_min ||
-        back.tm_sec != asWritten.tm_sec) {
+    const int year = field(0, 4);
+    const int month = field(5, 2);
+    const int day = field(8, 2);
+    const int hour = field(11, 2);
+    const int minute = field(14, 2);
+    const int second = field(17, 2);
+    // Counted here on 64 bits, not through timegm: the device build's time_t ends in 2038, and
+    // the device's records run to 2099.
+    static const int kDays[12] = {31, 28, 31, 30, 31, 30, 31, 31, 30, 31, 30, 31};
+    const bool leap = (year % 4 == 0 && year % 100 != 0) || year % 400 == 0;
+    if (year < 1970 || year > 2099 || month < 1 || month > 12 || day < 1 ||
+        day > kDays[month - 1] + (month == 2 && leap ? 1 : 0) || hour > 23 || minute > 59 || second > 59) {
         return false;
     }
-    seconds = static_cast<int64_t>(value);
+    // Counting years from 1 March puts the leap day at a year's end; 1970-03-01 is day 59, and
+    // every fourth year from 1972 to 2096 is a leap year.
+    const int64_t marchYear = month > 2 ? year : year - 1;
+    const int64_t days = 59 + (marchYear - 1970) * 365 + (marchYear - 1968) / 4 +
+                         (153 * (month > 2 ? month - 3 : month + 9) + 2) / 5 + day - 1;
+    seconds = days * 86400 + int64_t{hour} * 3600 + minute * 60 + second;
     return true;
 }
 
@@ -365,7 +364,7 @@ void RunStep(const ScriptStep& step) {
             nvx::SetParameterDocument(step.text);
             break;
         case Injection::kWallClock:
-            nvx::SetWallClock(static_cast<time_t>(step.seconds));
+            nvx::SetWallClock(step.seconds);
             break;
         case Injection::kStorageReport:
             nvx::InjectStorageReport(step.result, step.text);

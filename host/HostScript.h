@@ -45,8 +45,8 @@ struct ParsedScript {
 
 ParsedScript ParseScript(const std::string& text);
 
-// "YYYY-MM-DDTHH:MM:SS" read without a zone, as seconds since 1970. False for anything else,
-// for a time before 1970 and for one the device's time_t cannot hold.
+// "YYYY-MM-DDTHH:MM:SS" read without a zone, as seconds since 1970. False for anything else
+// and for a time outside 1970..2099 (the device's records end with 2099).
 bool ParseDeviceTime(const std::string& text, int64_t& seconds);
 
 std::vector<uint8_t> SpeedPayload(uint32_t speed, uint8_t unit);

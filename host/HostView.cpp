@@ -5,7 +5,6 @@
 #include <stdio.h>
 #include <sys/ioctl.h>
 #include <sys/stat.h>
-#include <time.h>
 #include <unistd.h>
 
 #include <algorithm>
@@ -35,15 +34,27 @@ std::string Format(const char* format, ...) {
     return text;
 }
 
+// Counted on 64 bits rather than through gmtime_r: the device build's time_t ends in 2038,
+// and the device clock runs to 2099.
 std::string ClockText(int64_t seconds) {
-    const time_t t = static_cast<time_t>(seconds);
-    struct tm parts;
-    if (gmtime_r(&t, &parts) == nullptr) {
+    if (seconds < 0) {
         return "?";
     }
-    char text[32];
-    strftime(text, sizeof(text), "%Y-%m-%d %H:%M:%S", &parts);
-    return text;
+    // Days from 0000-03-01, whose years put the leap day at their end; 400 years hold 146097 days.
+    const int64_t days = seconds / 86400 + 719468;
+    const int64_t inDay = seconds % 86400;
+    const int64_t era = days / 146097;
+    const int64_t dayOfEra = days % 146097;
+    const int64_t yearOfEra = (dayOfEra - dayOfEra / 1460 + dayOfEra / 36524 - dayOfEra / 146096) / 365;
+    const int64_t dayOfYear = dayOfEra - (365 * yearOfEra + yearOfEra / 4 - yearOfEra / 100);
+    const int64_t monthFromMarch = (5 * dayOfYear + 2) / 153;
+    const int64_t month = monthFromMarch < 10 ? monthFromMarch + 3 : monthFromMarch - 9;
+    const int64_t year = era * 400 + yearOfEra + (month <= 2 ? 1 : 0);
+    return Format("%04lld-%02lld-%02lld %02lld:%02lld:%02lld", static_cast<long long>(year),
+                  static_cast<long long>(month),
+                  static_cast<long long>(dayOfYear - (153 * monthFromMarch + 2) / 5 + 1),
+                  static_cast<long long>(inDay / 3600), static_cast<long long>(inDay / 60 % 60),
+                  static_cast<long long>(inDay % 60));
 }
 
 // The turn mark at the end of the speed text, as the driver reads it.
@@ -348,7 +359,7 @@ void HostView::Refresh(uint64_t tMs, bool final) {
     }
     PanelInput in;
     in.tMs = tMs;
-    in.deviceClock = static_cast<int64_t>(nvx::WallClock());
+    in.deviceClock = nvx::WallClock();
     in.messagesPerSecond = m_rate;
     in.watchdogFeeds = nvx::WatchdogFeeds();
     in.framesWritten = m_framesWritten;

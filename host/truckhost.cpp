@@ -214,7 +214,8 @@ int ParseOptions(int argc, char** argv, Options& options) {
             options.busLog = value;
         } else if (arg == "--start-time") {
             if (!truckhost::ParseDeviceTime(value, options.startTime)) {
-                fprintf(stderr, "truckhost: --start-time takes YYYY-MM-DDTHH:MM:SS (from 1970), not '%s'\n",
+                fprintf(stderr,
+                        "truckhost: --start-time takes YYYY-MM-DDTHH:MM:SS (1970 to 2099), not '%s'\n",
                         value.c_str());
                 return 2;
             }
@@ -357,7 +358,7 @@ int main(int argc, char** argv) {
     // The simulated recorder boots with its hard disk mounted.
     nvx::SetStorageMount(0, "/mnt/hd1");
     if (options.startTimeGiven) {
-        nvx::SetWallClock(static_cast<time_t>(options.startTime));
+        nvx::SetWallClock(options.startTime);
     }
     const auto started = std::chrono::steady_clock::now();
     auto sinceStart = [&started] {

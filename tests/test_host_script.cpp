@@ -116,15 +116,23 @@ TEST(HostScript, RawStepsCarryTheirBytesAndValuesAsWritten) {
 }
 
 TEST(HostScript, DeviceTimesAreReadWithoutAZoneAndCalendarChecked) {
+    // Past 2038 on every build, the device's time_t notwithstanding.
+    const std::pair<const char*, int64_t> good[] = {
+        {"1970-01-01T00:00:00", 0},          {"2024-02-29T23:59:59", 1709251199},
+        {"2038-01-19T03:14:08", 2147483648}, {"2096-03-01T00:00:00", 3981398400},
+        {"2099-12-31T23:59:59", 4102444799},
+    };
+    for (const auto& g : good) {
+        int64_t seconds = -1;
+        EXPECT_TRUE(truckhost::ParseDeviceTime(g.first, seconds)) << g.first;
+        EXPECT_EQ(seconds, g.second) << g.first;
+    }
     int64_t seconds = -1;
-    EXPECT_TRUE(truckhost::ParseDeviceTime("1970-01-01T00:00:00", seconds));
-    EXPECT_EQ(seconds, 0);
-    EXPECT_TRUE(truckhost::ParseDeviceTime("2024-02-29T23:59:59", seconds));
-    EXPECT_EQ(seconds, 1709251199);
     for (const char* bad :
          {"2023-02-29T00:00:00", "2026-04-31T12:00:00", "2026-01-02T24:00:00", "2026-01-02T03:60:00",
-          "2026-01-02T03:04:60", "2026-13-02T03:04:05", "1969-12-31T23:59:59", "2026-01-02 03:04:05",
-          "2026-1-02T03:04:05", "2026-01-02T03:04:05Z", "+026-01-02T03:04:05", ""}) {
+          "2026-01-02T03:04:60", "2026-13-02T03:04:05", "1969-12-31T23:59:59", "2100-01-01T00:00:00",
+          "2026-00-02T03:04:05", "2026-01-00T03:04:05", "2026-01-02 03:04:05", "2026-1-02T03:04:05",
+          "2026-01-02T03:04:05Z", "+026-01-02T03:04:05", ""}) {
         EXPECT_FALSE(truckhost::ParseDeviceTime(bad, seconds)) << bad;
     }
 }

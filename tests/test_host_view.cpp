@@ -54,7 +54,10 @@ TEST(HostPanel, ChannelsShowingTheSameItemsShareTheirLinesAndTheRestIsNamed) {
     s.undecodable = 2;
     s.lastProblem = "overlay text has no terminating zero";
 
-    const std::string panel = Joined(truckhost::RenderPanel(s, truckhost::PanelInput(), 200));
+    truckhost::PanelInput input;
+    input.deviceClock = 4102444799;  // past the device build's time_t
+    const std::string panel = Joined(truckhost::RenderPanel(s, input, 200));
+    EXPECT_NE(panel.find("device clock 2099-12-31 23:59:59 "), std::string::npos) << panel;
     EXPECT_NE(panel.find("ch 0-3   time"), std::string::npos) << panel;
     EXPECT_NE(panel.find("ch 4     time"), std::string::npos) << panel;
     EXPECT_NE(panel.find("ch 6     time"), std::string::npos) << panel;

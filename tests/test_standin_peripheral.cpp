@@ -118,17 +118,31 @@ TEST_F(DateTime, ConversionsRoundTripOverTheCenturyOnAThirtyTwoBitScale) {
     EXPECT_EQ(JQ_SDK_DateTime_CalendarTimeToBrokenDownTime(&seconds, nullptr), -1);
 }
 
-TEST_F(DateTime, LocalSecondsFollowTheDeviceClockPast2038) {
+TEST_F(DateTime, LocalTimeFollowsTheDeviceClockPast2038) {
     long long seconds = 0;
     EXPECT_EQ(JQ_SDK_DateTime_GetLocalSeconds(nullptr), -1);
-    nvx::SetWallClock(1700000000);
-    ASSERT_EQ(JQ_SDK_DateTime_GetLocalSeconds(&seconds), 0);
-    EXPECT_TRUE(seconds >= 1700000000 && seconds < 1700000000 + kGenerousMs / 1000) << seconds;
-    if (sizeof(time_t) > 4) {
-        nvx::SetWallClock(static_cast<time_t>(3981312000LL));  // 2096-02-29
+    EXPECT_EQ(JQ_SDK_DateTime_GetLocalBrokendownTime(nullptr), -1);
+    const struct {
+        int64_t clock;
+        tagDateTime record;
+    } cases[] = {
+        {1700000000, Record(2023, 11, 14, 22, 13, 20, 2)},
+        {2147483664LL, Record(2038, 1, 19, 3, 14, 24, 2)},
+        {3981312000LL, Record(2096, 2, 29, 0, 0, 0, 3)},
+    };
+    for (const auto& c : cases) {
+        nvx::SetWallClock(c.clock);
+        tagDateTime now = {6, 6, 6, 6, 6, 6, 6, 6};
+        ASSERT_EQ(JQ_SDK_DateTime_GetLocalBrokendownTime(&now), 0);
         ASSERT_EQ(JQ_SDK_DateTime_GetLocalSeconds(&seconds), 0);
-        const long long wrapped = 3981312000LL - (1LL << 32);
-        EXPECT_TRUE(seconds >= wrapped && seconds < wrapped + kGenerousMs / 1000) << seconds;
+        // The device's scale is 32 bits wide, so a moment past 2038 reads as a negative number.
+        const long long onDevice = static_cast<int32_t>(static_cast<uint32_t>(c.clock));
+        EXPECT_TRUE(seconds >= onDevice && seconds < onDevice + kGenerousMs / 1000) << seconds;
+        // The clock runs on from where it was set; no case is near the end of a minute.
+        EXPECT_TRUE(now.ucSecond >= c.record.ucSecond && now.ucSecond < c.record.ucSecond + 10) << c.clock;
+        now.ucSecond = c.record.ucSecond;
+        EXPECT_EQ(memcmp(&now, &c.record, sizeof(now)), 0)
+            << c.clock << ": " << int(now.ucYear) << "-" << int(now.ucMonth) << "-" << int(now.ucDay);
     }
 }
 

@@ -104,9 +104,10 @@ bool WaitForLog(const std::function<bool(const LogLine&)>& match, int timeoutMs)
 void SetLogObserver(std::function<void(const LogLine&)> observer);
 
 // ---- device wall clock ----
-// The device clock runs at real speed from the time set (seconds since 1970, no zone).
-void SetWallClock(time_t seconds);
-time_t WallClock();
+// The device clock runs at real speed from the time set (seconds since 1970, no zone). 64 bits
+// on every build, so that a 32-bit build's clock goes past 2038 as the device's records do.
+void SetWallClock(int64_t seconds);
+int64_t WallClock();
 // gettimeofday in this process answers the device clock above. A test that needs exact steps
 // holds it at `micros` (microseconds since 1970): it stands there until held at another
 // value or let go, whatever SetWallClock does meanwhile. Reset lets it go. The date and time

@@ -21,11 +21,11 @@ static_assert(offsetof(tagDateTime, ucSecond) == 5, "second at 5");
 static_assert(offsetof(tagDateTime, ucWeek) == 6, "weekday at 6");
 
 // Calendar seconds are seconds since 1970-01-01 00:00:00 on one zone-free scale: the device
-// clock keeps local time, and every operation below reads and writes that same scale through
-// the C library's UTC conversions. The scale is 32 bits wide, as `long` is on the device:
-// seconds handed in are read as their low 32 bits taken unsigned (so up to 2106), seconds
-// handed out are those 32 bits as a signed number (so signed comparisons hold up to 2038).
-// Broken-down records cover the years 2000 to 2099 only.
+// clock keeps local time, and every operation below reads and writes that same scale, counted
+// as the C library's UTC conversions count it (no leap seconds). The scale is 32 bits wide,
+// as `long` is on the device: seconds handed in are read as their low 32 bits taken unsigned
+// (so up to 2106), seconds handed out are those 32 bits as a signed number (so signed
+// comparisons hold up to 2038). Broken-down records cover the years 2000 to 2099 only.
 
 // The device's local date and time. 0, or -1 for a null record.
 int JQ_SDK_DateTime_GetLocalBrokendownTime(tagDateTime* dateTime);

@@ -1,15 +1,13 @@
 // Date and time on the device's settable wall clock.
 //
-// Every conversion goes through the C library's UTC calls (timegm, gmtime_r), so the stand-in
-// and the host agree on what a calendar second is. The device's time_t is 32 bits wide and
-// ends in 2038, well before the records do: moments past it are folded back by whole
-// 28-year cycles, which within 1901..2099 keep both the leap years and the weekdays, so the
-// same code runs unchanged on the device and on a 64-bit host.
+// The calendar arithmetic is done here on 64-bit integers (days from and to a civil date, as
+// in the proleptic Gregorian calendar), not through the C library: the device's time_t is 32
+// bits wide and ends in 2038, well before the records do, so no conversion may pass through
+// it. The same code then runs unchanged on the device and on a 64-bit host.
 #include "JQ_SDK_DateTime.h"
 
 #include <stdint.h>
 #include <string.h>
-#include <time.h>
 
 #include "Device.h"
 
@@ -17,12 +15,7 @@ namespace {
 
 constexpr int kFirstYear = 2000;
 constexpr int kLastYear = 2099;
-
-// 28 years from 1970 hold 7 leap days: 10227 days, exactly 1461 weeks.
-constexpr int kCycleYears = 28;
-constexpr int64_t kCycleSeconds = int64_t{10227} * 86400;
-// The last year a 32-bit time_t can hold whole.
-constexpr int kLastWholeYear = 2037;
+constexpr int64_t kDaySeconds = 86400;
 constexpr int64_t kInt32Limit = int64_t{1} << 31;
 
 // The device's `long`: its low 32 bits, taken unsigned.
@@ -45,58 +38,61 @@ int DaysInMonth(int year, int month) {
     return month == 2 && IsLeap(year) ? 29 : kDays[month - 1];
 }
 
-// A valid date and time of 2000..2099 to seconds since 1970; its weekday to *weekday.
-bool ToCalendar(int year, int month, int day, int hour, int minute, int second, int64_t* out,
-                int* weekday = nullptr) {
-    int64_t folded = 0;
-    while (year > kLastWholeYear) {
-        year -= kCycleYears;
-        folded += kCycleSeconds;
-    }
-    struct tm parts;
-    memset(&parts, 0, sizeof(parts));
-    parts.tm_year = year - 1900;
-    parts.tm_mon = month - 1;
-    parts.tm_mday = day;
-    parts.tm_hour = hour;
-    parts.tm_min = minute;
-    parts.tm_sec = second;
-    const time_t seconds = timegm(&parts);
-    if (seconds == static_cast<time_t>(-1)) {  // never a moment of 1970..2037
-        return false;
-    }
-    *out = static_cast<int64_t>(seconds) + folded;
-    if (weekday != nullptr) {
-        *weekday = parts.tm_wday;
-    }
-    return true;
+int64_t FloorDiv(int64_t a, int64_t b) {
+    return a / b - (a % b < 0 ? 1 : 0);
 }
 
-// Seconds since 1970 (not negative) to their parts, years counted from 1900.
-bool ToBrokenDown(int64_t seconds, struct tm* parts) {
-    int years = 0;
-    while (seconds >= kInt32Limit) {
-        seconds -= kCycleSeconds;
-        years += kCycleYears;
-    }
-    const time_t whole = static_cast<time_t>(seconds);
-    if (gmtime_r(&whole, parts) == nullptr) {
-        return false;
-    }
-    parts->tm_year += years;
-    return true;
+// Days since 1970-01-01. Years are counted from March, so that the leap day ends a year; 400
+// years hold exactly 146097 days.
+int64_t DaysFromCivil(int64_t year, int month, int day) {
+    year -= month <= 2 ? 1 : 0;
+    const int64_t era = FloorDiv(year, 400);
+    const int64_t yearOfEra = year - era * 400;
+    const int64_t dayOfYear = (153 * (month > 2 ? month - 3 : month + 9) + 2) / 5 + day - 1;
+    const int64_t dayOfEra = yearOfEra * 365 + yearOfEra / 4 - yearOfEra / 100 + dayOfYear;
+    return era * 146097 + dayOfEra - 719468;
 }
 
-// The record of a broken-down UTC time; every byte is written.
-void FillRecord(const struct tm& parts, int yearOfCentury, tagDateTime* dateTime) {
+struct Civil {
+    int64_t year;
+    int month, day, hour, minute, second;
+    int weekday;  // 0 Sunday
+};
+
+Civil CivilFromSeconds(int64_t seconds) {
+    const int64_t days = FloorDiv(seconds, kDaySeconds);
+    const int64_t inDay = seconds - days * kDaySeconds;
+    const int64_t shifted = days + 719468;  // from 0000-03-01
+    const int64_t era = FloorDiv(shifted, 146097);
+    const int64_t dayOfEra = shifted - era * 146097;
+    const int64_t yearOfEra = (dayOfEra - dayOfEra / 1460 + dayOfEra / 36524 - dayOfEra / 146096) / 365;
+    const int64_t dayOfYear = dayOfEra - (365 * yearOfEra + yearOfEra / 4 - yearOfEra / 100);
+    const int64_t monthFromMarch = (5 * dayOfYear + 2) / 153;
+    Civil c;
+    c.month = static_cast<int>(monthFromMarch < 10 ? monthFromMarch + 3 : monthFromMarch - 9);
+    c.day = static_cast<int>(dayOfYear - (153 * monthFromMarch + 2) / 5 + 1);
+    c.year = yearOfEra + era * 400 + (c.month <= 2 ? 1 : 0);
+    c.hour = static_cast<int>(inDay / 3600);
+    c.minute = static_cast<int>(inDay / 60 % 60);
+    c.second = static_cast<int>(inDay % 60);
+    c.weekday = static_cast<int>(days + 4 - FloorDiv(days + 4, 7) * 7);  // 1970-01-01 was a Thursday
+    return c;
+}
+
+bool InRecordRange(int64_t year) {
+    return year >= kFirstYear && year <= kLastYear;
+}
+
+// The record of a civil time of 2000..2099; every byte is written.
+void FillRecord(const Civil& c, tagDateTime* dateTime) {
     memset(dateTime, 0, sizeof(*dateTime));
-    dateTime->ucYear = static_cast<uint8_t>(yearOfCentury);
-    dateTime->ucMonth = static_cast<uint8_t>(parts.tm_mon + 1);
-    dateTime->ucDay = static_cast<uint8_t>(parts.tm_mday);
-    dateTime->ucHour = static_cast<uint8_t>(parts.tm_hour);
-    dateTime->ucMinute = static_cast<uint8_t>(parts.tm_min);
-    dateTime->ucSecond = static_cast<uint8_t>(parts.tm_sec);
-    dateTime->ucWeek = static_cast<uint8_t>(parts.tm_wday);
+    dateTime->ucYear = static_cast<uint8_t>(c.year - kFirstYear);
+    dateTime->ucMonth = static_cast<uint8_t>(c.month);
+    dateTime->ucDay = static_cast<uint8_t>(c.day);
+    dateTime->ucHour = static_cast<uint8_t>(c.hour);
+    dateTime->ucMinute = static_cast<uint8_t>(c.minute);
+    dateTime->ucSecond = static_cast<uint8_t>(c.second);
+    dateTime->ucWeek = static_cast<uint8_t>(c.weekday);
 }
 
 }  // namespace
@@ -105,12 +101,13 @@ int JQ_SDK_DateTime_GetLocalBrokendownTime(tagDateTime* dateTime) {
     if (dateTime == nullptr) {
         return -1;
     }
-    // The device clock keeps local time on a zone-free scale.
-    const time_t now = nvx::WallClock();
-    struct tm parts;
-    gmtime_r(&now, &parts);
-    const int year = parts.tm_year + 1900;
-    FillRecord(parts, year >= kFirstYear && year <= kLastYear ? year - kFirstYear : 0, dateTime);
+    // The device clock keeps local time on a zone-free scale. A clock set outside the
+    // records' century shows its month and day in year 0.
+    Civil now = CivilFromSeconds(nvx::WallClock());
+    if (!InRecordRange(now.year)) {
+        now.year = kFirstYear;
+    }
+    FillRecord(now, dateTime);
     return 0;
 }
 
@@ -119,7 +116,7 @@ int JQ_SDK_DateTime_GetLocalSeconds(long long* seconds) {
         return -1;
     }
     // Whole 64 bits written, but what they hold is what the device's 32-bit clock reads.
-    *seconds = AsDeviceSeconds(static_cast<int64_t>(nvx::WallClock()));
+    *seconds = AsDeviceSeconds(nvx::WallClock());
     return 0;
 }
 
@@ -127,15 +124,11 @@ int JQ_SDK_DateTime_CalendarTimeToBrokenDownTime(const long* seconds, tagDateTim
     if (seconds == nullptr || dateTime == nullptr) {
         return -1;
     }
-    struct tm parts;
-    if (!ToBrokenDown(ReadSeconds(*seconds), &parts)) {
+    const Civil civil = CivilFromSeconds(ReadSeconds(*seconds));
+    if (!InRecordRange(civil.year)) {
         return -1;
     }
-    const int year = parts.tm_year + 1900;
-    if (year < kFirstYear || year > kLastYear) {
-        return -1;
-    }
-    FillRecord(parts, year - kFirstYear, dateTime);
+    FillRecord(civil, dateTime);
     return 0;
 }
 
@@ -145,18 +138,15 @@ int JQ_SDK_DateTime_BrokenDownTimeToCalendarTime(const tagDateTime* dateTime, lo
     }
     const int year = kFirstYear + dateTime->ucYear;
     const int month = dateTime->ucMonth;
-    // Checked here rather than left to timegm, which would quietly roll a 31st of April over
+    // Checked field by field: the arithmetic below would quietly roll a 31st of April over
     // into May.
     if (year > kLastYear || month < 1 || month > 12 || dateTime->ucDay < 1 ||
         dateTime->ucDay > DaysInMonth(year, month) || dateTime->ucHour > 23 || dateTime->ucMinute > 59 ||
         dateTime->ucSecond > 59) {
         return -1;
     }
-    int64_t calendar = 0;
-    if (!ToCalendar(year, month, dateTime->ucDay, dateTime->ucHour, dateTime->ucMinute, dateTime->ucSecond,
-                    &calendar)) {
-        return -1;
-    }
+    const int64_t calendar = DaysFromCivil(year, month, dateTime->ucDay) * kDaySeconds +
+                             dateTime->ucHour * 3600 + dateTime->ucMinute * 60 + dateTime->ucSecond;
     *seconds = static_cast<long>(AsDeviceSeconds(calendar));
     return 0;
 }
@@ -170,11 +160,7 @@ int JQ_SDK_DateTime_GetDayByWeek(unsigned char year, unsigned char month, unsign
         return -1;
     }
     const int fullYear = kFirstYear + year;
-    int64_t unused = 0;
-    int firstWeekday = 0;
-    if (!ToCalendar(fullYear, month, 1, 0, 0, 0, &unused, &firstWeekday)) {
-        return -1;
-    }
+    const int firstWeekday = CivilFromSeconds(DaysFromCivil(fullYear, month, 1) * kDaySeconds).weekday;
     const int first = 1 + (weekday - firstWeekday + 7) % 7;  // 1..7
     // Week 4 ends by the 28th, inside every month; week 5 is however many whole weeks fit.
     const int weeks = week < 5 ? week - 1 : (DaysInMonth(fullYear, month) - first) / 7;

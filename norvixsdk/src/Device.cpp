@@ -144,16 +144,16 @@ std::string ResolveDevicePath(const char* devicePath) {
     return path + (devicePath != nullptr ? devicePath : "");
 }
 
-void SetWallClock(time_t seconds) {
-    g_wallOffsetSeconds.store(static_cast<int64_t>(seconds) - static_cast<int64_t>(time(nullptr)));
+void SetWallClock(int64_t seconds) {
+    g_wallOffsetSeconds.store(seconds - static_cast<int64_t>(time(nullptr)));
 }
 
 void SetLocalTimeFollowsZone(bool follows) {
     g_zoneMovesClock.store(follows);
 }
 
-time_t WallClock() {
-    return static_cast<time_t>(static_cast<int64_t>(time(nullptr)) + g_wallOffsetSeconds.load());
+int64_t WallClock() {
+    return static_cast<int64_t>(time(nullptr)) + g_wallOffsetSeconds.load();
 }
 
 uint64_t CallCount(const std::string& operation) {
