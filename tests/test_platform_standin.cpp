@@ -6,9 +6,12 @@
 #include <thread>
 
 #include "AsynCallback.h"
+#include "JQ_SDK_Basic.h"
+#include "JQ_SDK_Device.h"
 #include "JQ_SDK_Global.h"
 #include "MsgClientManage.h"
 #include "TestSupport.h"
+#include "TruckServiceManage.h"
 
 namespace {
 
@@ -23,6 +26,9 @@ struct Receiver {
 
 using Bus = DeviceTest;
 using Watchdog = DeviceTest;
+using PlatformThreads = DeviceTest;
+
+void Ignore(const char*, int, void*, void*) {}
 
 }  // namespace
 
@@ -122,4 +128,29 @@ TEST_F(Watchdog, ReportsAClientThatStopsFeedingOncePerSilence) {
     for (const nvx::LogLine& line : nvx::CapturedLogs()) {
         EXPECT_EQ(line.text.find("never_fed"), std::string::npos) << "a client that never fed is not watched";
     }
+}
+
+// A platform thread is named for what it serves, not after whichever thread first needed it:
+// after a stop, no thread may pass for the service's own.
+TEST_F(PlatformThreads, CarryTheirOwnNamesAndNoneOutlivesTheStopUnderTheServicesName) {
+    tag_ServiceParam param;
+    param.ucRunning.store(0);
+    ASSERT_EQ(JQ_SDK_Service_Start(&param), 0);
+    ASSERT_TRUE(Eventually([] { return nvx::CallCount("JQ_SDK_Storage_GetFuseMntPath") == 1; }));
+    int handle = 0;
+    const char request[] = R"({"PARAMETER":{"MDVR":{"TIMEP":"?"}}})";
+    EXPECT_EQ(JQ_SDK_Global_GetParameter(request, sizeof(request) - 1, Ignore, nullptr, nullptr), 0);
+    EXPECT_EQ(JQ_SDK_Device_MonitorDevSignalData(Ignore, &handle, 0), 0);
+    EXPECT_EQ(JQ_SDK_Basic_Peripheral_MonitorCanPortEvent(&handle, Ignore, &handle, 0), 0);
+    nvx::InjectDevSignal("{}", 2);
+    nvx::InjectCanRecord("\x01", 1);
+    EXPECT_TRUE(nvx::WaitForStorageIdle(kGenerousMs) && nvx::WaitForParamIdle(kGenerousMs));
+    EXPECT_EQ(CountThreads("nvx-watchdog"), 1);
+    EXPECT_EQ(JQ_SDK_Service_Stop(&param), 0);
+    EXPECT_TRUE(Eventually([] { return CountThreads("truckservice") == 0; }));
+    for (const char* name : {"nvx-storage", "nvx-param", "nvx-devsignal", "nvx-can"}) {
+        EXPECT_EQ(CountThreads(name), 1) << name;
+    }
+    EXPECT_EQ(JQ_SDK_Device_MonitorDevSignalData(nullptr, &handle, 0), 0);
+    EXPECT_EQ(JQ_SDK_Basic_Peripheral_MonitorCanPortEvent(&handle, nullptr, &handle, 0), 0);
 }

@@ -9,9 +9,13 @@
 // thread starts with the first record and idles on a condition variable for the rest of the
 // process, so nothing has to join it.
 //
-// `Delivery` has a member `void* user` and a member `void Run()` that makes the call.
+// `Delivery` has a member `void* user` and a member `void Run()` that makes the call. The
+// thread carries the channel's name, so that it is never taken for the thread of whoever
+// queued its first record.
 #ifndef NORVIX_SRC_DELIVERYCHANNEL_H
 #define NORVIX_SRC_DELIVERYCHANNEL_H
+
+#include <sys/prctl.h>
 
 #include <chrono>
 #include <condition_variable>
@@ -26,6 +30,9 @@ namespace detail {
 template <class Delivery>
 class DeliveryChannel {
 public:
+    // `name`: at most 15 characters, as the kernel keeps them.
+    explicit DeliveryChannel(const char* name) : m_name(name) {}
+
     std::mutex mutex;
 
     // With the mutex held.
@@ -80,6 +87,7 @@ private:
     }
 
     void Loop() {
+        prctl(PR_SET_NAME, m_name, 0, 0, 0);
         std::unique_lock<std::mutex> lock(mutex);
         for (;;) {
             m_work.wait(lock, [this] { return !m_queue.empty(); });
@@ -99,6 +107,7 @@ private:
         }
     }
 
+    const char* const m_name;
     std::condition_variable m_work;  // the queue gained a record
     std::condition_variable m_done;  // a delivery ended
     std::deque<Delivery> m_queue;

@@ -6,6 +6,7 @@
 // and the watchdog table; each client's mutex guards its queue and handlers. Order: bus
 // before client. Handlers run with no lock held.
 #include <string.h>
+#include <sys/prctl.h>
 
 #include <atomic>
 #include <condition_variable>
@@ -103,6 +104,7 @@ int QueueForClients(Bus& bus, int event, const char* data, size_t length) {
 }
 
 void MonitorLoop() {
+    prctl(PR_SET_NAME, "nvx-watchdog", 0, 0, 0);
     Bus& bus = TheBus();
     std::unique_lock<std::mutex> lock(bus.mutex);
     while (!bus.monitorStop) {

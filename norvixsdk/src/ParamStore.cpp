@@ -164,7 +164,7 @@ void MergeInto(Json::Value& stored, const Json::Value& written) {
 // ---- the parameter thread ----
 
 void DeliveryLoop() {
-    prctl(PR_SET_NAME, "nvxparam", 0, 0, 0);
+    prctl(PR_SET_NAME, "nvx-param", 0, 0, 0);
     ParamStore& s = Store();
     std::unique_lock<std::mutex> lock(s.mutex);
     for (;;) {

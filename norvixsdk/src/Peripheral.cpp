@@ -38,18 +38,19 @@ struct Delivery {
 };
 
 struct Channel {
+    explicit Channel(const char* name) : delivery(name) {}
     detail::DeliveryChannel<Delivery> delivery;
     std::map<void*, Callback> monitors;  // by user, under delivery.mutex
 };
 
 // Never destroyed, see Device.cpp.
 Channel& Signals() {
-    static Channel* channel = new Channel;
+    static Channel* channel = new Channel("nvx-devsignal");
     return *channel;
 }
 
 Channel& CanPort() {
-    static Channel* channel = new Channel;
+    static Channel* channel = new Channel("nvx-can");
     return *channel;
 }
 

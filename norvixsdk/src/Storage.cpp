@@ -39,7 +39,7 @@ struct Delivery {
 };
 
 struct StorageService {
-    detail::DeliveryChannel<Delivery> delivery;
+    detail::DeliveryChannel<Delivery> delivery{"nvx-storage"};
     std::map<void*, JQ_SDK_StorageCallback> monitors;  // by user
     tag_fuseMntPathAck mount;
 };
