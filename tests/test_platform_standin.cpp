@@ -8,6 +8,7 @@
 #include "AsynCallback.h"
 #include "JQ_SDK_Basic.h"
 #include "JQ_SDK_Device.h"
+#include "JQ_LOG.h"
 #include "JQ_SDK_Global.h"
 #include "MsgClientManage.h"
 #include "TestSupport.h"
@@ -27,6 +28,7 @@ struct Receiver {
 using Bus = DeviceTest;
 using Watchdog = DeviceTest;
 using PlatformThreads = DeviceTest;
+using Log = DeviceTest;
 
 void Ignore(const char*, int, void*, void*) {}
 
@@ -128,6 +130,26 @@ TEST_F(Watchdog, ReportsAClientThatStopsFeedingOncePerSilence) {
     for (const nvx::LogLine& line : nvx::CapturedLogs()) {
         EXPECT_EQ(line.text.find("never_fed"), std::string::npos) << "a client that never fed is not watched";
     }
+}
+
+// %n shows whether a line was formatted at all: a line that neither the print level, a
+// capture nor an observer takes is not.
+TEST_F(Log, IsFormattedOnlyWhenSomethingTakesIt) {
+    int formatted = -1;
+    nvx::StopLogCapture();  // printing is off in every test
+    EXPECT_EQ(JQ_LOG_Output("TRUCK", 0, "file", "func", 1, "ab%n\n", &formatted), 0);
+    EXPECT_EQ(JQ_LOG_Format(0, "ab%n\n", &formatted), 0);
+    EXPECT_EQ(formatted, -1);
+    int observed = 0;
+    nvx::SetLogObserver([&observed](const nvx::LogLine& line) { observed += line.text == "ab\n" ? 1 : 0; });
+    JQ_LOG_Output("TRUCK", 4, "file", "func", 1, "ab%n\n", &formatted);
+    EXPECT_EQ(formatted, 2);
+    nvx::SetLogObserver(nullptr);
+    nvx::StartLogCapture();
+    JQ_LOG_Format(4, "abc%n\n", &formatted);
+    EXPECT_EQ(formatted, 3);
+    EXPECT_EQ(observed, 1);
+    EXPECT_TRUE(Logged("", 4, "abc\n"));
 }
 
 // A platform thread is named for what it serves, not after whichever thread first needed it:

@@ -1,5 +1,7 @@
 // Platform log: formats one line per call, prints it to standard error at or below the set
-// level, and hands it to the capture and the observer.
+// level, and hands it to the capture and the observer. As on the device, a line that nobody
+// takes (above the print level, with no capture and no observer) is dropped before it is
+// formatted, so that a quiet log costs its callers next to nothing.
 #include <stdarg.h>
 #include <stdio.h>
 
@@ -28,6 +30,14 @@ LogState& State() {
 }
 
 std::atomic<int> g_level{2};
+// Whether a capture or an observer takes lines of every level; written under the state's
+// mutex, read without it on every call.
+std::atomic<bool> g_takesEveryLevel{false};
+
+// With the state's mutex held, after a change of the capture or the observer.
+void UpdateTakers(const LogState& s) {
+    g_takesEveryLevel.store(s.capturing || static_cast<bool>(s.observer));
+}
 
 const char kLevelNames[] = "01234";
 
@@ -48,12 +58,14 @@ void StartLogCapture() {
     std::lock_guard<std::mutex> lock(s.mutex);
     s.capturing = true;
     s.captured.clear();
+    UpdateTakers(s);
 }
 
 void StopLogCapture() {
     LogState& s = State();
     std::lock_guard<std::mutex> lock(s.mutex);
     s.capturing = false;
+    UpdateTakers(s);
 }
 
 std::vector<LogLine> CapturedLogs() {
@@ -81,6 +93,7 @@ void SetLogObserver(std::function<void(const LogLine&)> observer) {
     LogState& s = State();
     std::lock_guard<std::mutex> lock(s.mutex);
     s.observer = std::move(observer);
+    UpdateTakers(s);
 }
 
 namespace detail {
@@ -89,12 +102,18 @@ void ResetLog() {
     std::lock_guard<std::mutex> lock(s.mutex);
     s.capturing = false;
     s.captured.clear();
+    UpdateTakers(s);
 }
 }  // namespace detail
 
 }  // namespace nvx
 
 namespace {
+
+bool Taken(int level) {
+    return level <= nvx::g_level.load(std::memory_order_relaxed) ||
+           nvx::g_takesEveryLevel.load(std::memory_order_relaxed);
+}
 
 std::string FormatText(const char* format, va_list args) {
     std::string text;
@@ -150,6 +169,9 @@ void Emit(const nvx::LogLine& entry) {
 
 extern "C" int JQ_LOG_Output(const char* module, int level, const char* file, const char* func, int line,
                              const char* format, ...) {
+    if (!Taken(level)) {
+        return 0;
+    }
     nvx::LogLine entry;
     entry.module = module != nullptr ? module : "";
     entry.level = level;
@@ -165,6 +187,9 @@ extern "C" int JQ_LOG_Output(const char* module, int level, const char* file, co
 }
 
 extern "C" int JQ_LOG_Format(int level, const char* format, ...) {
+    if (!Taken(level)) {
+        return 0;
+    }
     nvx::LogLine entry;
     entry.level = level;
     va_list args;
