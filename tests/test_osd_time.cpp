@@ -93,6 +93,16 @@ TEST_F(OsdTime, TheLabelAndTheOffsetOfEachZoneAndTheChannelsOfUtcMode) {
                              "m_timeZoneParam.dstEnable = 0 , m_SystemDSTEnable = 0\n"}) {
         EXPECT_TRUE(Logged("TRUCK", 1, line)) << line;
     }
+    // A card reader's time line follows the same offset; its Seven line is left to the swipes.
+    for (uint32_t customer : {43u, 44u}) {
+        auto reader = Direct(customer);
+        Apply(*reader, Doc(kEosd));
+        nvx::ClearSentMessages();
+        Apply(*reader, Timep(R"({"TIMEZ":"0","TIMEZEX":"570"})"));
+        EXPECT_TRUE(Overlays(kSeven).empty());
+        reader->OSDDataSendTime();
+        EXPECT_TRUE(Like(Last(kTime).text, "07/03/2024 11:30:##")) << customer << ": " << Last(kTime).text;
+    }
 }
 
 TEST_F(OsdTime, DaylightSavingStartsAndEndsAtTheExactInstantsOfEachRule) {

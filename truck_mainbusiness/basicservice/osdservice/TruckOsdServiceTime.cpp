@@ -105,20 +105,20 @@ void CTruckOsdService::TimeParamParse(const Json::Value& timep) {
               static_cast<int>(enableUtc));
     m_enableUtc = enableUtc;
 
+    // Every customer's time line shows the active offset, card readers' too: in UTC mode their
+    // time line would otherwise show the bare device clock.
+    const int offset = m_enableUtc == 1 ? m_sTimeZoneEx : m_sTimeZone;
+    m_iTimeZoneHour = static_cast<int16_t>(offset / 60);
+    m_iTimeZoneMin = static_cast<int16_t>(offset % 60);
     if (IsCardReader(m_customerType)) {
-        return;  // their Seven line carries card swipes
+        return;  // their Seven line carries card swipes, not the zone's label
     }
-    int offset = 0;
     if (m_enableUtc == 1) {
-        offset = m_sTimeZoneEx;
         m_uiSevenChnMask = static_cast<uint32_t>(GetVideoChannalMask(m_videoInNum));
         OSDDataDeleteIPCSeven("");
     } else {
-        offset = m_sTimeZone;
         m_uiSevenChnMask = static_cast<uint32_t>(GetVideoChannalMask(m_videoInNum + m_videoIpNum));
     }
-    m_iTimeZoneHour = static_cast<int16_t>(offset / 60);
-    m_iTimeZoneMin = static_cast<int16_t>(offset % 60);
 
     // The label holds 15 characters; an offset of 16-bit minutes never needs more than 10,
     // but the formatter is given room for any int and the result is cut to 15.
