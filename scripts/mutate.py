@@ -381,14 +381,18 @@ def run_until_failure(pending, running, jobs, timeout_of):
     return outcome
 
 
-def order_for(path, tests):
+def split_for(path, tests):
+    """The suites nearest the file (run first, and built alone first), and the rest; each
+    quickest first."""
     near = [rx for prefix, rx in NEAR_SUITES if path.startswith(prefix)]
     near_rx = re.compile(near[0]) if near else None
+    by_time = sorted(tests, key=lambda test: test.seconds)
+    first = [t for t in by_time if near_rx is not None and near_rx.search(t.label) is not None]
+    return first, [t for t in by_time if t not in first]
 
-    def rank(test):
-        is_near = near_rx is not None and near_rx.search(test.label) is not None
-        return (0 if is_near else 1, test.seconds)
-    return sorted(tests, key=rank)
+
+def executable(test):
+    return os.path.basename(test.command[0])
 
 
 # ---- the tree, kept restorable -----------------------------------------------------------------
@@ -453,10 +457,27 @@ def configure(tree, build_dir):
     return build(build_dir, quiet=False)
 
 
-def build(build_dir, quiet=True):
+def build(build_dir, quiet=True, targets=()):
     output = subprocess.DEVNULL if quiet else sys.stderr
-    result = subprocess.run(["cmake", "--build", build_dir], stdout=output, stderr=output)
+    command = ["cmake", "--build", build_dir] + (["--target", *targets] if targets else [])
+    result = subprocess.run(command, stdout=output, stderr=output)
     return result.returncode == 0
+
+
+def try_mutant(build_dir, near, rest, jobs, timeout_of):
+    """Builds and runs the near suites' programs alone first: most mutants fall there, and
+    relinking every test program for them would cost more than running them. Only a mutant
+    that survives them has the whole tree built and the rest of the suite run."""
+    targets = sorted({executable(t) for t in near})
+    if targets:
+        if not build(build_dir, targets=targets):
+            return "build", ""
+        result, killer = run_suite(near, jobs, timeout_of)
+        if result != "pass":
+            return result, killer
+    if not build(build_dir):
+        return "build", ""
+    return run_suite(rest, jobs, timeout_of)
 
 
 def load_equivalents(tree):
@@ -581,14 +602,12 @@ def main():
             t0 = time.monotonic()
             restorer.write(mutant)
             try:
-                if not build(build_dir):
-                    mutant.outcome = "build"
-                else:
-                    result, killer = run_suite(order_for(mutant.path, tests), args.jobs, timeout_of)
-                    mutant.killer = killer
-                    mutant.outcome = {"pass": "survived", "fail": "caught", "timeout": "timeout"}[result]
-                    if mutant.outcome == "survived" and mutant.key() in equivalents:
-                        mutant.outcome = "equivalent"
+                near, rest = split_for(mutant.path, tests)
+                result, killer = try_mutant(build_dir, near, rest, args.jobs, timeout_of)
+                mutant.killer = killer
+                mutant.outcome = {"pass": "survived", "fail": "caught", "timeout": "timeout", "build": "build"}[result]
+                if mutant.outcome == "survived" and mutant.key() in equivalents:
+                    mutant.outcome = "equivalent"
             finally:
                 restorer.restore()
             mutant.seconds = time.monotonic() - t0
