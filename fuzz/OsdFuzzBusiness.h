@@ -36,8 +36,9 @@ inline Pair& Businesses() {
         config.usVideoIpNum = 2;
         // Kept for the whole run, shared as the service shares it: the platform's callbacks
         // reach a business only while its manager is alive.
-        CTruckServiceManage* manage =
-            (new std::shared_ptr<CTruckServiceManage>(std::make_shared<CTruckServiceManage>(&config)))->get();
+        static std::shared_ptr<CTruckServiceManage>* owner =
+            new std::shared_ptr<CTruckServiceManage>(std::make_shared<CTruckServiceManage>(&config));
+        CTruckServiceManage* manage = owner->get();
         // A client of its own makes the business a shared-thread one: its handlers run here.
         CMsgClientManage* client = new CMsgClientManage("osdfuzz", kTruckClientDepth, nullptr);
         static char name[] = "osd";
