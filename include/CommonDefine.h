@@ -14,8 +14,8 @@
 
 #include "JQ_LOG.h"
 
-// Every source file defines TRUCK_LOG_SOURCE (its path below the repository root, without
-// extension) after its includes, so that a log call reads like the format it prints.
+// TRUCK_LOG_SOURCE names the source file (its path below the repository root, without
+// extension); the build defines it for every file of the plug-in.
 #define TRUCK_LOG(level, format, ...) \
     JQ_LOG_Output("TRUCK", (level), TRUCK_LOG_SOURCE, __func__, __LINE__, format, ##__VA_ARGS__)
 #define APPCOM_LOG(level, format, ...) \

@@ -8,6 +8,7 @@
 
 #include "CycleRunner.h"
 #include "TestSupport.h"
+#include "TruckOsdService.h"
 
 namespace {
 
@@ -169,4 +170,35 @@ TEST_F(DeviceInfo, AlarmStateIsCopiedAndAlwaysReadWhole) {
     EXPECT_EQ(torn, 0);
     memset(&a, 0x33, sizeof(a));  // the manager keeps its own copy
     EXPECT_EQ(manage->GetChannelAlarmState().aucState[31], 0x11);
+}
+
+// A log line names the file it comes from, so that file, function and line lead to the code.
+TEST_F(DeviceInfo, LogLinesNameTheFileTheyComeFrom) {
+    manage->BasicAnalyzeSystemconfig();
+    manage->basic_load_business();
+    callback_basic_request_storage_mntputh(nullptr, 0, nullptr);
+    Json::Value none;
+    char name[] = "osd";
+    CTruckOsdService osd(manage.get(), nullptr, 7, name, 0, none);
+    osd.OnUpdateIoUseInfo("{}", 2);
+    Json::Value timep;
+    timep["TIMEZ"] = "60";
+    osd.TimeParamParse(timep);
+    const std::string dir = "truck_mainbusiness/basicservice/";
+    const std::pair<const char*, std::string> lines[] = {
+        {"Get system config json failed", dir + "servicemanage/TruckServiceManageDevice"},
+        {"Get basic config json failed", dir + "servicemanage/TruckServiceManageLoad"},
+        {"storage callback param error", dir + "servicemanage/TruckServiceManageStorage"},
+        {"m_videoInNum = ", dir + "osdservice/TruckOsdService"},
+        {"turnState,m_turnState = ", dir + "osdservice/TruckOsdServiceSpeed"},
+        {"szTimeZone = ", dir + "osdservice/TruckOsdServiceTime"}};
+    for (const auto& [text, file] : lines) {
+        std::string found = "(no such line)";
+        for (const nvx::LogLine& line : nvx::CapturedLogs()) {
+            if (line.text.rfind(text, 0) == 0) {
+                found = line.file;
+            }
+        }
+        EXPECT_EQ(found, file) << text;
+    }
 }

@@ -102,8 +102,9 @@ TEST_F(TextEncoding, SequencesOfOtherLengthsAreRefusedAndLogged) {
     ASSERT_EQ(4u, nvx::CapturedLogs().size());
     const nvx::LogLine last = nvx::CapturedLogs()[3];
     EXPECT_EQ("convert_utf8_unicode::invalid str_len[5]\n", last.text);
-    EXPECT_EQ("TRUCK 2 convert_utf8_unicode 415", last.module + " " + std::to_string(last.level) + " " +
-                                                      last.func + " " + std::to_string(last.line));
+    EXPECT_EQ("TRUCK 2 truck_main/common/src/CommonDefine convert_utf8_unicode 415",
+              last.module + " " + std::to_string(last.level) + " " + last.file + " " + last.func + " " +
+                  std::to_string(last.line));
     EXPECT_EQ(8, GetUtf8ByteNumber(0xFF)) << "a lead beyond four bytes is counted, not refused";
 }
 

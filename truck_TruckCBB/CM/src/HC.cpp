@@ -26,8 +26,6 @@
 #include "CommonDefine.h"
 #include "cbb_mempool.h"
 
-#define TRUCK_LOG_SOURCE "truck_TruckCBB/CM/src/HC"
-
 namespace {
 
 const int kBusWaitMs = 100;

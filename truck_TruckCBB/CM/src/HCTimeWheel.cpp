@@ -5,8 +5,6 @@
 
 #include "JQ_LOG.h"
 
-#define TRUCK_LOG_SOURCE "truck_TruckCBB/CM/src/HC"
-
 namespace {
 
 const uint32_t kSlotCount = 16;

@@ -13,8 +13,6 @@
 #include "CommonDefine.h"
 #include "HC.h"
 
-#define TRUCK_LOG_SOURCE "truck_TruckCBB/CM/src/HC"
-
 static_assert(std::atomic<uint64_t>::is_always_lock_free, "the clock's counters are read and written whole");
 
 namespace {

@@ -12,8 +12,6 @@
 #include <exception>
 #include <fstream>
 
-#define TRUCK_LOG_SOURCE "truck_main/common/src/CommonDefine"
-
 // The log lines of the JSON helpers carry fixed line numbers rather than __LINE__, so that
 // they read the same whatever becomes of this file's layout.
 

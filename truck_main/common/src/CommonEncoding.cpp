@@ -9,8 +9,6 @@
 #include <sys/types.h>
 #include <unistd.h>
 
-#define TRUCK_LOG_SOURCE "truck_main/common/src/CommonDefine"
-
 namespace {
 
 // The table holds one 2-byte entry per code point of the CJK Unified Ideographs block.
@@ -50,7 +48,8 @@ int GetUtf8ByteNumber(unsigned char first) {
 int convert_utf8_unicode(const char* sequence, char* codePoint) {
     const size_t length = sequence != nullptr ? strlen(sequence) : 0;
     if (length < 2 || length > 4) {
-        JQ_LOG_Output("TRUCK", 2, TRUCK_LOG_SOURCE, "convert_utf8_unicode", 415,
+        // Function and line are the common module's, so the line names the module, not this file.
+        JQ_LOG_Output("TRUCK", 2, "truck_main/common/src/CommonDefine", "convert_utf8_unicode", 415,
                       "convert_utf8_unicode::invalid str_len[%d]\n", static_cast<int>(length));
         return -1;
     }

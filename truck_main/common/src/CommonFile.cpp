@@ -17,8 +17,6 @@
 
 #include "OsUtils.h"
 
-#define TRUCK_LOG_SOURCE "truck_main/common/src/CommonDefine"
-
 namespace {
 
 // Device paths are at most this long; the working copy of make_directory holds one more byte.

@@ -2,8 +2,6 @@
 // against the enumerations of the media interfaces, and the pixel sizes of output resolutions.
 #include "CommonDefine.h"
 
-#define TRUCK_LOG_SOURCE "truck_main/common/src/CommonDefine"
-
 namespace {
 
 // Every table ends in a row whose stored value is kEndOfTable; its enumeration is what an

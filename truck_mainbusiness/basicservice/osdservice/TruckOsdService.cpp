@@ -14,8 +14,6 @@
 #include "OsUtils.h"
 #include "TruckServiceManage.h"
 
-#define TRUCK_LOG_SOURCE "truck_mainbusiness/basicservice/osdservice/TruckOsdService"
-
 namespace {
 
 const unsigned long long kOsdCycleMs = 500;

@@ -9,8 +9,6 @@
 #include "JQ_SDK_Global.h"
 #include "TruckOsdService.h"
 
-#define TRUCK_LOG_SOURCE "truck_mainbusiness/basicservice/osdservice/TruckOsdServiceEosd"
-
 namespace {
 
 // Cleared by the first EOSD notification that carries "WME", for the life of the process.

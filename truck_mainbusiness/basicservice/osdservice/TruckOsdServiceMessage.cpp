@@ -7,8 +7,6 @@
 #include "CommonDefine.h"
 #include "TruckOsdService.h"
 
-#define TRUCK_LOG_SOURCE "truck_mainbusiness/basicservice/osdservice/TruckOsdServiceMessage"
-
 namespace {
 
 // Card-swipe notification, as read.

@@ -8,8 +8,6 @@
 #include "CommonDefine.h"
 #include "TruckOsdService.h"
 
-#define TRUCK_LOG_SOURCE "truck_mainbusiness/basicservice/osdservice/TruckOsdServiceSpeed"
-
 namespace {
 
 // Speed notification.

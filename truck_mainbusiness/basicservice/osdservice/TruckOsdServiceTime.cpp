@@ -8,8 +8,6 @@
 #include "CommonDefine.h"
 #include "TruckOsdService.h"
 
-#define TRUCK_LOG_SOURCE "truck_mainbusiness/basicservice/osdservice/TruckOsdServiceTime"
-
 namespace {
 
 // Calendar seconds are 32-bit on the device: sums wrap there, and are made to wrap the same

@@ -10,8 +10,6 @@
 #include "OsUtils.h"
 #include "TruckServiceManage.h"
 
-#define TRUCK_LOG_SOURCE "truck_mainbusiness/basicservice/servicemanage/TruckServiceBase"
-
 namespace {
 
 // The own thread's bus wait: long enough to idle, short enough to keep the cycle on time.

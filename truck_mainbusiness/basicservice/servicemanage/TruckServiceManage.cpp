@@ -11,8 +11,6 @@
 #include "OsUtils.h"
 #include "TruckServiceBase.h"
 
-#define TRUCK_LOG_SOURCE "truck_mainbusiness/basicservice/servicemanage/TruckServiceManage"
-
 namespace {
 
 const char kGlobalParamPath[] = "/mnt/tmpfs/global.bsn";
@@ -324,7 +322,7 @@ int CTruckServiceManage::basic_thread_cycle(tag_ServiceParam* param) {
         const unsigned long long now = OsUtilsGetTickCount();
         // What a pass throws (an allocation that failed) ends that pass, not the cycle: the
         // watchdog is fed on the next one.
-        TruckGuardThread("truckservice pass", [this, now] {
+        TruckGuardThread("main cycle pass", [this, now] {
             m_pMsgClient->MSGWaitForEvent(50);
             m_pMsgClient->MSGFeedWatchDog(now);
 

@@ -15,8 +15,6 @@
 #include "CommonDefine.h"
 #include "JQ_SDK_Device.h"
 
-#define TRUCK_LOG_SOURCE "truck_mainbusiness/basicservice/servicemanage/TruckServiceManage"
-
 namespace {
 
 const char kSystemConfigPath[] = "/usr/local/cfg/SYSTEM_CONFIG";

@@ -10,8 +10,6 @@
 #include "TruckServiceBase.h"
 #include "TruckServiceManage.h"
 
-#define TRUCK_LOG_SOURCE "truck_mainbusiness/basicservice/servicemanage/TruckServiceManage"
-
 namespace {
 const char kBusinessConfigPath[] = "/usr/local/cfg/truckbusiness.jsn";
 const unsigned int kBusinessIdOsd = 7;

@@ -11,8 +11,6 @@
 
 #include "CommonDefine.h"
 
-#define TRUCK_LOG_SOURCE "truck_mainbusiness/basicservice/servicemanage/TruckServiceManage"
-
 namespace {
 
 // Bit n of a group mask names the group kGroupKeys[n]; the bits above the table name none.

@@ -25,8 +25,6 @@
 #include "CommonDefine.h"
 #include "JQ_SDK_Storage.h"
 
-#define TRUCK_LOG_SOURCE "truck_mainbusiness/basicservice/servicemanage/TruckServiceManage"
-
 namespace {
 
 const char kPeripheralConfigPath[] = "/usr/local/cfg/serialconfig.bsn";
