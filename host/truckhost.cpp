@@ -44,6 +44,7 @@ typedef int (*RunFn)(HostServiceParam*);
 
 struct Options {
     std::string plugin;
+    bool showVersion = false;
     std::string sysroot = TRUCK_DEMO_SYSROOT;
     bool sysrootGiven = false;
     std::string paramStore;  // empty: see InitialParamStore
@@ -100,6 +101,7 @@ void Usage(FILE* out) {
             "  --channel N        a channel to draw (from 0; repeat or list as 0,4; default 0)\n"
             "  --frame-size WxH   size of the frames (default 1920x1080, the size overlay positions\n"
             "                     are meant for; others scale them)\n"
+            "  --version          print the plug-in's version line, read from its file, and exit\n"
             "  --help             this text\n"
             "On a terminal, standard output shows a status panel of the media side, redrawn in place,\n"
             "with the platform log lines of --log-level at its foot; elsewhere it prints one line per\n"
@@ -178,6 +180,33 @@ bool ParseFrameSize(const std::string& text, int& width, int& height) {
     return true;
 }
 
+// The plug-in's version line, "truckservice <version> (<commit>)", found in the file's bytes as
+// `strings` finds it on a device: the module is not loaded, so a module for another
+// architecture answers too.
+bool ReadPluginVersion(const std::string& path, std::string& line) {
+    FILE* file = fopen(path.c_str(), "rb");
+    if (file == nullptr) {
+        return false;
+    }
+    std::string bytes;
+    char chunk[65536];
+    for (size_t n; (n = fread(chunk, 1, sizeof(chunk), file)) > 0;) {
+        bytes.append(chunk, n);
+    }
+    fclose(file);
+    // Other texts of the module start with the same word ("truckservice pass"); the line's
+    // version starts with a digit.
+    static const std::string kPrefix = "truckservice ";
+    for (size_t at = bytes.find(kPrefix); at != std::string::npos; at = bytes.find(kPrefix, at + 1)) {
+        const size_t after = at + kPrefix.size();
+        if (after < bytes.size() && bytes[after] >= '0' && bytes[after] <= '9') {
+            line = bytes.substr(at, bytes.find('\0', at) - at);
+            return true;
+        }
+    }
+    return false;
+}
+
 // Returns 0, 1 for --help, or 2 with a message for a bad option.
 int ParseOptions(int argc, char** argv, Options& options) {
     options.plugin = BesideSelf("libtruckservice.so");
@@ -185,6 +214,10 @@ int ParseOptions(int argc, char** argv, Options& options) {
         const std::string arg = argv[i];
         if (arg == "--help" || arg == "-h") {
             return 1;
+        }
+        if (arg == "--version") {
+            options.showVersion = true;
+            continue;
         }
         const bool hasValue = i + 1 < argc;
         if (arg != "--plugin" && arg != "--sysroot" && arg != "--duration" && arg != "--log-level" &&
@@ -350,6 +383,15 @@ int main(int argc, char** argv) {
     }
     if (parsed != 0) {
         return 2;
+    }
+    if (options.showVersion) {
+        std::string line;
+        if (!ReadPluginVersion(options.plugin, line)) {
+            fprintf(stderr, "truckhost: no version line in plug-in '%s'\n", options.plugin.c_str());
+            return 2;
+        }
+        printf("%s\n", line.c_str());
+        return 0;
     }
 
     nvx::SetLogLevel(options.logLevel);
