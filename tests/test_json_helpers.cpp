@@ -138,6 +138,14 @@ TEST_F(JsonHelpers, NestingScanCountsContainersOutsideStringsOnly) {
     const std::string tail = "[1]" + std::string(100, '[');
     EXPECT_TRUE(JsonNestingWithin(tail.data(), 3, 1));
     EXPECT_FALSE(within(std::string(100000, '['), 32));
+    // The reader takes comments between tokens: their brackets do not nest, and a quote in
+    // one opens no string that could hide the brackets after it.
+    EXPECT_TRUE(within("{\"a\":1 /* [[[ */, // {{{\n\"b\":[2]}", 2));
+    const std::string deep = std::string(999, '[') + std::string(999, ']');
+    for (const std::string& hidden : {"/*\"*/" + deep + "/*\"*/", "//\"\n" + deep + "//\"\n",
+                                      "//\"\r" + deep + "/*\"*/", "/*/\"*/" + deep + "/*\"*/"}) {
+        EXPECT_FALSE(within(hidden, 32)) << hidden.substr(0, 8);
+    }
 }
 
 TEST_F(JsonHelpers, LoadJsonFileSeparatesMissingPathFromOtherFailures) {

@@ -81,10 +81,38 @@ int GetJsonFloat(const Json::Value& v, float& out, float defaultValue) {
     }
 }
 
+namespace {
+
+// Where the comment that opens at text[at] ('/') ends, as the reader skips it: "/*" up to the
+// next "*/" after it, "//" up to a line end. Anything else after the slash is no comment, and
+// the reader refuses the text there.
+unsigned int CommentEnd(const char* text, unsigned int length, unsigned int at) {
+    if (at + 1 >= length || (text[at + 1] != '*' && text[at + 1] != '/')) {
+        return at + 1;
+    }
+    unsigned int i = at + 2;
+    if (text[at + 1] == '/') {
+        while (i < length && text[i] != '\n' && text[i] != '\r') {
+            ++i;
+        }
+        return i;
+    }
+    for (; i + 1 < length; ++i) {
+        if (text[i] == '*' && text[i + 1] == '/') {
+            return i + 2;
+        }
+    }
+    return length;  // unterminated: the reader refuses it, and nothing after it is read
+}
+
+}  // namespace
+
 bool JsonNestingWithin(const char* text, unsigned int length, int maxDepth) {
     if (text == nullptr) {
         return true;
     }
+    // Comments are skipped as the reader skips them (it takes them between any two tokens):
+    // a quote inside one must not open a string that hides the brackets after it.
     int depth = 0;
     bool inString = false;
     bool escaped = false;
@@ -100,6 +128,8 @@ bool JsonNestingWithin(const char* text, unsigned int length, int maxDepth) {
             }
         } else if (c == '"') {
             inString = true;
+        } else if (c == '/') {
+            i = CommentEnd(text, length, i) - 1;
         } else if (c == '[' || c == '{') {
             if (++depth > maxDepth) {
                 return false;
