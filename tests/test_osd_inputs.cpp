@@ -103,12 +103,20 @@ TEST_F(OsdInputs, SpeedUnitAndTurnMarksFromBothSourcesCombineAndBadRecordsAreRef
 TEST_F(OsdInputs, ASwipeIsCheckedFieldByFieldAndBoundedByItsPayload) {
     auto business = Direct(43);
     Apply(*business, Doc(kSevenAt));
+    std::string gb = "x", utf8 = "x";  // the same two ideographs in GB2312 and one in UTF-8
+    for (int i = 0; i < 34; ++i) {
+        gb += "\xB0\xA1\xD6\xD0";
+        utf8 += "\xE4\xB8\xAD";
+    }
     const std::tuple<Bytes, bool, std::string> rows[] = {
         {Swipe(std::string("DRIVER 0042\0TAIL", 16)), true, "DRIVER 0042"},
         {Swipe("ANNA"), true, "ANNA"},  // no terminator: the payload's end
         {Swipe(std::string(100, 'x')), true, std::string(72, 'x')},
         // The cut never splits a character: the euro sign would straddle byte 72.
         {Swipe(std::string(70, 'x') + "\xE2\x82\xAC yy"), true, std::string(70, 'x')},
+        // Byte 72 would be a GB2312 lead byte; read as GB2312 the UTF-8 one would end at 71.
+        {Swipe(gb), true, gb.substr(0, 71)},
+        {Swipe(utf8), true, utf8.substr(0, 70)},
         {Cut(Swipe("BAD"), 19), false, ""},
         {Cut(Swipe("BAD"), 28), false, ""},
         {Cut(Swipe("BAD"), 29), true, ""},

@@ -25,21 +25,49 @@ const size_t kCardText = 136;
 const size_t kCardTail = 208;
 const uint32_t kCardTailValue = 3;
 
-// Longest prefix of text of at most `limit` bytes that does not end inside a UTF-8
-// character. A text that is not UTF-8 there is cut at the limit.
-size_t Utf8Prefix(const char* text, size_t size, size_t limit) {
+// Whether text reads as UTF-8: every lead byte followed by its continuation bytes. A sequence
+// that the end of the text cuts short still counts, since the payload may end inside one.
+bool ReadsAsUtf8(const unsigned char* text, size_t size) {
+    for (size_t i = 0; i < size;) {
+        const int n = GetUtf8ByteNumber(text[i]);
+        if (n < 1 || n > 4) {
+            return false;
+        }
+        for (int k = 1; k < n && i + k < size; ++k) {
+            if (GetUtf8ByteNumber(text[i + k]) != 0) {
+                return false;
+            }
+        }
+        i += static_cast<size_t>(n);
+    }
+    return true;
+}
+
+// Bytes of the character at text[at]: its UTF-8 sequence, or a GB2312 ideograph or byte.
+size_t CharacterSize(const unsigned char* text, size_t size, size_t at, bool utf8) {
+    if (utf8) {
+        return static_cast<size_t>(GetUtf8ByteNumber(text[at]));
+    }
+    const bool gbLead = text[at] >= 0xA1 && text[at] <= 0xF7;
+    return gbLead && at + 1 < size && text[at + 1] >= 0xA1 && text[at + 1] <= 0xFE ? 2 : 1;
+}
+
+// Longest prefix of text of at most `limit` bytes that does not end inside a character. Card
+// texts come as UTF-8 or as GB2312 (an ideograph is a lead byte 0xA1-0xF7 and a trail byte
+// 0xA1-0xFE): a text that does not read as UTF-8 is walked as GB2312, where any other byte
+// stands alone.
+size_t TextPrefix(const char* text, size_t size, size_t limit) {
     if (size <= limit) {
         return size;
     }
-    size_t cut = limit;
-    for (int back = 0; back < 4 && cut > 0; ++back) {
-        const unsigned char next = static_cast<unsigned char>(text[cut]);
-        if ((next & 0xC0) != 0x80) {
-            return cut;  // text[cut] begins a character (or is plain ASCII)
-        }
-        --cut;
+    const unsigned char* bytes = reinterpret_cast<const unsigned char*>(text);
+    const bool utf8 = ReadsAsUtf8(bytes, size);
+    size_t cut = 0;
+    // size > limit, so every character that starts at or before the limit lies in the text.
+    for (size_t at = 0; at <= limit; at += CharacterSize(bytes, size, at, utf8)) {
+        cut = at;
     }
-    return limit;
+    return cut;
 }
 
 }  // namespace
@@ -83,7 +111,7 @@ void CTruckOsdService::SendOverlayText(uint8_t kind, uint32_t mask, uint16_t x, 
     // The text size byte counts the terminator in 8 bits; every text of the business is
     // shorter than that (the card text is cut on its way in), and a longer one is cut here
     // rather than sent with a size that disagrees with its bytes.
-    const size_t n = Utf8Prefix(text, strlen(text), 254);
+    const size_t n = TextPrefix(text, strlen(text), 254);
     const size_t total = kOsdOverlayHeaderSize + n + 1;
     unsigned char* record = new (std::nothrow) unsigned char[total];
     if (record == nullptr) {
@@ -149,7 +177,7 @@ void CTruckOsdService::ApplySwipe(const char* data, int length) {
         const size_t found =
             zero != nullptr ? static_cast<size_t>(static_cast<const char*>(zero) - begin) : room;
         text.assign(begin, found);
-        text.resize(Utf8Prefix(text.data(), text.size(), kOsdCardTextMax));
+        text.resize(TextPrefix(text.data(), text.size(), kOsdCardTextMax));
     }
     m_strSevenTxt = text;
     if (m_OSD_EN == 0) {
