@@ -65,6 +65,31 @@ TEST(MempoolPlacement, SmallRequestsComeFromBlocksAndLargeOnesFromTheHeapUpToOne
     EXPECT_EQ(JQ_CBB_Mempool(8192).GetLargeThreshold(), 4096u) << "capped";
 }
 
+TEST(MempoolPlacement, OnlyAddingABlockPassesOneAndTheSixthPassMovesTheSearchOn) {
+    JQ_CBB_Mempool pool(4096);
+    auto* a = static_cast<unsigned char*>(pool.JQ_CBB_Alloc(3000, false));
+    std::vector<unsigned char*> halves;  // two fill a block to its last 8 bytes
+    const auto addHalves = [&](int count) {
+        for (int i = 0; i < count; ++i) {
+            halves.push_back(static_cast<unsigned char*>(pool.JQ_CBB_Alloc(2032, false)));
+        }
+    };
+    addHalves(6);  // block 0 walked past six times, passed by adding a block twice
+    EXPECT_EQ(pool.JQ_CBB_Alloc(500, false), a + 3000);
+    addHalves(6);
+    EXPECT_EQ(pool.JQ_CBB_Alloc(500, false), a + 3504) << "passed five times";
+    addHalves(1);
+    EXPECT_EQ(pool.JQ_CBB_Alloc(500, false), halves.back() + 2032) << "passed six times";
+    EXPECT_EQ(pool.GetBlockCount(), 8u);
+
+    // The map of live addresses stays under half full, where its probe runs are short.
+    JQ_CBB_Mempool counted(4096);
+    for (unsigned int live = 1; live <= 32; ++live) {
+        counted.JQ_CBB_Alloc(24, false);
+        EXPECT_EQ(counted.GetAddressMapCapacity(), live < 32 ? 64u : 128u) << live;
+    }
+}
+
 TEST(MempoolReuse, ABlockWhoseAllocationsAreAllFreedIsFilledAgainFirst) {
     JQ_CBB_Mempool pool(4096);
     void* a = pool.JQ_CBB_Alloc(3000, false);  // block 0, where the search starts

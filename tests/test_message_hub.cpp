@@ -393,6 +393,8 @@ TEST_F(Hub, APublisherThatOutrunsTheSchedulerIsRefusedAndASubscriberCannotReachT
     ASSERT_TRUE(filled.Wait());
     EXPECT_EQ(static_cast<size_t>(std::count(results.begin(), results.end(), 0)), HC_MAX_QUEUED);
     EXPECT_EQ(results.back(), -1);
+    EXPECT_TRUE(Logged("TRUCK", 1, "Publish [0x10801] fail! queue full!\n") &&
+                !Logged("TRUCK", 0, "Publish [0x10801] fail! leak of memory!\n"));
     // Each queued event is traced with the queue's length, the one that started the delivery
     // first; it had been taken off the queue before the filler ran.
     const std::vector<std::string> traces = Traces("Publish");

@@ -8,8 +8,8 @@
 // - Every block is m_uiBlockSize bytes from malloc: a block_t header, then its data area.
 //   The chain runs from m_uiFirstBlock along next to m_uiLastBlock; a block joins it once, at
 //   the end, and leaves it only in the destructor. Small allocation searches from
-//   m_uiCurrentBlock on; a block walked past more than five times for want of room stops
-//   being the start of the search.
+//   m_uiCurrentBlock on; a block passed over more than five times while new blocks were added
+//   stops being the start of the search.
 // - A block's liveCount is the number of its allocations not yet freed. When it falls to 0
 //   the block's free position is rewound and the block becomes the current one, so the space
 //   of freed small allocations is used again and the pool's size follows the peak of what is
@@ -40,7 +40,7 @@ typedef struct block_t {
     uint32_t next;      // chain index of the next block, 0xFFFFFFFF for the last
     uint32_t freePos;   // offset of the first free byte of the data area
     uint32_t end;       // offset one past the last byte: the block size
-    int32_t passCount;  // how often a search walked past this block for want of room
+    int32_t passCount;  // how often adding a block passed over this one
     int32_t liveCount;  // small allocations of this block not yet freed
 } block_t;
 static_assert(sizeof(block_t) == 24, "block header is six 32-bit words");

@@ -337,11 +337,12 @@ int MsgManager::Publish(int session, int event, const char* data, int length, MS
         TRUCK_LOG(0, "HC-param invalid!! [event %#x, length %d]\n", event, length);
         return -1;
     }
-    // A full queue fails as the pool would: the publisher has outrun the scheduler.
-    Event* ev = nullptr;
-    if (events.size() < HC_MAX_QUEUED) {
-        ev = static_cast<Event*>(Pool()->JQ_CBB_Alloc(sizeof(Event), false));
+    // The publisher has outrun the scheduler: no more pool memory for it.
+    if (events.size() >= HC_MAX_QUEUED) {
+        TRUCK_LOG(1, "Publish [%#x] fail! queue full!\n", event);
+        return -1;
     }
+    Event* ev = static_cast<Event*>(Pool()->JQ_CBB_Alloc(sizeof(Event), false));
     if (ev == nullptr) {
         TRUCK_LOG(0, "Publish [%#x] fail! leak of memory!\n", event);
         return -1;

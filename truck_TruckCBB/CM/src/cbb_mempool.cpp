@@ -87,8 +87,8 @@ bool JQ_CBB_Mempool::AddressMap::Grow() {
 }
 
 bool JQ_CBB_Mempool::AddressMap::Insert(const void* key, uint32_t value) {
-    // At most half full, so probe runs stay short.
-    if ((m_uiSize + 1) * 2 > m_uiCapacity && !Grow()) {
+    // Under half full, so probe runs stay short: the hub's usual 32 live records get 128 slots.
+    if ((m_uiSize + 1) * 2 >= m_uiCapacity && !Grow()) {
         return false;
     }
     const uintptr_t k = reinterpret_cast<uintptr_t>(key);
@@ -222,16 +222,7 @@ void* JQ_CBB_Mempool::alloc_block(unsigned int size, bool /*align*/, uint32_t ow
         const uint64_t at =
             (static_cast<uint64_t>(block->freePos) + mAlignment - 1) & ~uint64_t(mAlignment - 1);
         if (at > block->end || block->end - at < size) {
-            // A block walked past more than five times is as good as full: the search starts
-            // after it from now on, so a chain of full blocks is not walked on every request.
-            // The count stops there: a block in mid-chain is walked past for years.
-            if (block->passCount <= kPassLimit) {
-                ++block->passCount;
-            }
-            if (block->passCount > kPassLimit && index == m_uiCurrentBlock && block->next != kNoBlock) {
-                m_uiCurrentBlock = block->next;
-            }
-            continue;
+            continue;  // passes are counted only when a block has to be added
         }
         unsigned char* addr = reinterpret_cast<unsigned char*>(block) + at;
         if (!m_addressMap.Insert(addr, index | owner)) {
@@ -276,6 +267,14 @@ void* JQ_CBB_Mempool::new_block(unsigned int size, uint32_t owner) {
     block->freePos = kHeaderSize + size;
     m_ppBlockTable[index] = block;
     ++m_uiBlockCount;
+    // A block passed over more than five times while blocks were added is as good as full:
+    // the search starts after it from now on, so a chain of full blocks is not walked on every
+    // request. Small requests that still fit it wait for it to empty.
+    for (uint32_t at = m_uiCurrentBlock; Block(at)->next != kNoBlock; at = Block(at)->next) {
+        if (++Block(at)->passCount > kPassLimit) {
+            m_uiCurrentBlock = Block(at)->next;
+        }
+    }
     block->prev = m_uiLastBlock;
     Block(m_uiLastBlock)->next = index;
     m_uiLastBlock = index;
