@@ -93,8 +93,8 @@ int GetJsonFloat(const Json::Value& v, float& out, float defaultValue);
 bool ConvertStringToJson(const char* text, unsigned int length, Json::Value& root);
 
 // Whether the containers of a JSON text nest no deeper than maxDepth, counting brackets
-// outside strings; a cheap scan for a text that arrives on a thread whose stack is not ours
-// to size, before the recursive parser sees it.
+// outside strings and outside comments, which the reader skips too; a cheap scan for a text
+// that arrives on a thread whose stack is not ours to size, before the recursive parser sees it.
 bool JsonNestingWithin(const char* text, unsigned int length, int maxDepth);
 
 // Compact one-line serialisation ending in a newline. text is left unchanged on failure.
