@@ -199,6 +199,19 @@ TEST(MempoolChunks, ChunksComeFromTheNextLargerClassAndGoBackToTheOneTheyCameFro
     size = 300;
     EXPECT_EQ(pool.JQ_CBB_GetChunk(size), c512);
 
+    // A request takes the first class larger than it, so each class starts one byte past the one
+    // before (the largest two are left out: they would map 128 MiB here).
+    const int classes[] = {256,     512,     1024,     2048,     4096,     8192,     16384,
+                           32768,   65536,   131072,   262144,   524288,   1048576,  2097152,
+                           4194304, 8388608, 16777216, 33554432, 67108864, 134217728};
+    for (size_t i = 0; i + 3 < sizeof(classes) / sizeof(classes[0]); ++i) {
+        for (const int asked : {classes[i] - 1, classes[i]}) {
+            size = asked;
+            char* chunk = pool.JQ_CBB_GetChunk(size);
+            EXPECT_EQ(size, asked < classes[i] ? classes[i] : classes[i + 1]) << asked;
+            pool.JQ_CBB_PutChunk(size, chunk);
+        }
+    }
     size = 134217728;  // no class is larger
     ExpectPrinted("JQ_CBB_GetChunk", "size[134217728] too large!\n",
                   [&] { EXPECT_EQ(pool.JQ_CBB_GetChunk(size), nullptr); });

@@ -171,6 +171,8 @@ TEST_F(Hub, LocalEventsReachEverySubscriberInOrderAsTheHubsOwnCopyAndBadInputIsR
     ASSERT_EQ(hub.Subscribe(0x10201, twice), 0);
     EXPECT_EQ(hub.Subscribe(0x10202, twice), -1) << "the hub would delete it twice";
     EXPECT_EQ(hub.Subscribe(0x10202, static_cast<Subscriber*>(nullptr)), -1);
+    EXPECT_EQ(hub.Subscribe(0x10202, static_cast<void (*)(const char*, int, void*)>(nullptr)), -1);
+    EXPECT_EQ(nvx::ClientDepthAsked(nvx::kMsgHandleClient), 30u) << "the hub's bus handle";
 
     ASSERT_EQ(hub.Subscribe(0x10200, FnSubscriber), 0);
     std::thread([&] { hub.UnSubscribe(0x10200, reinterpret_cast<void*>(FnSubscriber)); }).join();
