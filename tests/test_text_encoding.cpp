@@ -3,6 +3,7 @@
 #include <dirent.h>
 #include <iconv.h>
 #include <stdlib.h>
+#include <fcntl.h>
 #include <string.h>
 #include <unistd.h>
 
@@ -137,6 +138,15 @@ TEST_F(TextEncoding, FileErrorsFailLeaveTheResultAndCloseTheTable) {
     EXPECT_EQ("open gb2312fonttable faild, error = No such file or directory\n", LookUp(0x4E00, code, -1));
     EXPECT_EQ(whole, code);
     EXPECT_EQ(descriptors, OpenDescriptors()) << "every look-up closes the table";
+
+    // A host that closed its standard input gives the table descriptor 0: closed all the same.
+    ASSERT_EQ(0, system("mkdir fonts && cp " TRUCK_GB2312_TABLE " fonts/"));
+    const int input = dup(0);
+    close(0);
+    EXPECT_EQ(0, UnicodeToGb2312(0x4E00, code));
+    EXPECT_EQ(-1, fcntl(0, F_GETFD)) << "descriptor 0 left open";
+    dup2(input, 0);
+    close(input);
 }
 
 TEST_F(TextEncoding, FileNameIsTheLastComponentUnlessThereIsNone) {
