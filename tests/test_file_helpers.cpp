@@ -152,6 +152,7 @@ TEST_F(FileHelpers, TrimmingSleepsAndDelays) {
 
     unsigned char first = 1;
     unsigned int since = 0;
+    EXPECT_FALSE(ProcessDelayTime(nullptr, &since, 0) || ProcessDelayTime(&first, nullptr, 0));
     EXPECT_FALSE(ProcessDelayTime(&first, &since, 0)) << "arming never fires";
     EXPECT_TRUE(ProcessDelayTime(&first, &since, 0));
     EXPECT_FALSE(ProcessDelayTime(&first, &since, 3600));

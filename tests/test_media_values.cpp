@@ -54,6 +54,8 @@ TEST(MediaValues, ResolutionsCapStoreTheLowByteAndSizeUnknownOutputsAsXga) {
     eVideoResolution value = static_cast<eVideoResolution>(0x1234);
     EXPECT_EQ(0, Value2VideoEncodeResolution(&stored, &value, false));
     EXPECT_EQ(0x34, stored);
+    EXPECT_EQ(-1, Value2VideoEncodeResolution(nullptr, &value, true));
+    EXPECT_EQ(-1, Value2VideoEncodeResolution(&stored, nullptr, false));
     for (int b : {0, 1, 29, 30, 31, 200, 255}) {
         stored = static_cast<unsigned char>(b);
         EXPECT_EQ(0, Value2VideoEncodeResolution(&stored, &value, true));

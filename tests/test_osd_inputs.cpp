@@ -22,6 +22,11 @@ protected:
 
 TEST_F(OsdInputs, SpeedUnitAndTurnMarksFromBothSourcesCombineAndBadRecordsAreRefused) {
     auto business = Direct();
+    // Channel masks: 2^n - 1, none for no channel, bit 31 never set.
+    for (const auto& [count, mask] : {std::pair<int, int>{-1, 0}, {0, 0}, {1, 1}, {30, 0x3FFFFFFF},
+                                      {31, 0x7FFFFFFF}, {40, 0x7FFFFFFF}}) {
+        EXPECT_EQ(business->GetVideoChannalMask(count), mask) << count;
+    }
     // 0 a speed, 1 a signal text (with the IO state it announces), 2 a J1939 record; the line shown.
     const std::tuple<int, Bytes, std::string, const char*> steps[] = {
         {0, Speed(63, 0), "", "63KM/H"},
@@ -104,9 +109,11 @@ TEST_F(OsdInputs, ASwipeIsCheckedFieldByFieldAndBoundedByItsPayload) {
     auto business = Direct(43);
     Apply(*business, Doc(kSevenAt));
     std::string gb = "x", utf8 = "x";  // the same two ideographs in GB2312 and one in UTF-8
+    std::string gbOnly;  // ideographs alone, the first of them with a UTF-8 lead byte
     for (int i = 0; i < 34; ++i) {
         gb += "\xB0\xA1\xD6\xD0";
         utf8 += "\xE4\xB8\xAD";
+        gbOnly += "\xC4\xE3\xBA\xC3";
     }
     const std::tuple<Bytes, bool, std::string> rows[] = {
         {Swipe(std::string("DRIVER 0042\0TAIL", 16)), true, "DRIVER 0042"},
@@ -117,6 +124,7 @@ TEST_F(OsdInputs, ASwipeIsCheckedFieldByFieldAndBoundedByItsPayload) {
         // Byte 72 would be a GB2312 lead byte; read as GB2312 the UTF-8 one would end at 71.
         {Swipe(gb), true, gb.substr(0, 71)},
         {Swipe(utf8), true, utf8.substr(0, 70)},
+        {Swipe(gbOnly), true, gbOnly.substr(0, 72)},
         {Cut(Swipe("BAD"), 19), false, ""},
         {Cut(Swipe("BAD"), 28), false, ""},
         {Cut(Swipe("BAD"), 29), true, ""},

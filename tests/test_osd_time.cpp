@@ -93,6 +93,10 @@ TEST_F(OsdTime, TheLabelAndTheOffsetOfEachZoneAndTheChannelsOfUtcMode) {
                              "m_timeZoneParam.dstEnable = 0 , m_SystemDSTEnable = 0\n"}) {
         EXPECT_TRUE(Logged("TRUCK", 1, line)) << line;
     }
+    // The zone texts are kept as they came, cut to the 15 characters their fields hold.
+    Apply(*business, Timep(R"({"TIMEZ":"-300 and more text","TIMEZEX":"0123456789ABCDEFG"})"));
+    EXPECT_STREQ(business->m_timeZoneParam.szTimeZone, "-300 and more t");
+    EXPECT_STREQ(business->m_timeZoneParam.szTimeZoneEx, "0123456789ABCDE");
     // A card reader's time line follows the same offset; its Seven line is left to the swipes.
     for (uint32_t customer : {43u, 44u}) {
         auto reader = Direct(customer);
