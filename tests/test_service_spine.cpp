@@ -229,6 +229,7 @@ TEST_F(Business, SharedThreadRunsCallbacksAndCyclesOnTheCallersTicks) {
         ProbeBusiness business(manage.get(), manage->basic_get_msg_client(), 3,
                                "shared_probe_name_well_over_31_chars");
         EXPECT_STREQ(business.business_get_name(), "shared_probe_name_well_over_31_");
+        EXPECT_EQ(business.business_get_cycle_time(), 100u) << "the default cycle";
         business.initResult = -5;
         EXPECT_EQ(business.business_get_is_independ(), 0);
         EXPECT_EQ(business.business_start(), -5) << "start answers what business_init answers";
