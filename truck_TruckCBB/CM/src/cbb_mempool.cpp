@@ -36,6 +36,10 @@ const int kChunkClasses = 20;
 const unsigned int kMinBlockSize = kHeaderSize + 64;
 const unsigned int kFirstMapCapacity = 64;
 
+// The map's two hot operations and the small-allocation path are inlined into the pool's entry
+// points: a call's prologue and epilogue cost as much as the lookup itself.
+#define POOL_HOT inline __attribute__((always_inline))
+
 static_assert(kHeaderSize % JQ_CBB_Mempool::mAlignment == 0, "data areas start aligned");
 static_assert(alignof(max_align_t) >= JQ_CBB_Mempool::mAlignment, "malloc'd blocks start aligned");
 
@@ -53,7 +57,7 @@ JQ_CBB_Mempool::AddressMap::~AddressMap() {
     free(m_pSlots);
 }
 
-unsigned int JQ_CBB_Mempool::AddressMap::Home(uintptr_t key) const {
+POOL_HOT unsigned int JQ_CBB_Mempool::AddressMap::Home(uintptr_t key) const {
     // Keys are aligned addresses: drop the zero bits, then spread with a Fibonacci multiply.
     const uint64_t spread = static_cast<uint64_t>(key >> 3) * 0x9E3779B97F4A7C15ull;
     return static_cast<unsigned int>(spread >> 32) & (m_uiCapacity - 1);
@@ -86,7 +90,7 @@ bool JQ_CBB_Mempool::AddressMap::Grow() {
     return true;
 }
 
-bool JQ_CBB_Mempool::AddressMap::Insert(const void* key, uint32_t value) {
+POOL_HOT bool JQ_CBB_Mempool::AddressMap::Insert(const void* key, uint32_t value) {
     // Under half full, so probe runs stay short: the hub's usual 32 live records get 128 slots.
     if ((m_uiSize + 1) * 2 >= m_uiCapacity && !Grow()) {
         return false;
@@ -104,7 +108,7 @@ bool JQ_CBB_Mempool::AddressMap::Insert(const void* key, uint32_t value) {
     return true;
 }
 
-bool JQ_CBB_Mempool::AddressMap::Take(const void* key, uint32_t& value) {
+POOL_HOT bool JQ_CBB_Mempool::AddressMap::Take(const void* key, uint32_t& value) {
     const uintptr_t k = reinterpret_cast<uintptr_t>(key);
     if (m_uiCapacity == 0 || k == 0) {
         return false;
@@ -214,7 +218,7 @@ void* JQ_CBB_Mempool::JQ_CBB_Alloc(unsigned int size, bool align) {
     return alloc_block(size, align, kCallerAllocation);
 }
 
-void* JQ_CBB_Mempool::alloc_block(unsigned int size, bool /*align*/, uint32_t owner) {
+POOL_HOT void* JQ_CBB_Mempool::alloc_block(unsigned int size, bool /*align*/, uint32_t owner) {
     PoolLock lock(m_mutex);
     for (uint32_t index = m_uiCurrentBlock; index != kNoBlock; index = Block(index)->next) {
         block_t* block = Block(index);
@@ -352,7 +356,7 @@ bool JQ_CBB_Mempool::FreeLarge(void* addr) {
     return false;
 }
 
-void JQ_CBB_Mempool::ReleaseSmall(uint32_t index) {
+POOL_HOT void JQ_CBB_Mempool::ReleaseSmall(uint32_t index) {
     block_t* block = Block(index);
     if (--block->liveCount > 0) {
         return;
