@@ -155,7 +155,7 @@ TEST_F(DeviceInfo, AlarmStateIsCopiedAndAlwaysReadWhole) {
     ChnAlarmState_t a, b;
     memset(&a, 0x11, sizeof(a));
     memset(&b, 0x22, sizeof(b));
-    manage->SetChannelAlarmState(a);
+    EXPECT_EQ(manage->SetChannelAlarmState(a), 0);
     std::thread writer([&] {
         for (int i = 0; i < 5000; ++i) {
             manage->SetChannelAlarmState(i % 2 == 0 ? b : a);

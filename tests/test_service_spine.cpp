@@ -5,6 +5,7 @@
 
 #include <atomic>
 #include <condition_variable>
+#include <functional>
 #include <future>
 #include <mutex>
 #include <set>
@@ -120,10 +121,13 @@ protected:
     }
     // Stops the service on another thread while a platform call is held at its gate: true if
     // the stop returned before the gate is opened.
-    bool StopReturnsWhileHeld(const char* gate) {
+    bool StopReturnsWhileHeld(const char* gate, const std::function<void()>& whileHeld = {}) {
         auto stop = std::async(std::launch::async, [this] { return JQ_SDK_Service_Stop(&param); });
         const bool returned =
             stop.wait_for(std::chrono::milliseconds(kGenerousMs)) == std::future_status::ready;
+        if (returned && whileHeld) {
+            whileHeld();
+        }
         nvx::OpenGate(gate);
         return returned;
     }
@@ -525,8 +529,11 @@ TEST_F(ServiceFaults, AStopIsBoundedWhateverAFirstPassCallDoes) {
         ASSERT_EQ(JQ_SDK_Service_Start(&param), 0);
         ASSERT_TRUE(nvx::WaitForCallAtGate(stuck, kGenerousMs)) << stuck;
         nvx::SetSleepsInstant(true);
-        EXPECT_TRUE(StopReturnsWhileHeld(stuck)) << stuck;
+        EXPECT_TRUE(StopReturnsWhileHeld(stuck, [&] {
+            EXPECT_EQ(JQ_SDK_Service_Start(&param), -1) << "a second manager beside the stuck one";
+        })) << stuck;
         EXPECT_TRUE(Logged("TRUCK", 1, kStillInUse));
+        EXPECT_TRUE(Logged("TRUCK", 1, "Service manage of the last run is still in use\n"));
         ASSERT_TRUE(nvx::WaitForThreadsToEnd(kGenerousMs));
         EXPECT_EQ(CTruckServiceManage::basic_live_count(), 0);
         if (std::string(stuck) == "CAsynCallback") {
@@ -573,6 +580,7 @@ TEST_F(ServiceFaults, ThreadsThatNeverRanAreNotWaitedForNorUninitialised) {
     ASSERT_EQ(JQ_SDK_Service_Start(&param), 0);
     EXPECT_EQ(JQ_SDK_Service_Stop(&param), 0);
     manage = std::make_shared<CTruckServiceManage>(&config);
+    EXPECT_TRUE(manage->basic_threads_stopped()) << "a manager whose cycle never started";
     auto business = std::make_unique<ProbeBusiness>(manage.get(), nullptr, 5, "late_probe");
     nvx::FailCalls("OsUtilsCreateThread", 1);
     EXPECT_EQ(business->business_start(), 0);

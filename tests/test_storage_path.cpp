@@ -1,6 +1,8 @@
 // The storage root directory as the storage service reports it, the paths built below it,
 // and the peripheral block taken from its file.
+#include <fcntl.h>
 #include <string.h>
+#include <unistd.h>
 
 #include <atomic>
 #include <fstream>
@@ -157,4 +159,12 @@ TEST_F(StoragePath, PeripheralBlockTakesWhatTheFileHasAndNeverReadsPastItsEnd) {
     std::ifstream maps("/proc/self/maps");
     const std::string mapped((std::istreambuf_iterator<char>(maps)), std::istreambuf_iterator<char>());
     EXPECT_EQ(mapped.find("serialconfig.bsn"), std::string::npos);
+
+    // A host that closed its standard input gives the file descriptor 0: refused, and closed.
+    const int input = dup(0);
+    close(0);
+    EXPECT_TRUE(load(bytes) == std::string(7716, 'p')) << "the block of the last load stays";
+    EXPECT_EQ(-1, fcntl(0, F_GETFD)) << "descriptor 0 left open";
+    dup2(input, 0);
+    close(input);
 }
