@@ -516,9 +516,11 @@ def report(mutants, started, out):
     scored = caught + survived + timeout
     score = 100.0 * (caught + timeout) / scored if scored else 100.0
     elapsed = time.monotonic() - started
-    per = elapsed / len(mutants) if mutants else 0.0
+    # From the mutants' own times, so that mutants kept by --resume count at their own cost.
+    per = sum(m.seconds for m in mutants) / len(mutants) if mutants else 0.0
     print(f"\nscore: {score:.1f}% caught ({caught + timeout} of {scored}; {timeout} by time-out), "
-          f"{totals[4]} did not build, {totals[5]} equivalent; {elapsed / 60:.1f} min, {per:.1f} s a mutant",
+          f"{totals[4]} did not build, {totals[5]} equivalent; {elapsed / 60:.1f} min this run, "
+          f"{per:.1f} s a mutant",
           file=out)
     return score
 
@@ -537,6 +539,8 @@ def main():
     parser.add_argument("--min-score", type=float, default=0, help="exit 1 below this percentage")
     parser.add_argument("--list", action="store_true", help="print the points and stop")
     parser.add_argument("--json", help="write every mutant and its outcome to this file")
+    parser.add_argument("--resume", action="store_true",
+                        help="with --json: keep the mutants that file already holds and try only the rest")
     parser.add_argument("--survivors-of", metavar="JSON",
                         help="try again only the survivors of an earlier run's --json, found by name")
     args = parser.parse_args()
@@ -577,6 +581,24 @@ def main():
         # a time budget the sample keeps its random order, so that a cut run still spans every folder.
         chosen.sort(key=lambda m: (m.path, m.offset))
     equivalents = load_equivalents(tree)
+    done = []
+    if args.resume and args.json and os.path.exists(args.json):
+        # A long sample may span several sittings: what an earlier run of the same sample tried
+        # is kept as it was, found again by name, and counted in the report.
+        earlier = {f"{m['path']}:{m['function']}: {m['change']}": m for m in json.load(open(args.json))}
+        for mutant in chosen:
+            record = earlier.get(mutant.key())
+            if record is not None:
+                mutant.outcome, mutant.killer, mutant.seconds = record["outcome"], record["killer"], record["seconds"]
+                done.append(mutant)
+        chosen = [m for m in chosen if m.outcome == ""]
+        print(f"mutate: {len(done)} mutants kept from {args.json}", file=sys.stderr)
+
+    def save():
+        if args.json:
+            with open(args.json + ".tmp", "w") as f:
+                json.dump([m.__dict__ for m in done], f, indent=1)
+            os.replace(args.json + ".tmp", args.json)
 
     tests = list_tests(build_dir)
     print(f"mutate: {len(points)} points, {len(chosen)} mutants, {len(tests)} tests; clean run first",
@@ -593,7 +615,6 @@ def main():
     def timeout_of(test):
         return args.test_timeout or 3 * test.seconds + 10
 
-    done = []
     try:
         for number, mutant in enumerate(chosen, 1):
             if args.budget and time.monotonic() - started > args.budget * 60:
@@ -612,6 +633,7 @@ def main():
                 restorer.restore()
             mutant.seconds = time.monotonic() - t0
             done.append(mutant)
+            save()  # after every mutant: a run cut off loses nothing that --resume cannot take up
             print(f"[{number}/{len(chosen)}] {mutant.outcome:<10} {mutant.seconds:5.1f}s {mutant.where()}: "
                   f"{mutant.change}" + (f"  ({mutant.killer})" if mutant.killer else ""), file=sys.stderr)
     except KeyboardInterrupt:
@@ -621,9 +643,7 @@ def main():
         restorer.restore()
         build(build_dir)
 
-    if args.json:
-        with open(args.json, "w") as f:
-            json.dump([m.__dict__ for m in done], f, indent=1)
+    save()
     score = report(done, started, sys.stdout)
     return 1 if args.min_score and score < args.min_score else 0
 
