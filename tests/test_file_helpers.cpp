@@ -52,6 +52,12 @@ TEST_F(FileHelpers, DirectoriesAreMadeAlongThePathAndMayExistAlready) {
     EXPECT_TRUE(make_directory(deep.c_str()));
     EXPECT_TRUE(make_directory(deep.c_str())) << "directories that exist already are fine";
     EXPECT_TRUE(make_directory("/"));
+    const mode_t mask = umask(0);  // the mode asked for, whole
+    EXPECT_TRUE(make_directory((m_dir + "/open/all").c_str()));
+    umask(mask);
+    for (const char* made : {"/open", "/open/all"}) {
+        EXPECT_TRUE(stat((m_dir + made).c_str(), &status) == 0 && (status.st_mode & 07777) == 0777) << made;
+    }
     EXPECT_TRUE(LogTexts().empty());
 }
 
@@ -114,23 +120,31 @@ TEST_F(FileHelpers, HexDumpReadsBackAsTheBytesWithACharacterColumnPerFullRow) {
     for (int i = 0; i < 300; ++i) {
         data += static_cast<char>(i % 3 == 0 ? 'A' + i % 26 : i * 7);
     }
+    data[17] = '\x7F';  // the first byte past the printable ones
     OutputHexDump("frame", data.data(), data.size());
     ASSERT_EQ(1u, nvx::CapturedLogs().size());
     const std::string text = LogTexts(0)[0];
     ASSERT_EQ("frame\n", text.substr(0, 6));
     ASSERT_EQ("\n\n", text.substr(text.size() - 2));
-    // Rows read "LL: " then "XX " per byte, a full row followed by its 16 characters.
+    // Rows read "LL: " then "XX " per byte, a full row followed by its 16 characters; the
+    // digits are upper case, and the label has at least two.
+    const auto upperHex = [](const std::string& t) {
+        return t.find_first_not_of("0123456789ABCDEF") == t.npos;
+    };
     std::istringstream rows(text.substr(6, text.size() - 8));
     std::string row;
     size_t offset = 0;
     while (std::getline(rows, row)) {
         const size_t colon = row.find(": ");
+        EXPECT_TRUE(colon >= 2 && upperHex(row.substr(0, colon))) << row;
         EXPECT_EQ(offset, std::stoul(row.substr(0, colon), nullptr, 16));
         const size_t count = std::min<size_t>(16, data.size() - offset);
         std::string column;
         for (size_t i = 0; i < count; ++i) {
             const unsigned char byte = data[offset + i];
-            EXPECT_EQ(byte, std::stoul(row.substr(colon + 2 + 3 * i, 3), nullptr, 16));
+            const std::string cell = row.substr(colon + 2 + 3 * i, 3);
+            EXPECT_TRUE(upperHex(cell.substr(0, 2)) && cell[2] == ' ') << row;
+            EXPECT_EQ(byte, std::stoul(cell, nullptr, 16));
             column += (byte >= 0x20 && byte < 0x7F) ? static_cast<char>(byte) : '.';
         }
         EXPECT_EQ(count == 16 ? column : "", row.substr(colon + 2 + 3 * count)) << row;
@@ -149,6 +163,7 @@ TEST_F(FileHelpers, TrimmingSleepsAndDelays) {
     const auto start = std::chrono::steady_clock::now();
     EXPECT_EQ(0, mSleep(1030));  // whole seconds and the rest both count
     EXPECT_GE(std::chrono::steady_clock::now() - start, std::chrono::milliseconds(1030));
+    EXPECT_LT(std::chrono::steady_clock::now() - start, std::chrono::seconds(6)) << "seconds are 1000 ms";
 
     unsigned char first = 1;
     unsigned int since = 0;

@@ -112,6 +112,10 @@ TEST_F(JsonHelpers, TextConversionsReadExactlyTheGivenBytesAndWriteOneLine) {
     text.clear();
     JsonToString(root["b"], text);
     EXPECT_EQ("[1,2]\n", text);
+    Json::Value fromText, fromContext;  // comments are kept, for a writer that shows them
+    EXPECT_TRUE(ConvertStringToJson("// c\n7", 6, fromText) && fromText.hasComment(Json::commentBefore));
+    EXPECT_TRUE(JsonUtils::ParseJsonContext("// c\n7", 6, fromContext) &&
+                fromContext.hasComment(Json::commentBefore));
 }
 
 TEST_F(JsonHelpers, TooDeepNestingIsRefusedAndLoggedOnlyByConvertStringToJson) {
@@ -152,7 +156,7 @@ TEST_F(JsonHelpers, LoadJsonFileSeparatesMissingPathFromOtherFailures) {
     const TempFolder folder("test_json_helpers");
     ASSERT_FALSE(folder.path().empty());
     const std::string& dir = folder.path();
-    std::ofstream(dir + "/good.jsn") << "[1, 2]";
+    std::ofstream(dir + "/good.jsn") << "// not kept\n[1, 2]";
     std::ofstream(dir + "/bad.jsn") << "[1, ";
     Json::Value root;
     EXPECT_EQ(-22, LoadJsonFile(nullptr, root));
@@ -160,6 +164,7 @@ TEST_F(JsonHelpers, LoadJsonFileSeparatesMissingPathFromOtherFailures) {
     EXPECT_EQ(-1, LoadJsonFile((dir + "/bad.jsn").c_str(), root));
     EXPECT_EQ(0, LoadJsonFile((dir + "/good.jsn").c_str(), root));
     EXPECT_EQ(Parse("[1,2]"), root);
+    EXPECT_FALSE(root.hasComment(Json::commentBefore));
     EXPECT_TRUE(nvx::CapturedLogs().empty());
 }
 
@@ -187,6 +192,9 @@ TEST_F(JsonHelpers, MergeOfArraysRepeatsTheLastSourceElementOverALongerDestinati
     src = Parse("[3,4,5,6,7]");  // a shorter destination takes every element
     JsonValueMerge(dst, src, true);
     EXPECT_EQ(src, dst);
+    src = Parse("[0]");
+    JsonValueMerge(dst, src, true);
+    EXPECT_EQ(Parse("[0,0,0,0,0]"), dst);
 }
 
 TEST_F(JsonHelpers, MergeLeavesNodesOfMismatchedKindsAndGoesOn) {

@@ -134,6 +134,11 @@ TEST_F(TextEncoding, FileErrorsFailLeaveTheResultAndCloseTheTable) {
     EXPECT_EQ("read gb2312fonttable faild, erro = No data available\n", LookUp(0x9FA5, code, -1));
     ASSERT_EQ(0, system("rm -r fonts/gb2312fonttable && mkdir fonts/gb2312fonttable"));
     EXPECT_EQ("read gb2312fonttable faild, erro = Is a directory\n", LookUp(0x4E00, code, -1));
+    // A pipe cannot seek; its other end is held open so that opening it does not wait.
+    ASSERT_EQ(0, system("rmdir fonts/gb2312fonttable && mkfifo fonts/gb2312fonttable"));
+    const int pipeEnd = open("fonts/gb2312fonttable", O_RDWR);
+    EXPECT_EQ("lseek gb2312fonttable to [10] faild, error = Illegal seek\n", LookUp(0x4E05, code, -1));
+    close(pipeEnd);
     ASSERT_EQ(0, system("rm -r fonts"));
     EXPECT_EQ("open gb2312fonttable faild, error = No such file or directory\n", LookUp(0x4E00, code, -1));
     EXPECT_EQ(whole, code);

@@ -1,5 +1,8 @@
 // The timestamp clock against a wall clock the test holds and steps.
+#include <atomic>
 #include <string>
+#include <thread>
+#include <tuple>
 
 #include "HC.h"
 #include "TestSupport.h"
@@ -31,8 +34,24 @@ TEST_F(Timestamp, CountsOnlyForwardStepsBelowASecondAndCarriesOnAfterAJump) {
     int64_t wall = kSomeDay;
     nvx::HoldWallClockMicros(wall);
     testing::internal::CaptureStdout();
+    std::atomic<bool> named{false}, sample{false};  // the thread waits as it names itself
+    nvx::SetLogObserver([&](const nvx::LogLine& l) {
+        while (l.text.find("name = BTime,") != std::string::npos && !sample) {
+            named = true;
+            std::this_thread::yield();
+        }
+    });
     {
         BTime clock;
+        const bool wasNamed = Eventually([&] { return named.load(); });
+        const auto before =
+            std::make_tuple(clock.running.load(), clock.stampMicros.load(), clock.stampMillis.load(),
+                            clock.wallMicros.load(), clock.wallMillis.load());
+        sample = true;
+        nvx::SetLogObserver(nullptr);
+        EXPECT_TRUE(wasNamed);
+        const uint64_t held = static_cast<uint64_t>(wall);
+        EXPECT_EQ(std::make_tuple(false, 0ull, 0ull, held, held / 1000), before) << "as constructed";
         ASSERT_TRUE(Eventually([&] { return clock.running.load(); }));
         EXPECT_EQ(CountThreads("BTime"), 1);
         Step(clock, wall, 0);
