@@ -23,8 +23,8 @@ protected:
 TEST_F(OsdInputs, SpeedUnitAndTurnMarksFromBothSourcesCombineAndBadRecordsAreRefused) {
     auto business = Direct();
     // Channel masks: 2^n - 1, none for no channel, bit 31 never set.
-    for (const auto& [count, mask] : {std::pair<int, int>{-1, 0}, {0, 0}, {1, 1}, {30, 0x3FFFFFFF},
-                                      {31, 0x7FFFFFFF}, {40, 0x7FFFFFFF}}) {
+    for (const auto& [count, mask] :
+         {std::pair<int, int>{-1, 0}, {0, 0}, {1, 1}, {30, 0x3FFFFFFF}, {31, 0x7FFFFFFF}, {32, 0x7FFFFFFF}}) {
         EXPECT_EQ(business->GetVideoChannalMask(count), mask) << count;
     }
     // 0 a speed, 1 a signal text (with the IO state it announces), 2 a J1939 record; the line shown.
@@ -40,6 +40,7 @@ TEST_F(OsdInputs, SpeedUnitAndTurnMarksFromBothSourcesCombineAndBadRecordsAreRef
         {1, {3}, Turn(0, 259), "120KM/H (L R)"},
         {1, {0}, Turn(1, 2), "120KM/H"},  // the state of another source is none
         {2, Can(1), "", "120KM/H (L)"},
+        {1, {1}, Turn(0, 1), "120KM/H (L)"},     // both sources left: one mark
         {2, Can(2, 0x4002), "", "120KM/H (L)"},  // another event leaves the state
         {1, {2}, R"({"SIGNAL":{"TURN":{"SOURCE":"io","VALUE":2}}})", "120KM/H (L R)"},
         {1, {4}, Turn(0, 4), ""},  // an unknown state blanks the line
@@ -90,8 +91,12 @@ TEST_F(OsdInputs, SpeedUnitAndTurnMarksFromBothSourcesCombineAndBadRecordsAreRef
         EXPECT_TRUE(Logged("TRUCK", 0, "Param handle failed, length = " + length)) << length;
     }
     auto alone = Direct(0, false);  // no bus client: nothing to register with
+    const uint64_t asked = nvx::CallCount("JQ_SDK_Global_GetParameter");
     EXPECT_TRUE(alone->RegisterMessage() == -1 && alone->UnregisterMessage() == -1 &&
                 alone->business_init() == 0 && alone->business_uninit() == 0);
+    // The groups are asked for at once, not at the first retry; the lines go out twice a second.
+    EXPECT_TRUE(nvx::CallCount("JQ_SDK_Global_GetParameter") == asked + 1 &&
+                alone->business_get_cycle_time() == 500);
     business->OSDDataSendSpeed();
     EXPECT_EQ(Last(kSpeed).text, "120KM/H (L)");
     EXPECT_TRUE(Payloads(kEventIoTurn).empty());
@@ -164,6 +169,8 @@ TEST_F(OsdInputs, ASwipeIsCheckedFieldByFieldAndBoundedByItsPayload) {
     EXPECT_EQ(Last(kSeven).text, "HIDDEN");
     business->OnSwipeInfoNotify(nullptr, 40);
     EXPECT_EQ(Overlays(kSeven).size(), 2u);
+    business->OSDDataSendSeven(std::string(300, 'x'));  // cut to what the 8-bit text size counts
+    EXPECT_EQ(Last(kSeven).text, std::string(254, 'x'));
 
     // The other card reader shows the swipe without the record; on both the zone leaves the line.
     auto other = Direct(44);

@@ -112,6 +112,7 @@ TEST_F(OsdParams, SwitchingTheWatermarkOnWritesTheNormalThenTheWatermarkLayout) 
     EXPECT_EQ(nvx::ParamListenRequests().at(0), groups + "\n");
     EXPECT_TRUE(
         Logged("TRUCK", 1, "m_videoInNum = 4, m_videoIpNum = 2, m_customerType = 0, m_productType = 20\n"));
+    EXPECT_EQ(Inject(kEventSwipe, Swipe("NOT A CARD READER")), 0);
     // Off, not 1, on: the switching document's positions are not taken, the layouts' follow.
     const std::string docs[] = {Doc(R"("EOSD":[{"WME":0,"TX":101}])"), Doc(R"("EOSD":[{"WME":2,"TX":102}])"),
                                 Doc(R"("EOSD":[{"WME":1,"TX":777,"COSD":[{"X":777}]}])")};
@@ -151,6 +152,7 @@ TEST_F(OsdParams, ANotificationTheQueueRefusesIsAskedForAgainOnTheNextCycle) {
     auto business = Direct();
     const std::string doc = Doc(kTimep + std::string(kPlaces));
     Apply(*business, doc);  // nothing pending: the cycle's own retry stays out of the count
+    OSDParamCallback(doc.data(), 0, business->LiveToken(), nullptr);  // dropped, not queued
     for (int i = 0; i < 1024; ++i) {
         OSDParamCallback(doc.data(), static_cast<int>(doc.size()), business->LiveToken(), nullptr);
     }
@@ -175,6 +177,7 @@ TEST_F(OsdParams, CallbacksDoNotWaitForEachOtherAndReachOnlyTheirOwnBusiness) {
                                            nullptr);
     });
     ASSERT_TRUE(nvx::WaitForCallAtGate("MSGSendMessage", kGenerousMs));
+    EXPECT_TRUE(Logged("TRUCK", 3, "CallbackCanTruckOsdServiceEvent\n"));  // the signal's own trace
     const Bytes can = Can(2);
     std::thread bus([&] {
         CallbackCanTruckOsdServiceEvent(reinterpret_cast<const char*>(can.data()),

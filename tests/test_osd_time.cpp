@@ -41,7 +41,8 @@ TEST_F(OsdTime, EveryDateFormatAndTheTwelveHourClockAroundMidnightAndNoon) {
         {nullptr, "2024-07-03 12:00:00", "07/03/2024 12:00:00 PM"},
         {nullptr, "2024-12-31 23:59:59", "12/31/2024 11:59:59 PM"},
         {R"({"DATEM":2})", "2024-07-03 13:30:00", "03/07/2024 01:30:00 PM"},  // the clock's format kept
-        {R"({"DATEM":1,"TIMEM":0})", "2024-07-03 00:05:09", "2024-07-03 00:05:09"},
+        {R"({"TIMEM":0})", "2024-07-03 00:05:09", "03/07/2024 00:05:09"},     // the date's format kept
+        {R"({"DATEM":1})", "2024-07-03 00:05:09", "2024-07-03 00:05:09"},
         {R"({"DATEM":3,"TIMEM":2})", "2099-01-02 13:04:05", "2099-01-02 13:04:05"},
         {R"({"DATEM":"2","TIMEM":"1"})", "2024-07-03 13:30:00", "07/03/2024 13:30:00"}};  // not numbers: 0
     char out[128];
@@ -73,7 +74,8 @@ TEST_F(OsdTime, TheLabelAndTheOffsetOfEachZoneAndTheChannelsOfUtcMode) {
         {R"({"TIMEZ":"0","TIMEZEX":"59"})", "07/03/2024 02:59:##", "GMT+00:00", 0x0F},
         // ENU decides when it is a number: 0 turns UTC mode off although TIMEZ is 0.
         {R"({"TIMEZ":"0","TIMEZEX":"600","ENU":0})", "07/03/2024 02:00:##", "GMT+00:00", 0x3F},
-        {R"({"TIMEZ":"0","TIMEZEX":"600","ENU":2})", "07/03/2024 02:00:##", "GMT+00:00", 0x3F},
+        {R"({"TIMEZ":"0","TIMEZEX":"600","ENU":2,"LDST":{"SW":1,"DSTM":2,"DSTS":1,"ENDTIME":2000000000}})",
+         "07/03/2024 02:00:##", "GMT+00:00", 0x3F},  // not UTC mode: no rule of its own either
         {R"({"TIMEZ":"-300","TIMEZEX":"600","ENU":1})", "07/03/2024 12:00:##", "GMT+10:00", 0x0F},
         {R"({"TIMEZ":"-300","TIMEZEX":"600","ENU":"1"})", "07/03/2024 02:00:##", "GMT-05:00", 0x3F},
         {R"({"TIMEZ":0,"TIMEZEX":"60"})", "07/03/2024 02:00:##", "GMT-05:00", 0x3F},  // not a text: kept
@@ -97,13 +99,19 @@ TEST_F(OsdTime, TheLabelAndTheOffsetOfEachZoneAndTheChannelsOfUtcMode) {
     Apply(*business, Timep(R"({"TIMEZ":"-300 and more text","TIMEZEX":"0123456789ABCDEFG"})"));
     EXPECT_STREQ(business->m_timeZoneParam.szTimeZone, "-300 and more t");
     EXPECT_STREQ(business->m_timeZoneParam.szTimeZoneEx, "0123456789ABCDE");
-    // A card reader's time line follows the same offset; its Seven line is left to the swipes.
-    for (uint32_t customer : {43u, 44u}) {
+    // An empty group changes nothing; a group without the texts empties them.
+    nvx::ClearSentMessages();
+    Apply(*business, Timep("{}"));
+    Apply(*business, Timep(R"({"DATEM":0})"));
+    EXPECT_TRUE(Overlays(kSeven).size() == 1u && business->m_timeZoneParam.szTimeZone[0] == '\0');
+    // Card readers (43 and 44, not their neighbours) follow the same offset on their time line;
+    // their Seven line is left to the swipes.
+    for (uint32_t customer : {42u, 43u, 44u, 45u}) {
         auto reader = Direct(customer);
         Apply(*reader, Doc(kEosd));
         nvx::ClearSentMessages();
         Apply(*reader, Timep(R"({"TIMEZ":"0","TIMEZEX":"570"})"));
-        EXPECT_TRUE(Overlays(kSeven).empty());
+        EXPECT_EQ(Overlays(kSeven).empty(), customer == 43 || customer == 44) << customer;
         reader->OSDDataSendTime();
         EXPECT_TRUE(Like(Last(kTime).text, "07/03/2024 11:30:##")) << customer << ": " << Last(kTime).text;
     }
@@ -132,6 +140,8 @@ TEST_F(OsdTime, DaylightSavingStartsAndEndsAtTheExactInstantsOfEachRule) {
     EXPECT_FALSE(rules->CheckDstCriticalCondition(july));
     EXPECT_TRUE(Logged("TRUCK", 4, "before time: 24-07-01,12:00:00\n"));
     EXPECT_TRUE(Logged("TRUCK", 4, "GetDstLocalUtcTime start:2024-03-12\n"));
+    EXPECT_FALSE(rules->IsDateTimeInDst(Date("2024-07-01 24:00:00")));  // a time the calendar refuses
+    EXPECT_TRUE(Logged("TRUCK", 1, "JQ_SDK_DateTime_BrokenDownTimeToCalendarTime FAILED\n"));
     // A southern period wraps over the new year.
     expect(utc1 + R"({"SW":1,"DSTM":1,"DSTS":1,"SMON":9,"SWEEK":1,"SH":2,"EMON":3,"EWEEK":1,"EH":3}})",
            "+2024-01-15 12:00:00 +2024-04-07 01:59:59 -2024-04-07 02:00:00 -2024-10-06 01:59:59 "
@@ -150,7 +160,8 @@ TEST_F(OsdTime, DaylightSavingStartsAndEndsAtTheExactInstantsOfEachRule) {
         {R"({"SW":1,"DSTM":0,"SWEEK":1,)", "The dst mode:0 is invalid! \n"},
         {R"({"SW":1,"DSTM":3,"SWEEK":1,)", "The dst mode:3 is invalid! \n"},
         {R"({"SW":1,"DSTM":1,"SWEEK":0,"SWIND":2,)", "JQ_SDK_DateTime_GetDayByWeek FAILED(24)(1)(02)\n"},
-        {R"({"SW":1,"DSTM":1,"SWEEK":1,"EWIND":7,)", "JQ_SDK_DateTime_GetDayByWeek FAILED(24)(11)(57)\n"}};
+        {R"({"SW":1,"DSTM":1,"SWEEK":1,"EWIND":7,)", "JQ_SDK_DateTime_GetDayByWeek FAILED(24)(11)(57)\n"},
+        {R"({"SW":1,"DSTM":1,"SWEEK":1,"SH":24,)", "JQ_SDK_DateTime_BrokenDownTimeToCalendarTime FAILED\n"}};
     for (const auto& rule : none) {
         expect(utc1 + rule.first + R"("DSTS":1,"EMON":10,"EWEEK":5,"EH":23}})", "-2024-07-01 12:00:00");
         long start = 0, end = 0;
