@@ -1,6 +1,8 @@
 // What the device hands the OSD business: speed notifications on the bus, turn signals from the
 // IO inputs (JSON text, signal thread) and the vehicle bus (J1939 records, CAN thread), card
 // swipes on the bus; and the records among them that must be refused.
+#include <atomic>
+#include <new>
 #include <tuple>
 
 #include "OsdFixture.h"
@@ -8,6 +10,9 @@
 using namespace osd;
 
 namespace {
+
+// Non-throwing array allocations still to fail: the overlay records come from them.
+std::atomic<int> g_refusedArrays{0};
 
 // Where a swipe leaves the Seven line: 410, 90 in font 2.
 const char kSevenAt[] = R"("EOSD":[{"TFS":2,"COSD":[{"X":410,"Y":90,"EN":1}]}])";
@@ -19,6 +24,20 @@ protected:
 };
 
 }  // namespace
+
+// Through the throwing form, so that a sanitizer pairs the memory with its delete[].
+void* operator new[](std::size_t size, const std::nothrow_t&) noexcept {
+    for (int left = g_refusedArrays.load(); left > 0;) {
+        if (g_refusedArrays.compare_exchange_weak(left, left - 1)) {
+            return nullptr;
+        }
+    }
+    try {
+        return ::operator new[](size);
+    } catch (...) {
+        return nullptr;
+    }
+}
 
 TEST_F(OsdInputs, SpeedUnitAndTurnMarksFromBothSourcesCombineAndBadRecordsAreRefused) {
     auto business = Direct();
@@ -114,7 +133,7 @@ TEST_F(OsdInputs, ASwipeIsCheckedFieldByFieldAndBoundedByItsPayload) {
     auto business = Direct(43);
     Apply(*business, Doc(kSevenAt));
     std::string gb = "x", utf8 = "x";  // the same two ideographs in GB2312 and one in UTF-8
-    std::string gbOnly;  // ideographs alone, the first of them with a UTF-8 lead byte
+    std::string gbOnly;                // ideographs alone, the first of them with a UTF-8 lead byte
     for (int i = 0; i < 34; ++i) {
         gb += "\xB0\xA1\xD6\xD0";
         utf8 += "\xE4\xB8\xAD";
@@ -191,4 +210,21 @@ TEST_F(OsdInputs, ACardReaderTakesSwipesAndSpeedsFromTheBusUntilItStops) {
     const Bytes card = CardRecord(400, 80, "DRIVER 0042");
     EXPECT_TRUE(nvx::WaitForSent([&](const nvx::BusMessage& m) { return m.payload == card; }, kGenerousMs));
     StopManager([] { EXPECT_EQ(Inject(kEventSwipe, Swipe("LATE")) + Inject(kEventSpeed, Speed(1, 0)), 0); });
+}
+
+TEST_F(OsdInputs, AnOverlayWithoutMemoryIsLoggedWithItsTextAndNotSent) {
+    auto business = Direct();
+    Apply(*business, Doc(R"("TIMEP":{"TIMEZ":"480"})"));
+    nvx::ClearSentMessages();
+    g_refusedArrays.store(3);
+    business->OSDDataSendTime();
+    business->OSDDataSendSeven("DRIVER 0042");
+    business->OSDDataDeleteIPCSeven("gone");
+    EXPECT_EQ(g_refusedArrays.load(), 0);
+    EXPECT_TRUE(Payloads(kEventOverlay).empty());
+    const std::vector<nvx::LogLine> logs = nvx::CapturedLogs();
+    EXPECT_TRUE(std::any_of(logs.begin(), logs.end(), [](const nvx::LogLine& line) {
+        return line.level == 0 && Like(line.text, "malloc osd data error, timestr = ##/##/#### ##:##:##\n");
+    }));
+    EXPECT_TRUE(Logged("TRUCK", 0, "new osddata failed\n") && Logged("TRUCK", 0, "malloc OSDData failed\n"));
 }
