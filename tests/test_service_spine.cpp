@@ -116,6 +116,7 @@ protected:
         WriteDeviceFile("/usr/local/cfg/truckbusiness.jsn",
                         R"({"BUSINESS_CONFIG":[{"BUSINESS_ENABLE":"true","BUSINESS_ID":7,)"
                         R"("BUSINESS_NAME":"truckosd","BUSINESS_THREAD":"true"}]})");
+        WriteDeviceFile("/mnt/tmpfs/global.bsn", R"({"PARAMETER":{"MDVR":{"GSP":{"LANT":7}}}})");
         param.ucRunning.store(0);
         manage.reset();  // the service makes its own
     }
@@ -260,6 +261,12 @@ TEST_F(Business, SharedThreadRunsCallbacksAndCyclesOnTheCallersTicks) {
         business.business_shared_thread_run(100);
         business.business_shared_thread_run(100);
         EXPECT_EQ(business.cycles.load(), 5) << "cycle time 0 runs the cycle on every step";
+
+        for (int i = 0; i <= 1024; ++i) {  // one more than the platform's default bound
+            business.Queue("q");
+        }
+        EXPECT_TRUE(Logged("NVXSDK", 1, "asyn callback queue 3 full, call dropped\n"))
+            << "the queue has its id";
 
         EXPECT_EQ(business.business_stop(), 0);
         EXPECT_EQ(business.uninits.load(), 1);
@@ -553,6 +560,7 @@ TEST_F(ServiceFaults, AnExceptionOnAThreadIsLoggedAndTheServiceGoesOn) {
         nvx::StartLogCapture();
         nvx::ThrowBadAllocIn(thrower, 1);
         ASSERT_EQ(JQ_SDK_Service_Start(&param), 0);
+        EXPECT_NE(nvx::ParamStoreText().find("\"LANT\":7"), std::string::npos) << "the store is global.bsn";
         const std::string where = std::string(thrower) == "CAsynCallback" ? "business load" : "truckosd";
         EXPECT_TRUE(nvx::WaitForLog(
             [&](const nvx::LogLine& l) {
