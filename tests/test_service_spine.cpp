@@ -295,11 +295,15 @@ TEST_F(Business, OwnThreadRunsInitCallbacksEventsAndCyclesOnItsThread) {
     EXPECT_TRUE(Eventually([&] { return business->cycles.load() >= 3; }));
     EXPECT_TRUE(nvx::WaitForWatchdogFeeds("own_probe", 3, kGenerousMs));
     bool named = false;
-    const std::string prefix =
-        "Thread: Create thread, name = own_probe, pid = " + std::to_string(getpid()) + ", tid = ";
+    int tid = 0;
+    for (const auto& [id, name] : Tasks()) {
+        tid = name == "own_probe" ? id : tid;
+    }
+    const std::string text = "Thread: Create thread, name = own_probe, pid = " + std::to_string(getpid()) +
+                             ", tid = " + std::to_string(tid) + "\n";
     for (const nvx::LogLine& line : nvx::CapturedLogs()) {
         named = named || (line.module == "TRUCK" && line.level == 0 && line.file == "include/CommonDefine" &&
-                          line.func == "TRUCK_THREAD_INFO_PRINT" && line.text.rfind(prefix, 0) == 0);
+                          line.func == "TRUCK_THREAD_INFO_PRINT" && line.text == text);
     }
     EXPECT_TRUE(named) << "the business thread says its name, pid and tid";
 
@@ -473,6 +477,11 @@ TEST_F(MainCycle, OnceASecondStepFollowsTheDistanceOfTheTick) {
     EXPECT_EQ(nvx::CallCount("JQ_SDK_Device_GetDeviceSerialNumber"), 1u);
     EXPECT_EQ(nvx::CallCount("JQ_SDK_Storage_GetFuseMntPath"), 1u) << "asked on the first pass only";
     EXPECT_EQ(nvx::CallCount("JQ_SDK_Storage_MonitorFuseStatus"), 1u);
+    nvx::InjectStorageReport(0, "/mnt/sd1");  // the monitor reports into this manager
+    ASSERT_TRUE(nvx::WaitForStorageIdle(kGenerousMs));
+    char root[16] = "";
+    EXPECT_EQ(manage->basic_get_normal_file_root_dir(root, sizeof(root)), 0);
+    EXPECT_STREQ(root, "/mnt/sd1/");
     manage->basic_uninit();
     manage.reset();
 }
