@@ -51,6 +51,7 @@ TEST_F(DeviceInfo, CommandLineValuesNeedTheirEndMarkAndDigitsOnly) {
     const std::vector<Case> cases = {
         {"console=ttyS0 flashsize=16M chiptype=3 mem=64M", 16, 3},
         {"chiptype=12 flashsize=16MB", 16, 12},
+        {"flashsize_mb=1 flashsize=8M chiptypes=4 chiptype=2 ", 8, 2},  // the keys end in '='
         {"flashsize=0x10 chiptype=3\n", 0, 0},   // no unit at all; no space after the chip type
         {"flashsize=128m chiptype=7 ", 128, 7},  // a small m only when no capital M follows
         {"flashsize=32m mem=64M", 0, 0},         // the capital M comes first and wins
@@ -71,10 +72,13 @@ TEST_F(DeviceInfo, CommandLineFileIsReadUpToItsFirst512BytesOrFirstNul) {
     EXPECT_EQ(manage->GetChipInfo(), -1);
     EXPECT_TRUE(Logged("TRUCK", 0, "Can't open /proc/cmdline\n"));
 
-    WriteDeviceFile("/proc/cmdline", "flashsize=16M " + std::string(490, 'x') + "chiptype=5 ");
-    EXPECT_EQ(manage->GetChipInfo(), 0);
-    EXPECT_EQ(manage->basic_get_chip_info().uiFlashSize, 16u);
-    EXPECT_EQ(manage->basic_get_chip_info().uiChipType, 0u) << "the chip type lies past byte 512";
+    // The chip type's closing space is byte 512 of the file, then byte 513: only the first counts.
+    for (const size_t pad : {487, 488}) {
+        WriteDeviceFile("/proc/cmdline", "flashsize=16M " + std::string(pad, 'x') + "chiptype=5 ");
+        EXPECT_EQ(manage->GetChipInfo(), 0);
+        EXPECT_EQ(manage->basic_get_chip_info().uiFlashSize, 16u);
+        EXPECT_EQ(manage->basic_get_chip_info().uiChipType, pad == 487 ? 5u : 0u) << pad;
+    }
 
     WriteDeviceFile("/proc/cmdline", std::string("chiptype=4 flashsize=8M\0chiptype=9 ", 35));
     EXPECT_EQ(manage->GetChipInfo(), 0);

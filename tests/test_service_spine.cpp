@@ -116,6 +116,7 @@ protected:
         WriteDeviceFile("/usr/local/cfg/truckbusiness.jsn",
                         R"({"BUSINESS_CONFIG":[{"BUSINESS_ENABLE":"true","BUSINESS_ID":7,)"
                         R"("BUSINESS_NAME":"truckosd","BUSINESS_THREAD":"true"}]})");
+        WriteDeviceFile("/mnt/tmpfs/global.bsn", R"({"PARAMETER":{"MDVR":{"GSP":{"LANT":7}}}})");
         param.ucRunning.store(0);
         manage.reset();  // the service makes its own
     }
@@ -261,6 +262,12 @@ TEST_F(Business, SharedThreadRunsCallbacksAndCyclesOnTheCallersTicks) {
         business.business_shared_thread_run(100);
         EXPECT_EQ(business.cycles.load(), 5) << "cycle time 0 runs the cycle on every step";
 
+        for (int i = 0; i <= 1024; ++i) {  // one more than the platform's default bound
+            business.Queue("q");
+        }
+        EXPECT_TRUE(Logged("NVXSDK", 1, "asyn callback queue 3 full, call dropped\n"))
+            << "the queue has its id";
+
         EXPECT_EQ(business.business_stop(), 0);
         EXPECT_EQ(business.uninits.load(), 1);
         EXPECT_TRUE(nvx::SleepsOfThisThread().empty()) << "nothing to wait for";
@@ -288,11 +295,15 @@ TEST_F(Business, OwnThreadRunsInitCallbacksEventsAndCyclesOnItsThread) {
     EXPECT_TRUE(Eventually([&] { return business->cycles.load() >= 3; }));
     EXPECT_TRUE(nvx::WaitForWatchdogFeeds("own_probe", 3, kGenerousMs));
     bool named = false;
-    const std::string prefix =
-        "Thread: Create thread, name = own_probe, pid = " + std::to_string(getpid()) + ", tid = ";
+    int tid = 0;
+    for (const auto& [id, name] : Tasks()) {
+        tid = name == "own_probe" ? id : tid;
+    }
+    const std::string text = "Thread: Create thread, name = own_probe, pid = " + std::to_string(getpid()) +
+                             ", tid = " + std::to_string(tid) + "\n";
     for (const nvx::LogLine& line : nvx::CapturedLogs()) {
         named = named || (line.module == "TRUCK" && line.level == 0 && line.file == "include/CommonDefine" &&
-                          line.func == "TRUCK_THREAD_INFO_PRINT" && line.text.rfind(prefix, 0) == 0);
+                          line.func == "TRUCK_THREAD_INFO_PRINT" && line.text == text);
     }
     EXPECT_TRUE(named) << "the business thread says its name, pid and tid";
 
@@ -466,6 +477,11 @@ TEST_F(MainCycle, OnceASecondStepFollowsTheDistanceOfTheTick) {
     EXPECT_EQ(nvx::CallCount("JQ_SDK_Device_GetDeviceSerialNumber"), 1u);
     EXPECT_EQ(nvx::CallCount("JQ_SDK_Storage_GetFuseMntPath"), 1u) << "asked on the first pass only";
     EXPECT_EQ(nvx::CallCount("JQ_SDK_Storage_MonitorFuseStatus"), 1u);
+    nvx::InjectStorageReport(0, "/mnt/sd1");  // the monitor reports into this manager
+    ASSERT_TRUE(nvx::WaitForStorageIdle(kGenerousMs));
+    char root[16] = "";
+    EXPECT_EQ(manage->basic_get_normal_file_root_dir(root, sizeof(root)), 0);
+    EXPECT_STREQ(root, "/mnt/sd1/");
     manage->basic_uninit();
     manage.reset();
 }
@@ -553,6 +569,7 @@ TEST_F(ServiceFaults, AnExceptionOnAThreadIsLoggedAndTheServiceGoesOn) {
         nvx::StartLogCapture();
         nvx::ThrowBadAllocIn(thrower, 1);
         ASSERT_EQ(JQ_SDK_Service_Start(&param), 0);
+        EXPECT_NE(nvx::ParamStoreText().find("\"LANT\":7"), std::string::npos) << "the store is global.bsn";
         const std::string where = std::string(thrower) == "CAsynCallback" ? "business load" : "truckosd";
         EXPECT_TRUE(nvx::WaitForLog(
             [&](const nvx::LogLine& l) {

@@ -28,10 +28,10 @@ protected:
         const int rc = manage->basic_get_normal_file_root_dir(subPath, out, outLen);
         return rc == 0 ? std::string(out) : "rc " + std::to_string(rc);
     }
-    static int CountLogged(const std::string& text) {
+    static int CountLogged(const std::string& text, int level) {
         int count = 0;
         for (const nvx::LogLine& line : nvx::CapturedLogs()) {
-            count += line.text == text;
+            count += line.text == text && line.level == level && line.module == "TRUCK";
         }
         return count;
     }
@@ -67,11 +67,12 @@ TEST_F(StoragePath, OnlyAChangedRecordReplacesThePathAndIsLogged) {
     nvx::InjectStorageReport(0, "/mnt/hd1");
     tag_fuseMntPathAck ack;  // the same path with other bytes behind its end
     memset(&ack, 0, sizeof(ack));
-    memcpy(ack.szMntPath, "/mnt/hd1\0old", 12);
+    memcpy(ack.szMntPath, "/mnt/hd1", 8);
+    memcpy(ack.szMntPath + 29, "old", 3);  // the record's last bytes count too
     nvx::InjectStorageRaw(&ack, sizeof(ack));
     nvx::InjectStorageReport(3, "/mnt/hd1");
     ASSERT_TRUE(nvx::WaitForStorageIdle(kGenerousMs));
-    EXPECT_EQ(CountLogged("m_fuseMntPath result = 0, mntPath = /mnt/hd1\n"), 2);
+    EXPECT_EQ(CountLogged("m_fuseMntPath result = 0, mntPath = /mnt/hd1\n", 3), 2);
     EXPECT_TRUE(Logged("TRUCK", 3, "m_fuseMntPath result = 3, mntPath = /mnt/hd1\n"));
     EXPECT_EQ(Root("log"), "rc 3");
     EXPECT_TRUE(Logged("TRUCK", 3, "param error result : 3, mntPath = /mnt/hd1 \n"));
@@ -91,7 +92,7 @@ TEST_F(StoragePath, MalformedReportsAreLoggedAndLeaveThePath) {
         EXPECT_TRUE(
             Logged("TRUCK", 1, "storage callback param error, length = " + std::to_string(length) + "\n"));
     }
-    EXPECT_EQ(CountLogged("storage callback param error, length = 36\n"), 2);
+    EXPECT_EQ(CountLogged("storage callback param error, length = 36\n", 1), 2);
     EXPECT_EQ(Root(), "/mnt/hd1/");
 
     // A path that fills its 32 bytes without an end is taken as those 32 characters.
@@ -144,7 +145,7 @@ TEST_F(StoragePath, PeripheralBlockTakesWhatTheFileHasAndNeverReadsPastItsEnd) {
     const std::string zero(7716, '\0');
     EXPECT_EQ(manage->basic_load_peripheral_config(), 0);
     EXPECT_EQ(load(""), zero);
-    EXPECT_EQ(CountLogged("load peripheral config file[/usr/local/cfg/serialconfig.bsn] failed\n"), 2)
+    EXPECT_EQ(CountLogged("load peripheral config file[/usr/local/cfg/serialconfig.bsn] failed\n", 4), 2)
         << "missing, then empty";
 
     // Ends on a page boundary: a copy of the whole block would touch the page past the file.
