@@ -8,6 +8,7 @@
 #include <functional>
 #include <future>
 #include <mutex>
+#include <new>
 #include <set>
 #include <string>
 #include <thread>
@@ -27,6 +28,8 @@ std::string ThreadName() {
 }
 
 std::atomic<int> g_destroyed{0};
+// Set, every non-throwing allocation of a single object answers null, as on a device out of memory.
+std::atomic<bool> g_refuseNothrow{false};
 
 // A business that records what the base class makes it do, and on which thread.
 class ProbeBusiness : public CTruckServiceBase {
@@ -159,13 +162,19 @@ TEST_F(ServiceObject, NullBlocksAreRefusedWithoutSideEffects) {
 }
 
 TEST_F(ServiceObject, FailedGlobalInitialisationStartsNothing) {
-    nvx::SetGlobalInitFails(true);
     tag_ServiceParam param;
     param.ucRunning.store(0);
-    EXPECT_EQ(JQ_SDK_Service_Start(&param), -1);
-    EXPECT_EQ(CTruckService::ServeGetInstance()->ServeGetManage(), nullptr);
-    EXPECT_EQ(nvx::CallCount("OsUtilsCreateThread"), 0u);
-    EXPECT_EQ(nvx::CallCount("CMsgClientManage"), 0u);
+    CTruckService::ServeGetInstance();
+    for (const bool noMemory : {false, true}) {  // no global configuration, or no room for the manager
+        nvx::SetGlobalInitFails(!noMemory);
+        g_refuseNothrow.store(noMemory);
+        EXPECT_EQ(JQ_SDK_Service_Start(&param), -1) << noMemory;
+        g_refuseNothrow.store(false);
+        EXPECT_EQ(CTruckService::ServeGetInstance()->ServeGetManage(), nullptr);
+        EXPECT_EQ(nvx::CallCount("OsUtilsCreateThread"), 0u);
+        EXPECT_EQ(nvx::CallCount("CMsgClientManage"), 0u);
+    }
+    nvx::SetGlobalInitFails(true);
     EXPECT_EQ(JQ_SDK_Service_Stop(&param), 0);
     EXPECT_EQ(nvx::CallCount("JQ_SDK_Global_Deinitialize"), 0u);
 }
@@ -524,6 +533,18 @@ TEST_F(Business, OwnThreadWaitAndCycleFollowTheCycleTime) {
     manage.reset();
 }
 
+// Through the throwing form, so that a sanitizer pairs the memory with its delete.
+void* operator new(std::size_t size, const std::nothrow_t&) noexcept {
+    if (g_refuseNothrow.load()) {
+        return nullptr;
+    }
+    try {
+        return ::operator new(size);
+    } catch (...) {
+        return nullptr;
+    }
+}
+
 TEST(WiringFaults, EndTheProcessWithStatusOne) {
     // "fast" forks without exec: the device build runs under user-mode emulation, where a
     // re-executed test binary cannot start.
@@ -533,6 +554,17 @@ TEST(WiringFaults, EndTheProcessWithStatusOne) {
                 "\\[APPCOM\\] .*GlobalConfig ptr is null");
     EXPECT_EXIT(ProbeBusiness(nullptr, nullptr, 1, "x"), ::testing::ExitedWithCode(1),
                 "\\[APPCOM\\] .*Basic Server manage ptr is null");
+    EXPECT_EXIT(
+        {
+            tagGlobalConfig config = MakeGlobalConfig();
+            CTruckServiceManage manager(&config);
+            ProbeBusiness business(&manager, nullptr, 5, "no_client");
+            g_refuseNothrow.store(true);  // its own thread's client cannot be had
+            business.business_start();
+            std::this_thread::sleep_for(std::chrono::milliseconds(kGenerousMs));
+            _exit(5);
+        },
+        ::testing::ExitedWithCode(1), "\\[APPCOM\\] .*Message client manage ptr is null");
 }
 
 // A first pass stuck in a platform call (building the business, asking the storage service)
