@@ -74,6 +74,7 @@ TEST_F(JsonHelpers, CStringReadsTruncateTerminateAndClearOnFailure) {
     EXPECT_TRUE(nvx::CapturedLogs().empty()) << "a number is refused as it is, not read as text";
     EXPECT_TRUE(GetJsonCString(Json::Value("a"), buf, 0) == -1 &&
                 GetJsonCString(Json::Value("a"), static_cast<char*>(nullptr), 4) == -1);
+    EXPECT_TRUE(GetJsonCString(Json::Value("a"), buf, 1) == 0 && buf[0] == '\0') << "room for the end alone";
     // A copy has no failure to report, whatever it is given.
     EXPECT_TRUE(StringCopy(buf, 4, nullptr) == 0 && buf[0] == '\0' && StringCopy(nullptr, 4, "a") == 0 &&
                 StringCopy(buf, 0, "a") == 0);
