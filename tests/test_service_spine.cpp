@@ -482,6 +482,8 @@ TEST_F(MainCycle, OnceASecondStepFollowsTheDistanceOfTheTick) {
         const uint64_t fed = nvx::WatchdogFeedCount("truckbusiness.02");
         ASSERT_TRUE(nvx::WaitForWatchdogFeeds("truckbusiness.02", fed + 3, kGenerousMs));
         EXPECT_EQ(batches(), step.batches) << "tick t0 + " << step.tick - t0;
+        EXPECT_EQ(nvx::LastWatchdogFeedTick("truckbusiness.02"), step.tick)
+            << "each feed gives its pass's tick";
     }
     EXPECT_EQ(nvx::CallCount("JQ_SDK_Device_GetDeviceSerialNumber"), 1u);
     EXPECT_EQ(nvx::CallCount("JQ_SDK_Storage_GetFuseMntPath"), 1u) << "asked on the first pass only";
@@ -524,6 +526,7 @@ TEST_F(Business, OwnThreadWaitAndCycleFollowTheCycleTime) {
                 ASSERT_TRUE(passes(3));
                 EXPECT_EQ(business.cycles.load(), tick == t0 + row.cycle ? 2 : 1)
                     << name << " at t0 + " << tick - t0;
+                EXPECT_EQ(nvx::LastWatchdogFeedTick(name), tick);
             }
         }
         business.business_stop();

@@ -77,6 +77,8 @@ inline constexpr char kMsgHandleClient[] = "JQ_SDK_MSG";
 
 // ---- watchdog ----
 uint64_t WatchdogFeedCount(const std::string& client);
+// The tick that the client's last MSGFeedWatchDog gave; 0 before any.
+uint64_t LastWatchdogFeedTick(const std::string& client);
 // Every client that has fed the watchdog, with its count.
 std::map<std::string, uint64_t> WatchdogFeeds();
 bool WaitForWatchdogFeeds(const std::string& client, uint64_t count, int timeoutMs);

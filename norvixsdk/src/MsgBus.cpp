@@ -74,6 +74,7 @@ struct Bus {
     std::function<void(const BusMessage&)> observer;
     std::map<const void*, WatchdogEntry> watchdog;      // by client
     std::map<std::string, uint64_t> feedCounts;         // by client name, kept after the client is gone
+    std::map<std::string, uint64_t> feedTicks;          // the tick a client's last feed gave
     std::map<std::string, std::set<int>> waitTimeouts;  // MSGWaitForEvent's time-outs, by client name
     std::condition_variable fed;
     uint64_t watchdogTimeoutMs = 10000;
@@ -230,6 +231,13 @@ uint64_t WatchdogFeedCount(const std::string& client) {
     return it == bus.feedCounts.end() ? 0 : it->second;
 }
 
+uint64_t LastWatchdogFeedTick(const std::string& client) {
+    Bus& bus = TheBus();
+    std::lock_guard<std::mutex> lock(bus.mutex);
+    auto it = bus.feedTicks.find(client);
+    return it == bus.feedTicks.end() ? 0 : it->second;
+}
+
 std::map<std::string, uint64_t> WatchdogFeeds() {
     Bus& bus = TheBus();
     std::lock_guard<std::mutex> lock(bus.mutex);
@@ -259,6 +267,7 @@ void ResetBus() {
         std::lock_guard<std::mutex> lock(bus.mutex);
         bus.sent.clear();
         bus.feedCounts.clear();
+        bus.feedTicks.clear();
         bus.waitTimeouts.clear();
         bus.watchdogTimeoutMs = 10000;
         g_instantWaits.store(false);
@@ -402,7 +411,12 @@ int CMsgClientManage::MSGWaitForEvent(int timeoutMs) {
     return delivered;
 }
 
-int CMsgClientManage::MSGFeedWatchDog(unsigned long long /*nowMs*/) {
+int CMsgClientManage::MSGFeedWatchDog(unsigned long long nowMs) {
+    {
+        nvx::Bus& bus = nvx::TheBus();
+        std::lock_guard<std::mutex> lock(bus.mutex);
+        bus.feedTicks[m_impl->name] = nowMs;
+    }
     nvx::detail::FeedWatchdog(m_impl, m_impl->name, 0);
     return 0;
 }
