@@ -1,18 +1,14 @@
 // What the device hands the OSD business: speed notifications on the bus, turn signals from the
 // IO inputs (JSON text, signal thread) and the vehicle bus (J1939 records, CAN thread), card
 // swipes on the bus; and the records among them that must be refused.
-#include <atomic>
-#include <new>
 #include <tuple>
 
 #include "OsdFixture.h"
+#include "RefusedAllocations.h"
 
 using namespace osd;
 
 namespace {
-
-// Non-throwing array allocations still to fail: the overlay records come from them.
-std::atomic<int> g_refusedArrays{0};
 
 // Where a swipe leaves the Seven line: 410, 90 in font 2.
 const char kSevenAt[] = R"("EOSD":[{"TFS":2,"COSD":[{"X":410,"Y":90,"EN":1}]}])";
@@ -24,20 +20,6 @@ protected:
 };
 
 }  // namespace
-
-// Through the throwing form, so that a sanitizer pairs the memory with its delete[].
-void* operator new[](std::size_t size, const std::nothrow_t&) noexcept {
-    for (int left = g_refusedArrays.load(); left > 0;) {
-        if (g_refusedArrays.compare_exchange_weak(left, left - 1)) {
-            return nullptr;
-        }
-    }
-    try {
-        return ::operator new[](size);
-    } catch (...) {
-        return nullptr;
-    }
-}
 
 TEST_F(OsdInputs, SpeedUnitAndTurnMarksFromBothSourcesCombineAndBadRecordsAreRefused) {
     auto business = Direct();
@@ -216,11 +198,11 @@ TEST_F(OsdInputs, AnOverlayWithoutMemoryIsLoggedWithItsTextAndNotSent) {
     auto business = Direct();
     Apply(*business, Doc(R"("TIMEP":{"TIMEZ":"480"})"));
     nvx::ClearSentMessages();
-    g_refusedArrays.store(3);
+    g_refusedAllocations.store(3);  // the three overlay records
     business->OSDDataSendTime();
     business->OSDDataSendSeven("DRIVER 0042");
     business->OSDDataDeleteIPCSeven("gone");
-    EXPECT_EQ(g_refusedArrays.load(), 0);
+    EXPECT_EQ(g_refusedAllocations.load(), 0);
     EXPECT_TRUE(Payloads(kEventOverlay).empty());
     const std::vector<nvx::LogLine> logs = nvx::CapturedLogs();
     EXPECT_TRUE(std::any_of(logs.begin(), logs.end(), [](const nvx::LogLine& line) {

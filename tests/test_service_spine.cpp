@@ -8,13 +8,13 @@
 #include <functional>
 #include <future>
 #include <mutex>
-#include <new>
 #include <set>
 #include <string>
 #include <thread>
 
 #include "OsUtils.h"
 #include "CycleRunner.h"
+#include "RefusedAllocations.h"
 #include "TestSupport.h"
 #include "TruckServiceBase.h"
 #include "TruckServiceManage.h"
@@ -28,8 +28,6 @@ std::string ThreadName() {
 }
 
 std::atomic<int> g_destroyed{0};
-// Set, every non-throwing allocation of a single object answers null, as on a device out of memory.
-std::atomic<bool> g_refuseNothrow{false};
 
 // A business that records what the base class makes it do, and on which thread.
 class ProbeBusiness : public CTruckServiceBase {
@@ -164,12 +162,10 @@ TEST_F(ServiceObject, NullBlocksAreRefusedWithoutSideEffects) {
 TEST_F(ServiceObject, FailedGlobalInitialisationStartsNothing) {
     tag_ServiceParam param;
     param.ucRunning.store(0);
-    CTruckService::ServeGetInstance();
     for (const bool noMemory : {false, true}) {  // no global configuration, or no room for the manager
         nvx::SetGlobalInitFails(!noMemory);
-        g_refuseNothrow.store(noMemory);
+        g_refusedAllocations.store(noMemory ? 1 : 0);
         EXPECT_EQ(JQ_SDK_Service_Start(&param), -1) << noMemory;
-        g_refuseNothrow.store(false);
         EXPECT_EQ(CTruckService::ServeGetInstance()->ServeGetManage(), nullptr);
         EXPECT_EQ(nvx::CallCount("OsUtilsCreateThread"), 0u);
         EXPECT_EQ(nvx::CallCount("CMsgClientManage"), 0u);
@@ -536,18 +532,6 @@ TEST_F(Business, OwnThreadWaitAndCycleFollowTheCycleTime) {
     manage.reset();
 }
 
-// Through the throwing form, so that a sanitizer pairs the memory with its delete.
-void* operator new(std::size_t size, const std::nothrow_t&) noexcept {
-    if (g_refuseNothrow.load()) {
-        return nullptr;
-    }
-    try {
-        return ::operator new(size);
-    } catch (...) {
-        return nullptr;
-    }
-}
-
 TEST(WiringFaults, EndTheProcessWithStatusOne) {
     // "fast" forks without exec: the device build runs under user-mode emulation, where a
     // re-executed test binary cannot start.
@@ -562,7 +546,7 @@ TEST(WiringFaults, EndTheProcessWithStatusOne) {
             tagGlobalConfig config = MakeGlobalConfig();
             CTruckServiceManage manager(&config);
             ProbeBusiness business(&manager, nullptr, 5, "no_client");
-            g_refuseNothrow.store(true);  // its own thread's client cannot be had
+            g_refusedAllocations.store(1 << 30);  // its own thread's client cannot be had
             business.business_start();
             std::this_thread::sleep_for(std::chrono::milliseconds(kGenerousMs));
             _exit(5);
