@@ -157,6 +157,9 @@ TEST_F(DeviceInfo, RemoteTaskBitsAreIndependentAndOnlyZeroTo31Exist) {
 
 TEST_F(DeviceInfo, AlarmStateIsCopiedAndAlwaysReadWhole) {
     ChnAlarmState_t a, b;
+    memset(&a, 0, sizeof(a));
+    const ChnAlarmState_t fresh = manage->GetChannelAlarmState();
+    EXPECT_EQ(memcmp(&a, &fresh, sizeof(a)), 0) << "a new manager knows no alarm";
     memset(&a, 0x11, sizeof(a));
     memset(&b, 0x22, sizeof(b));
     EXPECT_EQ(manage->SetChannelAlarmState(a), 0);

@@ -162,10 +162,12 @@ TEST_F(ServiceObject, NullBlocksAreRefusedWithoutSideEffects) {
 TEST_F(ServiceObject, FailedGlobalInitialisationStartsNothing) {
     tag_ServiceParam param;
     param.ucRunning.store(0);
-    for (const bool noMemory : {false, true}) {  // no global configuration, or no room for the manager
-        nvx::SetGlobalInitFails(!noMemory);
-        g_refusedAllocations.store(noMemory ? 1 : 0);
-        EXPECT_EQ(JQ_SDK_Service_Start(&param), -1) << noMemory;
+    // No global configuration, no room for the manager, or an exception on the way.
+    for (const int cause : {0, 1, 2}) {
+        nvx::SetGlobalInitFails(cause == 0);
+        g_refusedAllocations.store(cause == 1 ? 1 : 0);
+        nvx::ThrowBadAllocIn("JQ_SDK_Global_Initialize", cause == 2 ? 1 : 0);
+        EXPECT_EQ(JQ_SDK_Service_Start(&param), -1) << cause;
         EXPECT_EQ(CTruckService::ServeGetInstance()->ServeGetManage(), nullptr);
         EXPECT_EQ(nvx::CallCount("OsUtilsCreateThread"), 0u);
         EXPECT_EQ(nvx::CallCount("CMsgClientManage"), 0u);
