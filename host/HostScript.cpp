@@ -249,6 +249,16 @@ bool ReadStep(const Json::Value& step, StepMembers& members, ScriptStep& out) {
         out.result = static_cast<int32_t>(number);
         return true;
     }
+    if (kind == "restart") {
+        out.injection = Injection::kRestart;
+        if (step.isMember("gap_ms")) {
+            if (!members.Integer("gap_ms", 0, kMaxRestartGapMs, number)) {
+                return false;
+            }
+            out.gapMs = static_cast<uint64_t>(number);
+        }
+        return true;
+    }
     return members.Fail("kind '" + kind + "' is unknown");
 }
 
@@ -368,6 +378,8 @@ void RunStep(const ScriptStep& step) {
             break;
         case Injection::kStorageReport:
             nvx::InjectStorageReport(step.result, step.text);
+            break;
+        case Injection::kRestart:
             break;
     }
 }

@@ -24,7 +24,11 @@ constexpr int kSwipeEvent = 0x4004;
 constexpr size_t kMaxSwipeText = 0x7FFFFF - 13;
 
 // How a step reaches the device; "speed" and "swipe" are bus events with a built payload.
-enum class Injection { kBusEvent, kDevSignal, kCanRecord, kParameters, kWallClock, kStorageReport };
+// kRestart is the host's own: it stops the plug-in and starts it again in the same process.
+enum class Injection { kBusEvent, kDevSignal, kCanRecord, kParameters, kWallClock, kStorageReport, kRestart };
+
+// The longest pause a restart step may ask for between stop and start.
+constexpr int64_t kMaxRestartGapMs = 600000;
 
 struct ScriptStep {
     size_t number = 0;  // position in the file, counted from 1
@@ -35,6 +39,7 @@ struct ScriptStep {
     std::string text;            // kParameters: the document, compact; kStorageReport: the path
     int64_t seconds = 0;         // kWallClock
     int32_t result = 0;          // kStorageReport
+    uint64_t gapMs = 0;          // kRestart: the pause between stop and start
     std::string source;          // the step as written, compact, for the logs
 };
 
@@ -53,7 +58,7 @@ std::vector<uint8_t> SpeedPayload(uint32_t speed, uint8_t unit);
 // `text` is at most kMaxSwipeText bytes.
 std::vector<uint8_t> SwipePayload(const std::string& text);
 
-// Hands the step to the simulated device.
+// Hands the step to the simulated device; a restart is left to the caller.
 void RunStep(const ScriptStep& step);
 
 // Performs steps on a thread of its own, each when its time after `origin` has come.

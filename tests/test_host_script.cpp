@@ -113,6 +113,12 @@ TEST(HostScript, RawStepsCarryTheirBytesAndValuesAsWritten) {
     EXPECT_EQ(storage.injection, Injection::kStorageReport);
     EXPECT_EQ(storage.result, -10);
     EXPECT_EQ(storage.text, "/mnt/sd1");
+
+    // A restart is the host's own step; without a gap it starts again at once.
+    const ScriptStep restart = OnlyStep(R"({"at_ms": 7, "kind": "restart"})");
+    EXPECT_EQ(restart.injection, Injection::kRestart);
+    EXPECT_EQ(restart.gapMs, 0u);
+    EXPECT_EQ(OnlyStep(R"({"at_ms": 7, "kind": "restart", "gap_ms": 600000})").gapMs, 600000u);
 }
 
 TEST(HostScript, DeviceTimesAreReadWithoutAZoneAndCalendarChecked) {
@@ -171,6 +177,9 @@ TEST(HostScript, MalformedScriptsAreRefusedWholeNamingTheStepAndTheFault) {
         {second(R"({"at_ms": 0, "kind": "clock", "set": "2026-02-30T00:00:00"})"),
          "step 2: set must be a date and time YYYY-MM-DDTHH:MM:SS the device can hold, not "
          "'2026-02-30T00:00:00'"},
+        {second(R"({"at_ms": 0, "kind": "restart", "gap_ms": 600001})"),
+         "step 2: gap_ms must be an integer from 0 to 600000"},
+        {second(R"({"at_ms": 0, "kind": "restart", "gap_ms": "1"})"), "step 2: gap_ms must be an integer"},
         {second(R"({"at_ms": 0, "kind": "storage", "result": 2147483648, "path": ""})"),
          "step 2: result must be an integer from -2147483648 to 2147483647"},
     };

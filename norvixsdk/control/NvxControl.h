@@ -25,6 +25,11 @@ struct DeviceProfile {
 };
 void SetDeviceProfile(const DeviceProfile& profile);
 DeviceProfile GetDeviceProfile();
+// Reads a device identity file, a JSON object {"product_type": u32, "system_type": u32,
+// "video_inputs": u16, "ip_channels": u16, "serial_number": "at most 15 characters"}, every key
+// optional with the defaults above. False with the reason (the system's, for a file that cannot
+// be read) for anything else, an unknown key included; `profile` is then untouched.
+bool ReadDeviceProfile(const std::string& path, DeviceProfile& profile, std::string& error);
 
 // Make the next initialisations fail until cleared.
 void SetGlobalInitFails(bool fails);
