@@ -1,0 +1,321 @@
+#include "RunSummary.h"
+
+#include <dirent.h>
+#include <errno.h>
+#include <fcntl.h>
+#include <stdio.h>
+#include <stdlib.h>
+#include <string.h>
+#include <sys/prctl.h>
+#include <time.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <charconv>
+#include <cmath>
+
+namespace truckhost {
+
+// One thread's counters as read from /proc at `at` (seconds since boot).
+struct ThreadSampler::Reading {
+    int tid = 0;
+    std::string name;
+    uint64_t startTicks = 0;  // clock ticks since boot
+    uint64_t cpuTicks = 0;    // utime + stime
+    uint64_t wakeups = 0;
+    double at = 0;
+};
+
+namespace {
+
+double TicksPerSecond() {
+    static const double ticks = static_cast<double>(sysconf(_SC_CLK_TCK));
+    return ticks;
+}
+
+// The clock of the start times in /proc: both count the time suspended.
+double SecondsSinceBoot() {
+    timespec ts{};
+    clock_gettime(CLOCK_BOOTTIME, &ts);
+    return static_cast<double>(ts.tv_sec) + static_cast<double>(ts.tv_nsec) / 1e9;
+}
+
+bool ReadSmallFile(const std::string& path, std::string& text) {
+    int fd = open(path.c_str(), O_RDONLY | O_CLOEXEC);
+    if (fd < 0) {
+        return false;
+    }
+    text.clear();
+    char buf[4096];
+    ssize_t got;
+    while ((got = read(fd, buf, sizeof buf)) > 0) {
+        text.append(buf, static_cast<size_t>(got));
+    }
+    close(fd);
+    return got == 0 && !text.empty();
+}
+
+// The name may hold spaces and parentheses of its own, so the fields after it are counted from
+// the last ')': 3 the state letter, 14 utime, 15 stime, 22 starttime.
+bool ParseStat(const std::string& stat, std::string& name, uint64_t& cpuTicks, uint64_t& startTicks) {
+    size_t nameStart = stat.find('(');
+    size_t nameEnd = stat.rfind(')');
+    if (nameStart == std::string::npos || nameEnd == std::string::npos || nameEnd < nameStart) {
+        return false;
+    }
+    name = stat.substr(nameStart + 1, nameEnd - nameStart - 1);
+    uint64_t field[23] = {};
+    int i = 3;
+    for (const char* p = stat.c_str() + nameEnd + 1; i <= 22 && p != nullptr; ++i, p = strchr(p + 1, ' ')) {
+        field[i] = strtoull(p + 1, nullptr, 10);  // the state letter reads as 0
+    }
+    if (i <= 22) {
+        return false;
+    }
+    cpuTicks = field[14] + field[15];
+    startTicks = field[22];
+    return true;
+}
+
+// A wakeup is a voluntary switch: the thread gave up the processor to wait (a poll, a condition
+// variable, a sleep) and something woke it, which is what a cycle costs on the device. A
+// non-voluntary switch is a preemption while it still had work: it measures how crowded the
+// processor was, differs between this desk and the device, and is left out.
+bool ParseWakeups(const std::string& status, uint64_t& wakeups) {
+    static const char kKey[] = "\nvoluntary_ctxt_switches:";
+    size_t at = status.find(kKey);
+    if (at == std::string::npos) {
+        return false;
+    }
+    wakeups = strtoull(status.c_str() + at + sizeof kKey - 1, nullptr, 10);
+    return true;
+}
+
+}  // namespace
+
+bool ThreadSampler::ReadThread(int tid, Reading& r) {
+    const std::string dir = "/proc/self/task/" + std::to_string(tid);
+    std::string text;
+    if (!ReadSmallFile(dir + "/stat", text) || !ParseStat(text, r.name, r.cpuTicks, r.startTicks)) {
+        return false;
+    }
+    if (!ReadSmallFile(dir + "/status", text) || !ParseWakeups(text, r.wakeups)) {
+        return false;
+    }
+    r.tid = tid;
+    r.at = SecondsSinceBoot();
+    return true;
+}
+
+namespace {
+
+std::string Fixed(double value, int decimals) {
+    if (!std::isfinite(value)) {
+        value = 0;
+    }
+    char buf[64];
+    auto res = std::to_chars(buf, buf + sizeof buf, value, std::chars_format::fixed, decimals);
+    return res.ec == std::errc() ? std::string(buf, res.ptr) : "0";
+}
+
+std::string EventKey(int event) {
+    char buf[16];
+    snprintf(buf, sizeof buf, "0x%04X", static_cast<unsigned>(event));
+    return buf;
+}
+
+// Thread names are whatever a thread set, quotes and control bytes included.
+std::string JsonString(const std::string& s) {
+    std::string out = "\"";
+    for (unsigned char c : s) {
+        if (c == '"' || c == '\\') {
+            out += '\\';
+            out += static_cast<char>(c);
+        } else if (c < 0x20) {
+            char buf[8];
+            snprintf(buf, sizeof buf, "\\u%04x", c);
+            out += buf;
+        } else {
+            out += static_cast<char>(c);
+        }
+    }
+    return out + "\"";
+}
+
+}  // namespace
+
+const char* ThreadOwner(const std::string& name) {
+    if (name.compare(0, 4, "nvx-") == 0) {
+        return "stand-in";
+    }
+    if (name == "truckhost" || name.compare(0, 5, "host-") == 0) {
+        return "host";
+    }
+    return "plug-in";
+}
+
+void ThreadSampler::Start(std::chrono::milliseconds interval) {
+    {
+        std::lock_guard<std::mutex> lock(mutex_);
+        if (started_) {
+            return;
+        }
+        started_ = true;
+    }
+    SampleNow();
+    sampler_ = std::thread([this, interval] { Run(interval); });
+}
+
+void ThreadSampler::Stop() {
+    {
+        std::lock_guard<std::mutex> lock(mutex_);
+        stopping_ = true;
+    }
+    wake_.notify_all();
+    if (sampler_.joinable()) {
+        sampler_.join();
+    }
+}
+
+void ThreadSampler::Run(std::chrono::milliseconds interval) {
+    prctl(PR_SET_NAME, "host-sampler", 0, 0, 0);
+    std::unique_lock<std::mutex> lock(mutex_);
+    for (;;) {
+        bool stopping = wake_.wait_for(lock, interval, [this] { return stopping_; });
+        lock.unlock();
+        SampleNow();
+        if (stopping) {
+            return;
+        }
+        lock.lock();
+    }
+}
+
+void ThreadSampler::SampleNow() {
+    std::vector<Reading> readings;
+    DIR* dir = opendir("/proc/self/task");
+    if (dir == nullptr) {
+        return;
+    }
+    while (dirent* entry = readdir(dir)) {
+        int tid = atoi(entry->d_name);
+        Reading r;
+        // A thread that ended since the listing is simply not in this sample.
+        if (tid > 0 && ReadThread(tid, r)) {
+            readings.push_back(std::move(r));
+        }
+    }
+    closedir(dir);
+    Merge(readings);
+}
+
+void ThreadSampler::Merge(const std::vector<Reading>& readings) {
+    std::lock_guard<std::mutex> lock(mutex_);
+    const bool first = !sampled_;
+    sampled_ = true;
+    for (const Reading& r : readings) {
+        auto it = threads_.find({r.tid, r.startTicks});
+        if (it == threads_.end()) {
+            Observed o;
+            o.order = threads_.size();
+            if (first) {
+                o.from = r.at;
+                o.firstTicks = r.cpuTicks;
+                o.firstWakeups = r.wakeups;
+            } else {
+                o.from = static_cast<double>(r.startTicks) / TicksPerSecond();
+            }
+            it = threads_.emplace(std::make_pair(r.tid, r.startTicks), o).first;
+        } else if (r.at <= it->second.last) {
+            continue;  // SampleNow() and the sampler raced; the newer reading is in already
+        }
+        Observed& o = it->second;
+        o.name = r.name;
+        o.last = r.at;
+        o.lastTicks = r.cpuTicks;
+        o.lastWakeups = r.wakeups;
+    }
+}
+
+std::vector<ThreadFigures> ThreadSampler::Figures() const {
+    std::lock_guard<std::mutex> lock(mutex_);
+    std::vector<ThreadFigures> figures(threads_.size());
+    for (const auto& [key, o] : threads_) {
+        ThreadFigures& f = figures[o.order];
+        f.name = o.name;
+        f.owner = ThreadOwner(o.name);
+        f.seconds = std::max(0.0, o.last - o.from);
+        if (f.seconds > 0) {
+            f.wakeupsPerSecond = static_cast<double>(o.lastWakeups - o.firstWakeups) / f.seconds;
+            f.cpuPercent =
+                100.0 * static_cast<double>(o.lastTicks - o.firstTicks) / TicksPerSecond() / f.seconds;
+        }
+    }
+    return figures;
+}
+
+std::string SummaryJson(const RunSummary& s) {
+    std::string out = "{\"exit\": " + std::to_string(s.exitStatus) + ", \"seconds\": " + Fixed(s.seconds, 2) +
+                      ", \"threads\": [";
+    for (size_t i = 0; i < s.threads.size(); ++i) {
+        const ThreadFigures& t = s.threads[i];
+        out += (i == 0 ? "" : ", ");
+        out += "{\"name\": " + JsonString(t.name) + ", \"owner\": " + JsonString(t.owner) +
+               ", \"wakeups_per_s\": " + Fixed(t.wakeupsPerSecond, 1) +
+               ", \"cpu_percent\": " + Fixed(t.cpuPercent, 2) + "}";
+    }
+    out += "], \"messages\": {";
+    bool firstEvent = true;
+    for (const auto& [event, count] : s.messages) {
+        out += (firstEvent ? "\"" : ", \"") + EventKey(event) + "\": " + std::to_string(count);
+        firstEvent = false;
+    }
+    out += "}, \"frames\": " + std::to_string(s.frames) + ", \"overlaps\": " + std::to_string(s.overlaps) +
+           "}\n";
+    return out;
+}
+
+std::string StatsTable(const RunSummary& s) {
+    int nameWidth = 6;
+    for (const ThreadFigures& t : s.threads) {
+        nameWidth = std::max(nameWidth, static_cast<int>(t.name.size()));
+    }
+    std::string out;
+    char line[256];
+    snprintf(line, sizeof line, "%-*s  %-8s  %9s  %6s\n", nameWidth, "thread", "owner", "wakeups/s", "cpu %");
+    out += line;
+    for (const ThreadFigures& t : s.threads) {
+        snprintf(line, sizeof line, "%-*s  %-8s  %9s  %6s\n", nameWidth, t.name.c_str(), t.owner.c_str(),
+                 Fixed(t.wakeupsPerSecond, 1).c_str(), Fixed(t.cpuPercent, 2).c_str());
+        out += line;
+    }
+    out += "messages:";
+    for (const auto& [event, count] : s.messages) {
+        out += " " + EventKey(event) + " " + std::to_string(count);
+    }
+    out += s.messages.empty() ? " none\n" : "\n";
+    out += "frames: " + std::to_string(s.frames) + "  overlaps: " + std::to_string(s.overlaps) +
+           "  exit: " + std::to_string(s.exitStatus) + " after " + Fixed(s.seconds, 1) + " s\n";
+    return out;
+}
+
+bool WriteSummaryFile(const std::string& path, const RunSummary& summary, std::string& error) {
+    const std::string json = SummaryJson(summary);
+    FILE* f = fopen(path.c_str(), "w");
+    if (f == nullptr) {
+        error = path + ": " + strerror(errno);
+        return false;
+    }
+    bool ok = fwrite(json.data(), 1, json.size(), f) == json.size();
+    int writeErrno = errno;
+    if (fclose(f) != 0 && ok) {
+        ok = false;
+        writeErrno = errno;
+    }
+    if (!ok) {
+        error = path + ": " + strerror(writeErrno);
+    }
+    return ok;
+}
+
+}  // namespace truckhost

@@ -1,0 +1,104 @@
+// What a run of the host cost, per thread, and what it sent: the --summary file and the
+// --stats table. The firmware team reads it to see what each thread of the plug-in costs on
+// the device (the main cycle wakes about 20 times a second, a business on its own thread
+// about 10), beside the simulated device's threads and the host's own.
+//
+// ThreadSampler reads every thread of this process from /proc at an interval. Each thread is
+// kept apart by its tid and start time (a plug-in restarted in the same process brings new
+// threads of the old names, and the kernel may hand an old tid out again), with its first and
+// last counters. One mutex guards the records; /proc is read without it.
+#ifndef TRUCK_HOST_RUNSUMMARY_H
+#define TRUCK_HOST_RUNSUMMARY_H
+
+#include <stdint.h>
+
+#include <chrono>
+#include <condition_variable>
+#include <map>
+#include <mutex>
+#include <string>
+#include <thread>
+#include <utility>
+#include <vector>
+
+namespace truckhost {
+
+struct ThreadFigures {
+    std::string name;             // the last name the thread was seen with
+    std::string owner;            // ThreadOwner(name)
+    double wakeupsPerSecond = 0;  // times it blocked and was woken (voluntary switches)
+    double cpuPercent = 0;        // of one core
+    double seconds = 0;           // the thread's observed life: birth or first sample, to its last sample
+};
+
+// "stand-in" for the simulated device's threads (nvx-*), "host" for truckhost and host-*,
+// "plug-in" for anything else.
+const char* ThreadOwner(const std::string& name);
+
+class ThreadSampler {
+public:
+    // A thread that ends between two samples loses what it did after the earlier one; a
+    // short interval keeps that loss small, and a read of every thread costs well under a
+    // millisecond.
+    static constexpr std::chrono::milliseconds kDefaultInterval{200};
+
+    ThreadSampler() = default;
+    ~ThreadSampler() { Stop(); }
+    ThreadSampler(const ThreadSampler&) = delete;
+    ThreadSampler& operator=(const ThreadSampler&) = delete;
+
+    // Takes the first sample, then samples on a thread "host-sampler". Threads alive now count
+    // from this first sample, threads born later from their birth. Once per sampler.
+    void Start(std::chrono::milliseconds interval = kDefaultInterval);
+    // One last sample, then the sampling thread ends. Figures() stay readable.
+    void Stop();
+    // A sample in the caller's thread, e.g. just before stopping the plug-in, so that threads
+    // about to end keep their figures up to that moment.
+    void SampleNow();
+    // One entry per thread seen, in the order they were first seen.
+    std::vector<ThreadFigures> Figures() const;
+
+private:
+    struct Reading;
+    struct Observed {
+        size_t order = 0;  // first seen
+        std::string name;
+        double from = 0;  // seconds since boot
+        uint64_t firstTicks = 0, firstWakeups = 0;
+        double last = 0;
+        uint64_t lastTicks = 0, lastWakeups = 0;
+    };
+
+    static bool ReadThread(int tid, Reading& r);
+    void Run(std::chrono::milliseconds interval);
+    void Merge(const std::vector<Reading>& readings);
+
+    mutable std::mutex mutex_;
+    std::condition_variable wake_;
+    bool started_ = false;
+    bool stopping_ = false;
+    bool sampled_ = false;                                  // the first sample is in
+    std::map<std::pair<int, uint64_t>, Observed> threads_;  // (tid, start time in ticks)
+    std::thread sampler_;
+};
+
+struct RunSummary {
+    int exitStatus = 0;
+    double seconds = 0;
+    std::vector<ThreadFigures> threads;
+    std::map<int, uint64_t> messages;  // bus event -> messages sent
+    uint64_t frames = 0;
+    uint64_t overlaps = 0;
+};
+
+// One JSON object: {"exit", "seconds", "threads": [{"name", "owner", "wakeups_per_s",
+// "cpu_percent"}], "messages": {"0x1210": N, ...}, "frames", "overlaps"}.
+std::string SummaryJson(const RunSummary& summary);
+// The same as an aligned table for a terminal, one thread a line.
+std::string StatsTable(const RunSummary& summary);
+// Writes SummaryJson to path; on failure false, with the path and the reason in error.
+bool WriteSummaryFile(const std::string& path, const RunSummary& summary, std::string& error);
+
+}  // namespace truckhost
+
+#endif

@@ -1,0 +1,217 @@
+// The run summary: whose each thread is, the summary file as a JSON reader sees it, and the
+// thread sampler against threads whose blocking waits and CPU time the test knows.
+#include <gtest/gtest.h>
+#include <json/json.h>
+#include <sys/prctl.h>
+#include <sys/syscall.h>
+#include <time.h>
+#include <unistd.h>
+
+#include <atomic>
+#include <condition_variable>
+#include <fstream>
+#include <sstream>
+#include <thread>
+
+#include "RunSummary.h"
+
+namespace {
+
+using namespace std::chrono;
+using truckhost::ThreadFigures;
+
+uint64_t VoluntarySwitches(int tid) {
+    std::ifstream in("/proc/self/task/" + std::to_string(tid) + "/status");
+    std::string key;
+    while (in >> key && key != "voluntary_ctxt_switches:") {
+    }
+    uint64_t value = 0;
+    in >> value;
+    return value;
+}
+
+double ThreadCpuSeconds() {
+    timespec ts{};
+    clock_gettime(CLOCK_THREAD_CPUTIME_ID, &ts);
+    return static_cast<double>(ts.tv_sec) + static_cast<double>(ts.tv_nsec) / 1e9;
+}
+
+template <typename Condition>
+bool Until(Condition holds) {
+    for (auto deadline = steady_clock::now() + seconds(10); !holds();) {
+        if (steady_clock::now() > deadline) {
+            return false;
+        }
+        std::this_thread::yield();
+    }
+    return true;
+}
+
+// A named thread that burns some CPU time of its own, then sleeps on a condition variable.
+// Its only blocking wait is that one (the test takes the mutex only while it sleeps there), so
+// a rise in its voluntary switches means it slept there again: each Wake() returns after one
+// wake and one sleep, however slow the machine.
+class Sleeper {
+public:
+    Sleeper(const char* name, double burnSeconds) : thread_([=] { Run(name, burnSeconds); }) {
+        EXPECT_TRUE(Until([this] { return before_ != kUnset && VoluntarySwitches(tid_) > before_; }));
+    }
+    ~Sleeper() { End(); }
+    bool Wake() {
+        const uint64_t asleep = VoluntarySwitches(tid_);
+        Signal([this] { ++wakes_; });
+        return Until([&] { return VoluntarySwitches(tid_) > asleep; });
+    }
+    double End() {  // its own CPU time
+        if (thread_.joinable()) {
+            Signal([this] { quit_ = true; });
+            thread_.join();
+        }
+        return cpu_;
+    }
+
+private:
+    static constexpr uint64_t kUnset = ~uint64_t{0};
+    template <typename Change>
+    void Signal(Change change) {
+        std::unique_lock<std::mutex> lock(mutex_);
+        change();
+        lock.unlock();  // woken, it must not find the mutex taken: that would be a second wait
+        wake_.notify_one();
+    }
+    void Run(const char* name, double burnSeconds) {
+        prctl(PR_SET_NAME, name, 0, 0, 0);
+        for (volatile unsigned spin = 0; ThreadCpuSeconds() < burnSeconds; spin = spin + 1) {
+        }
+        tid_ = static_cast<int>(syscall(SYS_gettid));
+        std::unique_lock<std::mutex> lock(mutex_);
+        before_ = VoluntarySwitches(tid_);
+        for (int seen = 0; !quit_; seen = wakes_) {
+            wake_.wait(lock, [&] { return wakes_ != seen || quit_; });
+        }
+        cpu_ = ThreadCpuSeconds();
+    }
+
+    std::mutex mutex_;
+    std::condition_variable wake_;
+    int wakes_ = 0;
+    bool quit_ = false;
+    std::atomic<int> tid_{0};
+    std::atomic<uint64_t> before_{kUnset};
+    double cpu_ = 0;
+    std::thread thread_;
+};
+
+double Wakeups(const ThreadFigures& f) {
+    return f.wakeupsPerSecond * f.seconds;
+}
+
+std::vector<ThreadFigures> Named(const std::vector<ThreadFigures>& all, const std::string& name) {
+    std::vector<ThreadFigures> named;
+    std::copy_if(all.begin(), all.end(), std::back_inserter(named), [&](auto& f) { return f.name == name; });
+    return named;
+}
+
+TEST(ThreadOwner, NamePrefixesPickTheOwner) {
+    const std::pair<const char*, const char*> table[] = {
+        {"nvx-watchdog", "stand-in"}, {"nvx-", "stand-in"},    {"truckhost", "host"},
+        {"host-sampler", "host"},     {"host-", "host"},       {"truckservice", "plug-in"},
+        {"nvx", "plug-in"},           {"xnvx-a", "plug-in"},   {"truckhost2", "plug-in"},
+        {"host", "plug-in"},          {"myhost-a", "plug-in"}, {"", "plug-in"},
+    };
+    for (const auto& [name, owner] : table) {
+        EXPECT_STREQ(truckhost::ThreadOwner(name), owner) << name;
+    }
+}
+
+truckhost::RunSummary Sample() {
+    truckhost::RunSummary s{3, 61.257, {}, {{0x1210, 120}, {0x402F, 1}, {0xA, 7}}, 61, 2};
+    s.threads = {{"truckservice", "plug-in", 20.04, 1.234, 60}, {"odd \"(x)\\", "host", 0.5, 0, 1}};
+    return s;
+}
+
+TEST(RunSummary, FileReadsBackWithItsKeysTypesAndHexEvents) {
+    const std::string path = testing::TempDir() + "run_summary.json";
+    std::string error;
+    ASSERT_TRUE(truckhost::WriteSummaryFile(path, Sample(), error)) << error;
+    Json::Value v;
+    std::ifstream in(path);
+    ASSERT_TRUE(Json::parseFromStream(Json::CharReaderBuilder(), in, &v, nullptr));
+    using Names = std::vector<std::string>;
+    EXPECT_EQ(v.getMemberNames(), (Names{"exit", "frames", "messages", "overlaps", "seconds", "threads"}));
+    EXPECT_TRUE(v["exit"].isInt() && v["frames"].isUInt64() && v["overlaps"].isUInt64());
+    EXPECT_EQ(v["exit"].asInt(), 3);
+    EXPECT_EQ(v["frames"].asUInt64(), 61u);
+    EXPECT_NEAR(v["seconds"].asDouble(), 61.26, 0.006);
+    EXPECT_EQ(v["messages"].getMemberNames(), (Names{"0x000A", "0x1210", "0x402F"}));
+    EXPECT_EQ(v["messages"]["0x1210"].asUInt64(), 120u);
+    ASSERT_EQ(v["threads"].size(), 2u);
+    const Json::Value& t = v["threads"][0];
+    EXPECT_EQ(t.getMemberNames(), (Names{"cpu_percent", "name", "owner", "wakeups_per_s"}));
+    EXPECT_EQ(t["owner"].asString(), "plug-in");
+    EXPECT_NEAR(t["wakeups_per_s"].asDouble(), 20.0, 0.051);
+    EXPECT_NEAR(t["cpu_percent"].asDouble(), 1.23, 0.0051);
+    EXPECT_EQ(v["threads"][1]["name"].asString(), "odd \"(x)\\");
+    EXPECT_FALSE(truckhost::WriteSummaryFile(path + ".d/none", Sample(), error));
+    EXPECT_EQ(error, path + ".d/none: No such file or directory");
+}
+
+TEST(RunSummary, TableAlignsThreadsAndListsTheCounts) {
+    std::istringstream table(truckhost::StatsTable(Sample()));
+    std::string l[5];
+    for (std::string& line : l) {
+        std::getline(table, line);
+    }
+    EXPECT_TRUE(l[1].find("plug-in") == l[0].find("owner") && l[2].find("host") == l[0].find("owner"));
+    EXPECT_EQ(l[1].find("20.0") + 4, l[0].find("wakeups/s") + 9);
+    EXPECT_EQ(l[3], "messages: 0x000A 7 0x1210 120 0x402F 1");
+    EXPECT_EQ(l[4].rfind("frames: 61  overlaps: 2", 0), 0u) << l[4];
+}
+
+// Wakeups are bounded by the waits the test drives, not by time: one sleep per wake, plus a
+// few as the thread starts; the upper bound leaves room for a spurious wake of the condition.
+TEST(ThreadSampler, CountsWakeupsAndCpuFromBirthOrFromTheFirstSample) {
+    constexpr int kWakes = 25;
+    Sleeper early("early", 0.2);
+    auto began = steady_clock::now();
+    truckhost::ThreadSampler sampler;
+    sampler.Start(hours(1));  // no sample between the first and Stop's: the probe counts from birth
+    Sleeper probe("probe (x) 1", 0.2);
+    for (int i = 0; i < kWakes; ++i) {
+        ASSERT_TRUE(probe.Wake()) << i;
+    }
+    sampler.Stop();
+    double wall = duration<double>(steady_clock::now() - began).count();
+    double probeCpu = probe.End();
+    auto all = sampler.Figures();
+    const ThreadFigures p = Named(all, "probe (x) 1").at(0), e = Named(all, "early").at(0);
+    EXPECT_GE(Wakeups(p), kWakes - 0.01);
+    EXPECT_LE(Wakeups(p), 2 * kWakes + 10);
+    EXPECT_NEAR(p.cpuPercent / 100 * p.seconds, probeCpu, 0.04);          // clock ticks
+    EXPECT_TRUE(p.seconds > 0 && p.seconds <= wall + 0.02) << p.seconds;  // birth is known to a tick
+    EXPECT_LT(e.cpuPercent / 100 * e.seconds, 0.1);                       // its burn came before Start
+    EXPECT_LE(e.seconds, wall);
+    EXPECT_EQ(Named(all, "host-sampler").at(0).owner, "host");
+}
+
+TEST(ThreadSampler, KeepsAThreadThatEndedAndTwoOfOneNameApart) {
+    truckhost::ThreadSampler sampler;
+    sampler.Start(milliseconds(5));
+    Sleeper first("twin", 0);
+    for (int i = 0; i < 6; ++i) {
+        ASSERT_TRUE(first.Wake());
+    }
+    ASSERT_TRUE(Until([&] {
+        auto seen = Named(sampler.Figures(), "twin");
+        return !seen.empty() && Wakeups(seen[0]) >= 6;
+    })) << "the sampler never saw the first twin's last sleep";
+    first.End();
+    Sleeper second("twin", 0);
+    sampler.Stop();
+    auto twins = Named(sampler.Figures(), "twin");
+    ASSERT_EQ(twins.size(), 2u);
+    EXPECT_GE(Wakeups(twins[0]), 6 - 0.01);  // the one that ended, in birth order
+    EXPECT_LT(Wakeups(twins[1]), 6);
+}
+
+}  // namespace
