@@ -1,5 +1,6 @@
 # The module carries exactly one version line, "truckservice <VERSION> (<commit>)", and the
-# host's --version prints that same line from the file:
+# host's --version prints its own line, "truckhost <VERSION> (<commit>)", then that same line
+# from the file:
 #   cmake -DMODULE=<module> -DVERSION=<x.y.z> -DHOST=<truckhost> [-DEMULATOR=a|b] -P <this>
 # Other texts of the module start with "truckservice " too; the line's version starts with a
 # digit, which is what a reader on the device greps for.
@@ -14,6 +15,7 @@ endif()
 string(REPLACE "|" ";" emulator "${EMULATOR}")
 execute_process(COMMAND ${emulator} "${HOST}" --plugin "${MODULE}" --version
                 OUTPUT_VARIABLE printed RESULT_VARIABLE failed)
-if(failed OR NOT printed STREQUAL "${lines}\n")
-  message(FATAL_ERROR "truckhost --version printed '${printed}' (exit ${failed}), not '${lines}'")
+string(REGEX REPLACE "^truckservice " "truckhost " host_line "${lines}")
+if(failed OR NOT printed STREQUAL "${host_line}\n${lines}\n")
+  message(FATAL_ERROR "truckhost --version printed '${printed}' (exit ${failed}), not '${host_line}' and '${lines}'")
 endif()

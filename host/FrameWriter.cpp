@@ -1,7 +1,10 @@
 #include "FrameWriter.h"
 
 #include <cairo.h>
+#include <errno.h>
 #include <fontconfig/fontconfig.h>
+#include <stdio.h>
+#include <string.h>
 
 #include <algorithm>
 #include <map>
@@ -119,13 +122,20 @@ void DrawText(cairo_t* cr, const CellMetrics& m, const std::string& text, double
     cairo_fill(cr);
 }
 
-}  // namespace
+struct PngSink {
+    FILE* file;
+    int error;  // errno of the first write that failed
+    static cairo_status_t Write(void* closure, const unsigned char* data, unsigned int length) {
+        PngSink* sink = static_cast<PngSink*>(closure);
+        if (fwrite(data, 1, length, sink->file) != length) {
+            sink->error = errno;
+            return CAIRO_STATUS_WRITE_ERROR;
+        }
+        return CAIRO_STATUS_SUCCESS;
+    }
+};
 
-// Heights at the reference size: 0 -> 24, 1 -> 32, 2 -> 40, 3 -> 48; a code the recorder does
-// not know draws like code 1.
-int FontPixelHeight(uint8_t code) {
-    return code <= 3 ? 24 + 8 * code : 32;
-}
+}  // namespace
 
 bool WriteFrame(const Snapshot& snapshot, int channel, int width, int height, const std::string& path,
                 std::string& error) {
@@ -162,25 +172,31 @@ bool WriteFrame(const Snapshot& snapshot, int channel, int width, int height, co
                      FontPixelHeight(item.fontSize) * sy);
         }
         if (snapshot.hasCard && !snapshot.card.text.empty()) {
-            // The card record carries a position but no size. The Seven line goes with it, so
-            // the card takes that line's size: where it reaches this channel, else the size of
-            // the last one read (on card-reader devices it reaches none), else code 1.
-            const auto seven = items.find(kKindSeven);
-            const auto lastSeven = snapshot.lastOverlay.find(kKindSeven);
-            const uint8_t code = seven != items.end()                      ? seven->second.fontSize
-                                 : lastSeven != snapshot.lastOverlay.end() ? lastSeven->second.fontSize
-                                                                           : 1;
+            const uint8_t code = CardFontSize(snapshot, channel);
             DrawText(cr.get(), metrics, snapshot.card.text, snapshot.card.x * sx, snapshot.card.y * sy,
                      FontPixelHeight(code) * sy);
         }
         status = cairo_status(cr.get());
     }
-    if (status == CAIRO_STATUS_SUCCESS) {
-        cairo_surface_flush(surface.get());
-        status = cairo_surface_write_to_png(surface.get(), path.c_str());
-    }
     if (status != CAIRO_STATUS_SUCCESS) {
-        error = "cannot write " + path + ": " + cairo_status_to_string(status);
+        error = "cannot draw " + path + ": " + cairo_status_to_string(status);
+        return false;
+    }
+    cairo_surface_flush(surface.get());
+    // The file is written here rather than by cairo, which reports every failure as one
+    // "error while writing to output stream": the user is told the system's reason.
+    FILE* file = fopen(path.c_str(), "wb");
+    if (file == nullptr) {
+        error = "cannot write " + path + ": " + strerror(errno);
+        return false;
+    }
+    PngSink sink{file, 0};
+    status = cairo_surface_write_to_png_stream(surface.get(), PngSink::Write, &sink);
+    const bool closed = fclose(file) == 0;
+    const int reason = sink.error != 0 ? sink.error : errno;
+    if (status != CAIRO_STATUS_SUCCESS || !closed) {
+        error = "cannot write " + path + ": " +
+                (sink.error != 0 || !closed ? strerror(reason) : cairo_status_to_string(status));
         return false;
     }
     return true;

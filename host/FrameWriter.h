@@ -13,14 +13,6 @@
 
 namespace media {
 
-// Overlay positions are meant for a picture of this size; another output size scales them.
-constexpr int kReferenceWidth = 1920;
-constexpr int kReferenceHeight = 1080;
-
-// Pixel height of the text for a font size code, at the reference size:
-//   0 -> 24, 1 -> 32, 2 -> 40, 3 -> 48; any other code -> 32.
-int FontPixelHeight(uint8_t code);
-
 // Writes `channel` of `snapshot` as a PNG of `width` x `height` to `path`. False with `error`
 // set when the picture or the file could not be made.
 bool WriteFrame(const Snapshot& snapshot, int channel, int width, int height, const std::string& path,

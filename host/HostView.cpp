@@ -1,8 +1,10 @@
 #include "HostView.h"
 
+#include <dirent.h>
 #include <errno.h>
 #include <stdarg.h>
 #include <stdio.h>
+#include <string.h>
 #include <sys/ioctl.h>
 #include <sys/stat.h>
 #include <unistd.h>
@@ -96,6 +98,33 @@ bool MakeFolders(const std::string& dir) {
     return stat(dir.c_str(), &info) == 0 && S_ISDIR(info.st_mode);
 }
 
+// A previous run's frames would mix with this run's: "ch<N>_<tag>.png" files go, and
+// nothing else of the folder. False with the system's reason for one that cannot go.
+bool RemoveEarlierFrames(const std::string& dir, std::string& error) {
+    DIR* folder = opendir(dir.c_str());
+    if (folder == nullptr) {
+        error = "cannot read the frames folder '" + dir + "': " + strerror(errno);
+        return false;
+    }
+    bool removed = true;
+    for (struct dirent* entry = readdir(folder); entry != nullptr && removed; entry = readdir(folder)) {
+        const std::string name = entry->d_name;
+        unsigned channel = 0;
+        int consumed = 0;
+        const bool isFrame = sscanf(name.c_str(), "ch%u_%n", &channel, &consumed) == 1 && consumed > 0 &&
+                             name.size() > 4 && name.compare(name.size() - 4, 4, ".png") == 0;
+        const std::string path = dir + "/" + name;
+        struct stat info;
+        if (isFrame && lstat(path.c_str(), &info) == 0 && !S_ISDIR(info.st_mode) &&
+            unlink(path.c_str()) != 0) {
+            error = "cannot remove the earlier frame '" + path + "': " + strerror(errno);
+            removed = false;
+        }
+    }
+    closedir(folder);
+    return removed;
+}
+
 int TerminalColumns() {
     struct winsize size;
     if (ioctl(STDOUT_FILENO, TIOCGWINSZ, &size) == 0 && size.ws_col >= 20) {
@@ -124,6 +153,9 @@ std::vector<std::string> RenderPanel(const media::Snapshot& s, const PanelInput&
                static_cast<double>(in.tMs) / 1000.0, ClockText(in.deviceClock).c_str(), in.messagesPerSecond,
                static_cast<unsigned long long>(s.decoded), static_cast<unsigned long long>(s.undecodable)));
 
+    if (!in.note.empty()) {
+        lines.push_back(in.note);
+    }
     // The speed line of the lowest channel that shows one.
     std::string speed;
     for (const auto& channel : s.channels) {
@@ -173,6 +205,9 @@ std::vector<std::string> RenderPanel(const media::Snapshot& s, const PanelInput&
         }
     }
 
+    for (const std::string& overlap : s.overlaps) {
+        lines.push_back("overlap: " + overlap);
+    }
     lines.push_back(s.parameterWrites == 0 ? std::string("last parameter change -")
                                            : Format("last parameter change at %.1f s: ",
                                                     static_cast<double>(s.lastParameterMs) / 1000.0) +
@@ -215,7 +250,10 @@ bool HostView::Prepare(std::string& error) {
     }
 #ifdef TRUCK_HOST_FRAMES
     if (!MakeFolders(m_options.framesDir)) {
-        error = "cannot make the frames folder '" + m_options.framesDir + "'";
+        error = "cannot make the frames folder '" + m_options.framesDir + "': " + strerror(errno);
+        return false;
+    }
+    if (!RemoveEarlierFrames(m_options.framesDir, error)) {
         return false;
     }
     std::string channels;
@@ -227,6 +265,7 @@ bool HostView::Prepare(std::string& error) {
     return true;
 #else
     (void)MakeFolders;
+    (void)RemoveEarlierFrames;
     error = "this truckhost was built without frames (TRUCK_HOST_FRAMES off)";
     return false;
 #endif
@@ -286,6 +325,20 @@ void HostView::OnStep(const std::string& source) {
     m_lastStep = Format("at %.1f s: ", static_cast<double>(m_sinceStart()) / 1000.0) + source;
 }
 
+void HostView::SetNote(const std::string& note) {
+    std::lock_guard<std::mutex> lock(m_mutex);
+    m_note = note;
+}
+
+bool HostView::FramesFailed(std::string& reason) {
+    std::lock_guard<std::mutex> lock(m_mutex);
+    if (m_framesFailure.empty()) {
+        return false;
+    }
+    reason = m_framesFailure;
+    return true;
+}
+
 void HostView::Run() {
     uint64_t nextFrameMs = 1000;
     std::unique_lock<std::mutex> lock(m_mutex);
@@ -320,7 +373,8 @@ void HostView::WriteFrames(const media::Snapshot& snapshot, const std::string& t
             // One report, then no more frames: a full disk would otherwise fill the screen.
             m_framesFailed = true;
             m_framesNote = "stopped: " + error;
-            fprintf(stderr, "truckhost: %s; no further frames\n", error.c_str());
+            std::lock_guard<std::mutex> lock(m_mutex);
+            m_framesFailure = error;
             return;
         }
         ++m_framesWritten;
@@ -342,7 +396,16 @@ void HostView::Refresh(uint64_t tMs, bool final) {
     }
     uint64_t dropped = 0;
     std::vector<std::string> changes = m_media.TakeChanges(&dropped);
+    std::string note;
+    {
+        std::lock_guard<std::mutex> lock(m_mutex);
+        note = m_note;
+    }
     if (!m_options.panel) {
+        if (note != m_noteShown && !note.empty()) {
+            printf("%s\n", note.c_str());
+        }
+        m_noteShown = note;
         if (dropped != 0) {
             printf("%llu change lines dropped: the view fell behind\n",
                    static_cast<unsigned long long>(dropped));
@@ -351,7 +414,7 @@ void HostView::Refresh(uint64_t tMs, bool final) {
             printf("%s\n", line.c_str());
         }
         if (final && m_framesWritten != 0) {
-            printf("%llu frames written %s\n", static_cast<unsigned long long>(m_framesWritten),
+            printf("%llu frames written %s\n", static_cast<unsigned long long>(m_framesWritten.load()),
                    m_framesNote.c_str());
         }
         fflush(stdout);
@@ -364,6 +427,7 @@ void HostView::Refresh(uint64_t tMs, bool final) {
     in.watchdogFeeds = nvx::WatchdogFeeds();
     in.framesWritten = m_framesWritten;
     in.framesNote = m_framesNote;
+    in.note = note;
     {
         std::lock_guard<std::mutex> lock(m_mutex);
         in.lastStep = m_lastStep;

@@ -7,6 +7,7 @@
 
 #include <stdint.h>
 
+#include <atomic>
 #include <condition_variable>
 #include <deque>
 #include <functional>
@@ -37,6 +38,7 @@ struct PanelInput {
     uint64_t framesWritten = 0;
     std::string framesNote;  // where the frames go, or why they stopped
     std::vector<std::string> recentLog;
+    std::string note;  // why nothing is drawn, or empty
 };
 
 // The panel's lines, none wider than `columns` characters.
@@ -62,6 +64,11 @@ public:
     // Any thread.
     void OnLog(int level, const std::string& text);
     void OnStep(const std::string& source);
+    // Why nothing is drawn, or empty: under the panel's head, or one line when it changes.
+    void SetNote(const std::string& note);
+    // True, with the system's reason, once a frame could not be written; no frame follows.
+    bool FramesFailed(std::string& reason);
+    uint64_t FramesWritten() const { return m_framesWritten.load(); }
 
 private:
     void Run();
@@ -77,15 +84,18 @@ private:
     bool m_stopping = false;
     std::deque<std::string> m_recentLog;
     std::string m_lastStep;
+    std::string m_note;
+    std::string m_framesFailure;
     std::thread m_thread;
 
     // View thread only.
     uint64_t m_lastMessages = 0;
     uint64_t m_lastRateMs = 0;
     double m_rate = 0;
-    uint64_t m_framesWritten = 0;
+    std::atomic<uint64_t> m_framesWritten{0};
     bool m_framesFailed = false;
     std::string m_framesNote;
+    std::string m_noteShown;
     int m_panelLines = 0;
 };
 

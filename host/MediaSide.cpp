@@ -2,6 +2,8 @@
 
 #include <stdio.h>
 
+#include <algorithm>
+
 namespace media {
 
 namespace {
@@ -17,7 +19,51 @@ bool SameOverlay(const Overlay& a, const Overlay& b) {
            a.hasText == b.hasText && a.text == b.text;
 }
 
+// Characters as a monospaced font lays them out: one per UTF-8 sequence of the shown text.
+size_t Characters(const std::string& text) {
+    const std::string shown = Printable(text);
+    size_t count = 0;
+    for (unsigned char c : shown) {
+        count += (c & 0xC0) != 0x80 ? 1 : 0;
+    }
+    return count;
+}
+
+bool Overlap(const Box& a, const Box& b) {
+    return a.width > 0 && b.width > 0 && a.x < b.x + b.width && b.x < a.x + a.width && a.y < b.y + b.height &&
+           b.y < a.y + a.height;
+}
+
 }  // namespace
+
+int FontPixelHeight(uint8_t code) {
+    return code <= 3 ? 24 + 8 * code : 32;
+}
+
+Box TextBox(const std::string& text, uint16_t x, uint16_t y, uint8_t fontSize) {
+    Box box;
+    box.x = x;
+    box.y = y;
+    box.height = FontPixelHeight(fontSize);
+    box.width = static_cast<double>(Characters(text)) * box.height * kCharWidthPerCellHeight;
+    return box;
+}
+
+uint8_t CardFontSize(const Snapshot& snapshot, int channel) {
+    const auto items = snapshot.channels.find(channel);
+    if (items != snapshot.channels.end()) {
+        const auto seven = items->second.find(kKindSeven);
+        if (seven != items->second.end()) {
+            return seven->second.fontSize;
+        }
+    }
+    const auto lastSeven = snapshot.lastOverlay.find(kKindSeven);
+    return lastSeven != snapshot.lastOverlay.end() ? lastSeven->second.fontSize : 1;
+}
+
+std::string ItemName(uint8_t kind) {
+    return kind == kKindCard ? std::string("card") : KindName(kind);
+}
 
 std::string ChannelList(uint32_t mask) {
     if (mask == 0) {
@@ -68,6 +114,7 @@ void MediaSide::OnBusMessage(uint64_t tMs, int event, const uint8_t* data, size_
         if (read) {
             m_state.hasCard = true;
             m_state.card = std::move(r);
+            CheckOverlaps(tMs);
         }
     } else if (event == kIoTurnEvent) {
         uint8_t turn = 0;
@@ -137,6 +184,54 @@ void MediaSide::ApplyOverlay(uint64_t tMs, const Overlay& o) {
         item.y = o.y;
         item.fontSize = o.fontSize;
     }
+    CheckOverlaps(tMs);
+}
+
+// Boxes are compared at the reference size, where the positions are meant: a frame of
+// another size scales both axes and the font with the height alone, so what overlaps there
+// may differ by a few pixels. The card line counts on every channel that shows items.
+void MediaSide::CheckOverlaps(uint64_t tMs) {
+    std::map<std::string, uint32_t> now;
+    for (const auto& channel : m_state.channels) {
+        std::vector<std::pair<uint8_t, Box>> boxes;
+        for (const auto& item : channel.second) {
+            boxes.emplace_back(item.first,
+                               TextBox(item.second.text, item.second.x, item.second.y, item.second.fontSize));
+        }
+        if (m_state.hasCard && !m_state.card.text.empty() && !channel.second.empty()) {
+            const uint16_t x = static_cast<uint16_t>(std::min<uint32_t>(m_state.card.x, 0xFFFF));
+            const uint16_t y = static_cast<uint16_t>(std::min<uint32_t>(m_state.card.y, 0xFFFF));
+            boxes.emplace_back(kKindCard,
+                               TextBox(m_state.card.text, x, y, CardFontSize(m_state, channel.first)));
+        }
+        for (size_t i = 0; i < boxes.size(); ++i) {
+            for (size_t j = i + 1; j < boxes.size(); ++j) {
+                if (Overlap(boxes[i].second, boxes[j].second)) {
+                    now[ItemName(boxes[i].first) + " and " + ItemName(boxes[j].first)] |= 1u << channel.first;
+                }
+            }
+        }
+    }
+    if (now == m_overlapping) {
+        return;
+    }
+    m_state.overlaps.clear();
+    for (const auto& pair : now) {
+        const auto before = m_overlapping.find(pair.first);
+        if (before == m_overlapping.end()) {
+            ++m_state.overlapsSeen;
+        }
+        if (before == m_overlapping.end() || before->second != pair.second) {
+            Note(tMs, "overlap: " + pair.first + " on " + ChannelList(pair.second));
+        }
+        m_state.overlaps.push_back(pair.first + " on " + ChannelList(pair.second));
+    }
+    for (const auto& pair : m_overlapping) {
+        if (now.find(pair.first) == now.end()) {
+            Note(tMs, "overlap ended: " + pair.first);
+        }
+    }
+    m_overlapping = std::move(now);
 }
 
 void MediaSide::OnParameterWrite(uint64_t tMs, const std::string& text) {

@@ -27,6 +27,19 @@ namespace media {
 
 constexpr int kMaxChannels = 32;
 
+// Overlay positions are meant for a picture of this size; a frame of another size scales them.
+constexpr int kReferenceWidth = 1920;
+constexpr int kReferenceHeight = 1080;
+
+// Pixel height of an item's character cell for a font size code, at the reference size:
+//   0 -> 24, 1 -> 32, 2 -> 40, 3 -> 48; any other code -> 32.
+int FontPixelHeight(uint8_t code);
+// The recorder's font is monospaced: every character is this fraction of the cell height
+// wide (the advance of the bold face the frames are drawn in, over its ascent plus descent).
+constexpr double kCharWidthPerCellHeight = 1233.0 / 2384.0;
+// The kind a card record's line counts as where items are told apart.
+constexpr uint8_t kKindCard = 0xFF;
+
 struct Item {
     std::string text;  // as sent; Printable() before showing it
     uint16_t x = 0, y = 0;
@@ -52,7 +65,20 @@ struct Snapshot {
     uint64_t undecodable = 0;  // media messages that could not be read
     std::string lastProblem;   // why the last of those could not be read
     uint64_t parameterWrites = 0;
+    // Two items whose text boxes overlap on a channel, one line each ("time and card on
+    // ch 0-3"); how many times two items began to overlap.
+    std::vector<std::string> overlaps;
+    uint64_t overlapsSeen = 0;
 };
+
+// The text box of an item at the reference size: x, y, width and height in pixels.
+struct Box {
+    double x = 0, y = 0, width = 0, height = 0;
+};
+Box TextBox(const std::string& text, uint16_t x, uint16_t y, uint8_t fontSize);
+// The font size the card line is drawn at on `channel`: the Seven line goes with it, so that
+// line's size where it reaches the channel, else the last one read, else code 1.
+uint8_t CardFontSize(const Snapshot& snapshot, int channel);
 
 class MediaSide {
 public:
@@ -70,16 +96,21 @@ public:
 
 private:
     void ApplyOverlay(uint64_t tMs, const Overlay& o);
+    void CheckOverlaps(uint64_t tMs);
     void Note(uint64_t tMs, const std::string& line);
 
     mutable std::mutex m_mutex;
     Snapshot m_state;
     std::deque<std::string> m_changes;
     uint64_t m_droppedChanges = 0;
+    std::map<std::string, uint32_t> m_overlapping;  // "time and card" -> channels where they overlap
 };
 
 // "ch 0-3,5" for a mask; "no channel" for 0.
 std::string ChannelList(uint32_t mask);
+
+// "time", "speed", "seven", "card" or "kind N".
+std::string ItemName(uint8_t kind);
 
 }  // namespace media
 

@@ -30,7 +30,11 @@ expect 'card record at 400,80: "DRIVER 0042 J.DOE"'
 expect 'seven on no channel: "DRIVER 0042 J.DOE"'
 expect ' AM" at 300,30'
 expect 'at 250,768 size 1'
-expect 'stop: 0'
+# Status lines go to standard error, so that standard output is the media side's alone.
+if ! grep -q '^stop: 0' "$work/err" || grep -q '^st[ao][rp]' "$work/out"; then
+  echo "the stop's status line is not on standard error alone"
+  failed=1
+fi
 if grep -q 'cannot read' "$work/out"; then
   echo "the media side could not read a message the plug-in sent:"
   grep 'cannot read' "$work/out"

@@ -212,7 +212,7 @@ TEST_F(MediaSideTest, OverlaysPutAndRemoveItemsOnTheirMaskOnly) {
 TEST_F(MediaSideTest, OnlyChangesGiveLines) {
     for (int round = 0; round < 2; ++round) {
         Send(0x1210, Shown(0x1, 6, "A"));
-        Send(0x1263, Card(5, 6, "DRIVER"));
+        Send(0x1263, Card(500, 600, "DRIVER"));
         Send(0x401E, Bytes{1});
         Send(0x402F, Bytes{0, 0, 0, 0, 1, 0, 0, 0});
     }
@@ -220,12 +220,12 @@ TEST_F(MediaSideTest, OnlyChangesGiveLines) {
     Send(0x1210, Shown(0x1, 6, "B"));
     Send(0x1210, Shown(0x1, 6, "B", 11));
     Send(0x1210, Shown(0x3, 6, "B", 11));
-    Send(0x1263, Card(5, 6, ""));
+    Send(0x1263, Card(500, 600, ""));
     Send(0x401E, Bytes{3});
     Send(0x402F, Bytes{0xFF, 0xFF, 0xFF, 0xFF, 1, 0, 0, 0});
     const std::vector<std::string> lines = side.TakeChanges();
     ASSERT_EQ(lines.size(), 6u);
-    EXPECT_EQ(lines[3], "   1.0s  card record at 5,6: no text");
+    EXPECT_EQ(lines[3], "   1.0s  card record at 500,600: no text");
     EXPECT_EQ(lines[4], "   1.0s  IO turn signal: left+right");
     EXPECT_EQ(lines[5], "   1.0s  daylight saving: state -1, shift 1 h");
     const media::Snapshot s = side.Take();
@@ -234,6 +234,38 @@ TEST_F(MediaSideTest, OnlyChangesGiveLines) {
     EXPECT_EQ(s.ioTurn, 3);
     EXPECT_EQ(s.dst.state, -1);
     EXPECT_EQ(s.decoded, 14u);
+}
+
+// A text box is as high as the font's cell (code 24 is unknown: 32 px) and 1233/2384 of
+// that per character wide: ten characters at X 100 end at 265.5, one at X 84 at 100.55. Boxes that touch do not
+// overlap; the card line counts on every channel that shows items, at the Seven line's size.
+TEST_F(MediaSideTest, OverlapsAreToldWhenTheyBeginChangeAndEnd) {
+    Send(0x1210, Shown(0x1, 6, "ABCDEFGHIJ", 100, 100));
+    Send(0x1210, Shown(0x1, 2, "12345", 265, 131));
+    Send(0x1210, Shown(0x1, 2, "12345", 266, 131));
+    Send(0x1210, Shown(0x1, 2, "12345", 265, 132));
+    Send(0x1210, Shown(0x1, 2, "1", 100, 68));
+    Send(0x1210, Shown(0x1, 2, "1", 83, 100));
+    Send(0x1210, Shown(0x1, 2, "1", 84, 100));
+    Send(0x1210, Removal(0x1, 2));
+    Send(0x1263, Card(100, 131, "X"));
+    Send(0x1210, Shown(0x3, 6, "ABCDEFGHIJ", 100, 100));
+    std::vector<std::string> lines = side.TakeChanges();
+    lines.erase(std::remove_if(lines.begin(), lines.end(),
+                               [](const std::string& l) { return l.find("overlap") == std::string::npos; }),
+                lines.end());
+    EXPECT_EQ(lines, (std::vector<std::string>{"   1.0s  overlap: speed and seven on ch 0",
+                                               "   1.0s  overlap ended: speed and seven",
+                                               "   1.0s  overlap: speed and seven on ch 0",
+                                               "   1.0s  overlap ended: speed and seven",
+                                               "   1.0s  overlap: seven and card on ch 0",
+                                               "   1.0s  overlap: seven and card on ch 0-1"}));
+    media::Snapshot s = side.Take();
+    EXPECT_EQ(s.overlapsSeen, 3u);
+    EXPECT_EQ(s.overlaps, std::vector<std::string>{"seven and card on ch 0-1"});
+    Send(0x1263, Card(100, 131, ""));
+    EXPECT_TRUE(side.Take().overlaps.empty());
+    EXPECT_EQ(side.TakeChanges().back(), "   1.0s  overlap ended: seven and card");
 }
 
 TEST_F(MediaSideTest, UnreadableAndForeignMessagesAreCountedNotApplied) {
