@@ -6,6 +6,7 @@
 #include <string.h>
 
 #include <algorithm>
+#include <mutex>
 #include <new>
 #include <stdexcept>
 
@@ -18,7 +19,7 @@ const char kPoolSource[] = "truck_TruckCBB/CM/src/cbb_mempool";
 #define POOL_PRINT(format, ...) \
     fprintf(stderr, "[%s::%s::%d]" format, kPoolSource, __func__, __LINE__, ##__VA_ARGS__)
 
-typedef std::lock_guard<std::recursive_mutex> PoolLock;
+typedef std::lock_guard<PoolMutex> PoolLock;
 
 const uint32_t kNoBlock = 0xFFFFFFFFu;
 // Marks a small allocation that the pool made for itself (a LargeRecord): a caller that hands
