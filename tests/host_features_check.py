@@ -5,6 +5,7 @@ that cannot be written, the note when nothing is drawn, and the run's summary.
 
 Arguments: the truckhost program, the demo folder (with device/ and global.bsn), and the drive
 script to record."""
+import concurrent.futures
 import json
 import os
 import shutil
@@ -45,92 +46,110 @@ def bus_lines(path):
 
 
 # Refused before start, each with the reason a user can act on.
-not_json = write("not_json.bsn", "{\"PARAMETER\": ")
-expect_refused(["--sysroot", "/nonexistent/device"], "No such file or directory")
-expect_refused(["--sysroot", not_json], "is not a folder")
-expect_refused(["--param-store", not_json], "is not JSON")
-expect_refused(["--param-store=/nonexistent.bsn"], "No such file or directory")
-expect_refused(["--device", write("big.json", '{"video_inputs": 65536}')], '"video_inputs" must be a whole number')
-expect_refused(["--device", write("typo.json", '{"product-type": 113}')], 'unknown key "product-type"')
-expect_refused(["--device", write("long.json", '{"serial_number": "0123456789ABCDEF"}')], "at most 15")
-expect_refused(["--script", "/nonexistent.json"], "cannot read the script '/nonexistent.json': No such file")
-expect_refused(["--replay", not_json], "")
-expect_refused(["--check"], "--replay")
-expect_refused(["--channel", "4"], "the device has 4 channel(s) (0 to 3)")
-expect_refused(["--duration=soon"], "--duration takes a number of seconds, not 'soon'")
+def refusals():
+    not_json = write("not_json.bsn", "{\"PARAMETER\": ")
+    expect_refused(["--sysroot", "/nonexistent/device"], "No such file or directory")
+    expect_refused(["--sysroot", not_json], "is not a folder")
+    expect_refused(["--param-store", not_json], "is not JSON")
+    expect_refused(["--param-store=/nonexistent.bsn"], "No such file or directory")
+    expect_refused(["--device", write("big.json", '{"video_inputs": 65536}')], '"video_inputs" must be a whole number')
+    expect_refused(["--device", write("typo.json", '{"product-type": 113}')], 'unknown key "product-type"')
+    expect_refused(["--device", write("long.json", '{"serial_number": "0123456789ABCDEF"}')], "at most 15")
+    expect_refused(["--script", "/nonexistent.json"], "cannot read the script '/nonexistent.json': No such file")
+    expect_refused(["--replay", not_json], "")
+    expect_refused(["--check"], "--replay")
+    expect_refused(["--channel", "4"], "the device has 4 channel(s) (0 to 3)")
+    expect_refused(["--duration=soon"], "--duration takes a number of seconds, not 'soon'")
 
-rc, out, _ = run("--help")
-check(rc == 0 and "--opt=value" in out and all(f"  {s}  " in out for s in "0123"), "--help lists the exit statuses", out)
+    rc, out, _ = run("--help")
+    check(rc == 0 and "--opt=value" in out and all(f"  {s}  " in out for s in "0123"), "--help lists the exit statuses", out)
+
 
 # A product variant is one identity file away: 113 shows no speed line; 8 inputs and 4 IP
 # cameras put every item on 12 channels.
-rc, out, err = run("--device", write("p113.json", '{"product_type": 113}'), "--duration", "2.5")
-check(rc == 0 and 'time on ch 0-3: "' in out and "speed on" not in out, "product 113 draws the time alone", out + err)
-rc, out, err = run("--device", write("ch12.json", '{"video_inputs": 8, "ip_channels": 4}'), "--duration", "2.5",
-                   "--channel", "11")
-check(rc == 0 and 'time on ch 0-11: "' in out and 'speed on ch 0-11: "0KM/H"' in out, "8 + 4 channels", out + err)
+def variants():
+    rc, out, err = run("--device", write("p113.json", '{"product_type": 113}'), "--duration", "2.5")
+    check(rc == 0 and 'time on ch 0-3: "' in out and "speed on" not in out, "product 113 draws the time alone", out + err)
+    rc, out, err = run("--device", write("ch12.json", '{"video_inputs": 8, "ip_channels": 4}'), "--duration", "2.5",
+                       "--channel", "11")
+    check(rc == 0 and 'time on ch 0-11: "' in out and 'speed on ch 0-11: "0KM/H"' in out, "8 + 4 channels", out + err)
+
 
 # A restart in the same process: stopped, started again, drawing again, no thread left, and
 # each thread of each start counted apart in the summary.
-restart = write("restart.json", '[{"at_ms": 1500, "kind": "restart", "gap_ms": 300}]')
-summary = os.path.join(WORK, "summary.json")
-rc, out, err = run("--script", restart, "--duration", "4", "--bus-log", os.path.join(WORK, "restart.jsonl"),
-                   "--summary", summary, "--start-time", "2026-05-01T10:00:00")
-check(rc == 0 and err.count("start: 0") == 2 and err.count("stop: 0,") == 2, "restart: two starts and stops", err)
-times = [m["t_ms"] for m in bus_lines(os.path.join(WORK, "restart.jsonl")) if m.get("name") == "overlay"]
-check(any(t > 1800 for t in times) and any(t < 1500 for t in times), "overlays before and after the restart", times)
-with open(summary) as f:
-    s = json.load(f)
-cycles = [t for t in s["threads"] if t["name"] == "truckservice"]
-check(s["exit"] == 0 and len(cycles) == 2 and all(t["owner"] == "plug-in" for t in cycles), "summary threads", s)
-check(any(t["owner"] == "stand-in" for t in s["threads"]) and any(t["owner"] == "host" for t in s["threads"]),
-      "summary names the stand-in's and the host's threads", s)
-check(s["messages"].get("0x1210", 0) > 0 and s["frames"] == 0, "summary counts the overlays sent", s)
+def restart():
+    restart = write("restart.json", '[{"at_ms": 1500, "kind": "restart", "gap_ms": 300}]')
+    summary = os.path.join(WORK, "summary.json")
+    rc, out, err = run("--script", restart, "--duration", "4", "--bus-log", os.path.join(WORK, "restart.jsonl"),
+                       "--summary", summary, "--start-time", "2026-05-01T10:00:00")
+    check(rc == 0 and err.count("start: 0") == 2 and err.count("stop: 0,") == 2, "restart: two starts and stops", err)
+    times = [m["t_ms"] for m in bus_lines(os.path.join(WORK, "restart.jsonl")) if m.get("name") == "overlay"]
+    check(any(t > 1800 for t in times) and any(t < 1500 for t in times), "overlays before and after the restart", times)
+    with open(summary) as f:
+        s = json.load(f)
+    cycles = [t for t in s["threads"] if t["name"] == "truckservice"]
+    check(s["exit"] == 0 and len(cycles) == 2 and all(t["owner"] == "plug-in" for t in cycles), "summary threads", s)
+    check(any(t["owner"] == "stand-in" for t in s["threads"]) and any(t["owner"] == "host" for t in s["threads"]),
+          "summary names the stand-in's and the host's threads", s)
+    check(s["messages"].get("0x1210", 0) > 0 and s["frames"] == 0, "summary counts the overlays sent", s)
+
 
 # Record a run, replay it: the same device, clock and steps agree; a recorded text that the
 # plug-in no longer sends is the first difference.
-record = os.path.join(WORK, "drive.jsonl")
-rc, out, err = run("--script", DRIVE, "--duration", "7", "--bus-log", record)
-lines = bus_lines(record)
-first = lines[0]
-check(rc == 0 and first["kind"] == "run" and first["start_time"] and first["device"]["video_inputs"] == 4
-      and first["params"]["PARAMETER"]["MDVR"]["TIMEP"] and first["version"].startswith("truckservice "),
-      "the bus log opens with the run", json.dumps(first))
-speed = [m["fields"] for m in lines if m.get("name") == "overlay" and m["fields"]["kind"] == 2]
-check(speed and speed[-1]["text"].startswith("41KM/H") and speed[-1]["x"] == 1024 and speed[-1]["mask"] == 15
-      and speed[-1]["font"] == 1 and speed[-1]["y"] == 30, "overlays decoded", speed[-1:])
-rc, out, err = run("--replay", record, "--check")
-check(rc == 0 and "agrees" in err, "the replay agrees with its recording", err)
-tampered = os.path.join(WORK, "tampered.jsonl")
-with open(tampered, "w") as f:
-    for m in lines:
-        if m.get("name") == "overlay" and m["fields"]["kind"] == 2:
-            m["hex"] = m["hex"].replace("4b4d2f48", "4d502f48")  # KM/H -> MP/H
-        f.write(json.dumps(m) + "\n")
-rc, out, err = run("--replay", tampered, "--check")
-check(rc == 1 and "differs" in err and "MP/H" in err, "a changed text is the first difference", err)
+def record_and_replay():
+    record = os.path.join(WORK, "drive.jsonl")
+    rc, out, err = run("--script", DRIVE, "--duration", "7", "--bus-log", record)
+    lines = bus_lines(record)
+    first = lines[0]
+    check(rc == 0 and first["kind"] == "run" and first["start_time"] and first["device"]["video_inputs"] == 4
+          and first["params"]["PARAMETER"]["MDVR"]["TIMEP"] and first["version"].startswith("truckservice "),
+          "the bus log opens with the run", json.dumps(first))
+    speed = [m["fields"] for m in lines if m.get("name") == "overlay" and m["fields"]["kind"] == 2]
+    check(speed and speed[-1]["text"].startswith("41KM/H") and speed[-1]["x"] == 1024 and speed[-1]["mask"] == 15
+          and speed[-1]["font"] == 1 and speed[-1]["y"] == 30, "overlays decoded", speed[-1:])
+    rc, out, err = run("--replay", record, "--check")
+    check(rc == 0 and "agrees" in err, "the replay agrees with its recording", err)
+    tampered = os.path.join(WORK, "tampered.jsonl")
+    with open(tampered, "w") as f:
+        for m in lines:
+            if m.get("name") == "overlay" and m["fields"]["kind"] == 2:
+                m["hex"] = m["hex"].replace("4b4d2f48", "4d502f48")  # KM/H -> MP/H
+            f.write(json.dumps(m) + "\n")
+    rc, out, err = run("--replay", tampered, "--check")
+    check(rc == 1 and "differs" in err and "MP/H" in err, "a changed text is the first difference", err)
+
 
 # A frame that cannot be written ends the run after a clean stop, with the system's reason.
-frames = os.path.join(WORK, "frames")
-os.makedirs(os.path.join(frames, "ch0_0001.png"))
-write("frames/ch0_0042.png", "an earlier run's frame")
-rc, out, err = run("--frames", frames, "--duration", "5")
-check(rc == 1 and "Is a directory" in err and "stop: 0," in err, "an unwritable frame ends the run", err)
-check(not os.path.exists(os.path.join(frames, "ch0_0042.png")), "earlier frames are removed first")
+def frames():
+    frames = os.path.join(WORK, "frames")
+    os.makedirs(os.path.join(frames, "ch0_0001.png"))
+    write("frames/ch0_0042.png", "an earlier run's frame")
+    rc, out, err = run("--frames", frames, "--duration", "5")
+    check(rc == 1 and "Is a directory" in err and "stop: 0," in err, "an unwritable frame ends the run", err)
+    check(not os.path.exists(os.path.join(frames, "ch0_0042.png")), "earlier frames are removed first")
+
 
 # Nothing drawn, and the panel says why.
-store = json.load(open(os.path.join(DEMO, "global.bsn")))
-del store["PARAMETER"]["MDVR"]["TIMEP"]
-rc, out, err = run("--param-store", write("no_timep.bsn", json.dumps(store)), "--duration", "2")
-check(rc == 0 and "nothing drawn: the parameter store has no TIMEP group" in out, "no TIMEP is said", out)
-device = os.path.join(WORK, "device")
-shutil.copytree(os.path.join(DEMO, "device"), device, ignore=shutil.ignore_patterns("global.bsn"))
-shutil.copy(os.path.join(DEMO, "global.bsn"), os.path.join(device, "mnt/tmpfs/global.bsn"))
-with open(os.path.join(device, "usr/local/cfg/truckbusiness.jsn"), "w") as f:
-    f.write('{"BUSINESS_CONFIG": [{"BUSINESS_ENABLE": "false", "BUSINESS_ID": 7}]}')
-rc, out, err = run("--sysroot", device, "--duration", "2")
-check(rc == 0 and "nothing drawn: the device has no enabled business" in out, "no business is said", out)
+def nothing_drawn():
+    store = json.load(open(os.path.join(DEMO, "global.bsn")))
+    del store["PARAMETER"]["MDVR"]["TIMEP"]
+    rc, out, err = run("--param-store", write("no_timep.bsn", json.dumps(store)), "--duration", "2")
+    check(rc == 0 and "nothing drawn: the parameter store has no TIMEP group" in out, "no TIMEP is said", out)
+    device = os.path.join(WORK, "device")
+    shutil.copytree(os.path.join(DEMO, "device"), device, ignore=shutil.ignore_patterns("global.bsn"))
+    shutil.copy(os.path.join(DEMO, "global.bsn"), os.path.join(device, "mnt/tmpfs/global.bsn"))
+    with open(os.path.join(device, "usr/local/cfg/truckbusiness.jsn"), "w") as f:
+        f.write('{"BUSINESS_CONFIG": [{"BUSINESS_ENABLE": "false", "BUSINESS_ID": 7}]}')
+    rc, out, err = run("--sysroot", device, "--duration", "2")
+    check(rc == 0 and "nothing drawn: the device has no enabled business" in out, "no business is said", out)
 
+
+CASES = [refusals, variants, restart, record_and_replay, frames, nothing_drawn]
+
+# The runs are independent and mostly wait on the plug-in's cycles: they share the time.
+with concurrent.futures.ThreadPoolExecutor(max_workers=len(CASES)) as pool:
+    for future in [pool.submit(case) for case in CASES]:
+        future.result()
 shutil.rmtree(WORK)
 for failure in failures:
     print("FAILED:", failure, file=sys.stderr)
