@@ -264,8 +264,8 @@ bool ReadRun(const Json::Value& line, RunInfo& run, std::string& error) {
     if (device["serial_number"].isString()) {
         run.device.serialNumber = device["serial_number"].asString();
     }
-    run.plugin = line.get("plugin", "").asString();
-    run.version = line.get("version", "").asString();
+    run.plugin = line["plugin"].isString() ? line["plugin"].asString() : std::string();
+    run.version = line["version"].isString() ? line["version"].asString() : std::string();
     if (line["params"].isObject()) {
         Json::StreamWriterBuilder builder;
         builder["emitUTF8"] = true;
@@ -318,12 +318,12 @@ bool ReadRecording(const std::string& path, Recording& out, std::string& error) 
         if (kind == "bus") {
             RecordedMessage message;
             message.tMs = tMs;
-            message.event = line["event"].asInt();
             if (!line["event"].isInt() || !line["hex"].isString() ||
                 !FromHex(line["hex"].asString(), message.payload)) {
                 error = where + "a bus message needs its event and hex";
                 return false;
             }
+            message.event = line["event"].asInt();
             recording.messages.push_back(std::move(message));
         } else if (kind == "script") {
             steps += (steps.empty() ? "" : ",\n") + Compact(line["do"]);
@@ -351,17 +351,22 @@ bool TimeTextsWithinASecond(const std::string& a, const std::string& b) {
     if (!std::regex_search(a, ma, kClock) || !std::regex_search(b, mb, kClock)) {
         return false;
     }
-    // Seconds of the half day, so that a 12-hour clock and a 24-hour one read alike.
-    auto seconds = [](const std::smatch& m) {
-        return (std::stoi(m[1]) % 12) * 3600 + std::stoi(m[2]) * 60 + std::stoi(m[3]);
+    // A 12-hour clock turns over at noon and midnight, a 24-hour one at midnight; at the turn
+    // the date or the AM/PM mark changes with it.
+    const std::string mark = ma.suffix().str().substr(0, 3);
+    const bool twelveHour = mark == " AM" || mark == " PM";
+    const int period = twelveHour ? 43200 : 86400;
+    auto seconds = [twelveHour](const std::smatch& m) {
+        return (std::stoi(m[1]) % (twelveHour ? 12 : 24)) * 3600 + std::stoi(m[2]) * 60 + std::stoi(m[3]);
     };
     const int sa = seconds(ma), sb = seconds(mb);
-    const int step = ((sb - sa) % 43200 + 43200) % 43200;
-    if (step != 1 && step != 43199) {
+    const int step = ((sb - sa) % period + period) % period;
+    if (step != 1 && step != period - 1) {
         return false;
     }
-    const bool turnsOver = std::min(sa, sb) == 0 && std::max(sa, sb) == 43199;
-    return turnsOver || (ma.prefix().str() == mb.prefix().str() && ma.suffix().str() == mb.suffix().str());
+    const bool sameAround = ma.prefix().str() == mb.prefix().str() && ma.suffix().str() == mb.suffix().str();
+    const bool turnsOver = std::min(sa, sb) == 0 && std::max(sa, sb) == period - 1;
+    return turnsOver ? !sameAround : sameAround;
 }
 
 namespace {
@@ -442,7 +447,8 @@ bool FirstUnmatched(const std::vector<Entry>& from, const std::vector<Entry>& in
         bool found = false;
         for (size_t k = j; k < in.size() && in[k].tMs <= e.tMs + kSlackMs; ++k) {
             if (Same(e, in[k])) {
-                next = k;  // one state may answer several: a time text that was one second off
+                // One time text may answer two that were a second off; any other state answers once.
+                next = e.isTime ? k : k + 1;
                 found = true;
                 break;
             }

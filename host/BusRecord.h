@@ -89,8 +89,8 @@ bool CompareRecordings(const std::vector<RecordedMessage>& recorded,
                        const std::vector<RecordedMessage>& replayed, uint64_t endMs, std::string& difference);
 
 // True when two date-time texts are the same or one second apart: the same text around an
-// "H:MM:SS" whose seconds of the half day differ by one, or any texts around 11:59:59 and
-// 12:00:00 (or 23:59:59 and 00:00:00), where the date or the AM/PM mark turns over too.
+// "H:MM:SS" one second apart (of the day, or of the half day when " AM" or " PM" follows),
+// or, across midnight (and noon on a 12-hour clock), texts whose date or mark turned over too.
 bool TimeTextsWithinASecond(const std::string& a, const std::string& b);
 
 }  // namespace truckhost

@@ -74,6 +74,10 @@ TEST(BusRecord, TimeTextsWithinASecond) {
     EXPECT_TRUE(TimeTextsWithinASecond("2026-01-02 00:00:00", "2026-01-01 23:59:59"));
     EXPECT_FALSE(TimeTextsWithinASecond("2026-01-01 10:00:00", "2026-01-02 10:00:01"));
     EXPECT_FALSE(TimeTextsWithinASecond("10:00:00 AM", "10:00:01 PM"));
+    // Twelve hours apart is not a second, on either clock.
+    EXPECT_FALSE(TimeTextsWithinASecond("2026-01-01 13:00:00", "2026-01-01 01:00:01"));
+    EXPECT_FALSE(TimeTextsWithinASecond("2026-01-01 11:59:59", "2026-01-01 00:00:00"));
+    EXPECT_FALSE(TimeTextsWithinASecond("03/08/2026 11:59:59 AM", "03/08/2026 12:00:00 AM"));
     EXPECT_FALSE(TimeTextsWithinASecond("50 km/h", "51 km/h"));
 }
 
@@ -117,6 +121,8 @@ TEST(BusRecord, CompareRecordings) {
 
     // Other messages count one by one, byte for byte.
     EXPECT_FALSE(Agree({Turn(1000, 1), Turn(3000, 1)}, {Turn(1000, 1)}));
+    EXPECT_FALSE(Agree({Turn(1000, 1), Turn(1300, 1)}, {Turn(1000, 1)}));
+    EXPECT_FALSE(Agree({Turn(1000, 1)}, {Turn(1000, 1), Turn(1300, 1)}));
     EXPECT_FALSE(Agree({Turn(1000, 1)}, {Turn(1000, 2)}));
 
     // The earliest difference is told, whatever its item and direction.
@@ -223,6 +229,12 @@ TEST(BusRecord, LogWrittenAndReadBack) {
     std::ofstream(path) << "{\"t_ms\": 0, \"kind\": \"end\", \"exit\": 0}\n";
     EXPECT_FALSE(truckhost::ReadRecording(path, rec, error));
     EXPECT_NE(error.find("line 1: a bus log opens with the run"), std::string::npos) << error;
+    // Members of the wrong type are refused, not thrown.
+    std::ofstream(path) << "{\"t_ms\": 0, \"kind\": \"run\", \"start_time\": \"2026-01-01T00:00:00\", "
+                           "\"sysroot\": \"/\", \"device\": {}, \"plugin\": {}, \"version\": []}\n"
+                           "{\"t_ms\": 1, \"kind\": \"bus\", \"event\": \"x\", \"hex\": \"00\"}\n";
+    EXPECT_FALSE(truckhost::ReadRecording(path, rec, error));
+    EXPECT_NE(error.find("line 2: a bus message needs its event and hex"), std::string::npos) << error;
     unlink(path.c_str());
 }
 
