@@ -350,11 +350,11 @@ const char kScriptHelp[] =
 
 void Usage(FILE* out) {
     fprintf(out, "usage: truckhost [options]   (--opt value or --opt=value)\n");
-    for (const OptionSpec& spec : kOptions) {
+    for (const OptionSpec& option : kOptions) {
         std::string head =
-            std::string("  --") + spec.name + (spec.argument ? std::string(" ") + spec.argument : "");
+            std::string("  --") + option.name + (option.argument ? std::string(" ") + option.argument : "");
         const std::string indent(22, ' ');
-        std::string help = spec.help;
+        std::string help = option.help;
         for (size_t at = help.find('\n'); at != std::string::npos; at = help.find('\n', at + 1)) {
             help.insert(at + 1, indent);
         }
