@@ -303,7 +303,7 @@ bool WriteSummaryFile(const std::string& path, const RunSummary& summary, std::s
     const std::string json = SummaryJson(summary);
     FILE* f = fopen(path.c_str(), "w");
     if (f == nullptr) {
-        error = path + ": " + strerror(errno);
+        error = "cannot write the summary '" + path + "': " + strerror(errno);
         return false;
     }
     bool ok = fwrite(json.data(), 1, json.size(), f) == json.size();
@@ -313,7 +313,7 @@ bool WriteSummaryFile(const std::string& path, const RunSummary& summary, std::s
         writeErrno = errno;
     }
     if (!ok) {
-        error = path + ": " + strerror(writeErrno);
+        error = "cannot write the summary '" + path + "': " + strerror(writeErrno);
     }
     return ok;
 }

@@ -153,7 +153,7 @@ TEST(RunSummary, FileReadsBackWithItsKeysTypesAndHexEvents) {
     EXPECT_NEAR(t["cpu_percent"].asDouble(), 1.23, 0.0051);
     EXPECT_EQ(v["threads"][1]["name"].asString(), "odd \"(x)\\");
     EXPECT_FALSE(truckhost::WriteSummaryFile(path + ".d/none", Sample(), error));
-    EXPECT_EQ(error, path + ".d/none: No such file or directory");
+    EXPECT_EQ(error, "cannot write the summary '" + path + ".d/none': No such file or directory");
 }
 
 TEST(RunSummary, TableAlignsThreadsAndListsTheCounts) {
