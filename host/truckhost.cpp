@@ -344,7 +344,8 @@ const char kScriptHelp[] =
     "\n"
     "Exit status:\n"
     "  0  the run ended and stopped cleanly (with --check: the replay agrees)\n"
-    "  1  the plug-in did not start, a frame could not be written, or the replay differs\n"
+    "  1  the plug-in did not start (also after a restart step), a frame could not be\n"
+    "     written, or the replay differs\n"
     "  2  a bad option or an unusable file, refused before start\n"
     "  3  a plug-in thread still ran 5 s after stop\n";
 
@@ -843,7 +844,7 @@ private:
         StartScript(panel);
         uint64_t nextNoteMs = 0;
         std::string framesFailure;
-        while (g_stopRequested == 0 && !Ended()) {
+        while (g_stopRequested == 0 && !Ended() && !m_restartFailed) {
             if (m_view.FramesFailed(framesFailure)) {
                 break;
             }
@@ -865,6 +866,10 @@ private:
         if (!framesFailure.empty() || m_view.FramesFailed(framesFailure)) {
             result.status = kExitRunFailed;
             result.failure = framesFailure;
+        }
+        if (m_restartFailed) {
+            result.status = kExitRunFailed;
+            result.failure = "the plug-in did not start again after the script's restart";
         }
         return result;
     }
@@ -896,7 +901,9 @@ private:
                 }
                 m_view.OnStep(step.source);
                 if (step.injection == truckhost::Injection::kRestart) {
-                    m_plugin.Restart(step.gapMs);
+                    if (!m_plugin.Restart(step.gapMs)) {
+                        m_restartFailed = true;
+                    }
                     return;
                 }
                 truckhost::RunStep(step);
@@ -994,7 +1001,8 @@ private:
     truckhost::ScriptTimeline m_timeline;
     truckhost::ThreadSampler m_sampler;
     bool m_sampling = false;
-    std::mutex m_sentMutex;  // guards the two below
+    std::atomic<bool> m_restartFailed{false};  // set on the script's thread
+    std::mutex m_sentMutex;                    // guards the two below
     std::map<int, uint64_t> m_messageCounts;
     std::vector<truckhost::RecordedMessage> m_sent;  // with --check
 };
