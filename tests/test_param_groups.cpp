@@ -105,6 +105,9 @@ TEST_F(ParamGroups, EveryMaskBitNamesItsGroup) {
     Json::Value none;
     manage->basic_global_package_param(~0ULL << 39, none);
     EXPECT_TRUE(none.isNull());
+    // A request that holds something other than objects on the path cannot take a group.
+    Json::Value text("x");
+    EXPECT_EQ(manage->basic_global_package_param(1ULL << 18, text), -1);
 }
 
 TEST_F(ParamGroups, NothingToAskForIsRefusedWithoutAPlatformCallAndPlatformErrorsPassThrough) {
