@@ -81,8 +81,9 @@ bool ReadRecording(const std::string& path, Recording& out, std::string& error);
 // Agreement of a replay with its recording. Overlays are compared per item kind as the
 // sequence of distinct states (channel mask, position, font size, text); every other message
 // per event, message by message. A state or message may come up to kSlackMs earlier or later
-// than recorded; a date-time text may be one second off (the two clocks' phases differ); what
-// either run sent within kSlackMs of the recorded end may be missing from the other. False with
+// than recorded; a date-time text may be one second off (the two clocks' phases differ); an
+// overlay state that lasted no longer than kSlackMs, and what either run sent within kSlackMs
+// of the recorded end, may be missing from the other. False with
 // the first difference in time, told in decoded form.
 constexpr uint64_t kSlackMs = 600;
 bool CompareRecordings(const std::vector<RecordedMessage>& recorded,

@@ -105,6 +105,14 @@ TEST(BusRecord, CompareRecordings) {
     const std::vector<RecordedMessage> ab(aba.begin(), aba.begin() + 2);
     EXPECT_FALSE(Agree(aba, ab));
     EXPECT_FALSE(Agree(ab, aba));
+    // A state that lasted no longer than the slack may be missing from either run; a longer one
+    // may not.
+    EXPECT_TRUE(
+        Agree({Speed(1000, "A"), Speed(1500, "B"), Speed(2100, "C")}, {Speed(1000, "A"), Speed(2100, "C")}));
+    EXPECT_TRUE(
+        Agree({Speed(1000, "A"), Speed(2100, "C")}, {Speed(1000, "A"), Speed(1500, "B"), Speed(2100, "C")}));
+    EXPECT_FALSE(
+        Agree({Speed(1000, "A"), Speed(1499, "B"), Speed(2100, "C")}, {Speed(1000, "A"), Speed(2100, "C")}));
     // Near the end either run may stop short.
     EXPECT_TRUE(Agree({Speed(1000, "A"), Speed(9400, "B")}, {Speed(1000, "A")}));
     EXPECT_TRUE(Agree({Speed(1000, "A")}, {Speed(1000, "A"), Speed(9400, "B")}));
