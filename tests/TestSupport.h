@@ -53,6 +53,17 @@ inline int CountThreads(const std::string& name) {
         std::count_if(tasks.begin(), tasks.end(), [&](const auto& t) { return t.second == name; }));
 }
 
+// Descriptors the process holds open, for the tests that pin a file closed.
+inline int OpenDescriptors() {
+    int count = 0;
+    DIR* dir = opendir("/proc/self/fd");
+    while (readdir(dir) != nullptr) {
+        ++count;
+    }
+    closedir(dir);
+    return count;
+}
+
 // A folder of its own under /tmp ("/tmp/PREFIX.XXXXXX"), removed with everything in it when
 // the object goes; path() is empty when the folder could not be made.
 class TempFolder {

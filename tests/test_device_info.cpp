@@ -81,8 +81,10 @@ TEST_F(DeviceInfo, CommandLineFileIsReadUpToItsFirst512BytesOrFirstNul) {
     }
 
     WriteDeviceFile("/proc/cmdline", std::string("chiptype=4 flashsize=8M\0chiptype=9 ", 35));
+    const int descriptors = OpenDescriptors();
     EXPECT_EQ(manage->GetChipInfo(), 0);
     EXPECT_EQ(manage->basic_get_chip_info().uiChipType, 4u);
+    EXPECT_EQ(OpenDescriptors(), descriptors) << "the file is closed";
 }
 
 TEST_F(DeviceInfo, SerialNumberIsAskedForUntilGivenThenBoardTypeAndReadiness) {

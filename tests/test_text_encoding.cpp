@@ -1,6 +1,5 @@
 // Text encoding, checked against glibc's iconv as the reference encoder: UTF-8 decoding, and
 // GB2312 look-ups in the font table that the build makes with iconv.
-#include <dirent.h>
 #include <iconv.h>
 #include <stdlib.h>
 #include <fcntl.h>
@@ -35,16 +34,6 @@ std::unique_ptr<char[]> ExactCopy(const std::string& text) {
     std::unique_ptr<char[]> copy(new char[text.size() + 1]);
     memcpy(copy.get(), text.c_str(), text.size() + 1);
     return copy;
-}
-
-int OpenDescriptors() {
-    int count = 0;
-    DIR* dir = opendir("/proc/self/fd");
-    while (readdir(dir) != nullptr) {
-        ++count;
-    }
-    closedir(dir);
-    return count;
 }
 
 // Each test runs in a folder of its own that holds "fonts/gb2312fonttable", the build's table.
