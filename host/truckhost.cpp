@@ -756,9 +756,9 @@ private:
         nvx::SetParamStoreSource(m_device.paramStore);
         // The simulated recorder boots with its hard disk mounted.
         nvx::SetStorageMount(0, "/mnt/hd1");
-        if (m_options.startTimeGiven) {
-            nvx::SetWallClock(m_options.startTime);
-        }
+        // Set also when not given: the device's seconds then turn a whole number of seconds
+        // after this moment, in a run and in its replay alike.
+        nvx::SetWallClock(m_options.startTimeGiven ? m_options.startTime : nvx::WallClock());
         // A time-zone change moves the simulated device's local time, as the recorder's own
         // date-time service does.
         nvx::SetLocalTimeFollowsZone(true);

@@ -1,5 +1,6 @@
 // The stand-in's date conversions and its device-signal and CAN-port monitors.
 #include <string.h>
+#include <sys/time.h>
 
 #include <atomic>
 #include <string>
@@ -144,6 +145,16 @@ TEST_F(DateTime, LocalTimeFollowsTheDeviceClockPast2038) {
         EXPECT_EQ(memcmp(&now, &c.record, sizeof(now)), 0)
             << c.clock << ": " << int(now.ucYear) << "-" << int(now.ucMonth) << "-" << int(now.ucDay);
     }
+}
+
+// Set, the clock starts its second there, not at the host's next second boundary: a run and
+// its replay that set the clock at the same moment see the same second boundaries.
+TEST_F(DateTime, TheClockStartsItsSecondWhenSet) {
+    nvx::SetWallClock(1700000000);
+    struct timeval now;
+    gettimeofday(&now, nullptr);
+    EXPECT_EQ(now.tv_sec, 1700000000);
+    EXPECT_LT(now.tv_usec, 500000) << "half a second is far more than two calls in a row take";
 }
 
 TEST_F(DateTime, DayByWeekCountsWeeksFromTheStartAndFiveAsTheLast) {

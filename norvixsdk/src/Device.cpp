@@ -2,6 +2,7 @@
 #include "Device.h"
 
 #include <stdlib.h>
+#include <time.h>
 
 #include <atomic>
 #include <chrono>
@@ -38,7 +39,17 @@ DeviceState& State() {
 
 // The device clock is kept as an offset from the host's clock, so it runs at real speed. An
 // atomic rather than under the state's mutex: gettimeofday reads it on every call.
-std::atomic<int64_t> g_wallOffsetSeconds{0};
+// The device clock is the host's real-time clock moved by this many microseconds. Kept to the
+// microsecond, so that the device's seconds turn over a whole number of seconds after the
+// clock was set, not on the host's own second boundaries: two runs that set the clock at the
+// same moment of their run see their seconds turn at the same moments.
+std::atomic<int64_t> g_wallOffsetMicros{0};
+
+int64_t HostMicros() {
+    struct timespec now;
+    clock_gettime(CLOCK_REALTIME, &now);
+    return static_cast<int64_t>(now.tv_sec) * 1000000 + now.tv_nsec / 1000;
+}
 
 std::atomic<bool> g_zoneMovesClock{false};
 std::atomic<bool> g_globalInitFails{false};
@@ -83,12 +94,12 @@ bool CountCall(const char* operation) {
     return false;
 }
 
-int64_t WallOffsetSeconds() {
-    return g_wallOffsetSeconds.load();
+int64_t DeviceMicros() {
+    return HostMicros() + g_wallOffsetMicros.load();
 }
 
 void ShiftWallClock(int64_t seconds) {
-    g_wallOffsetSeconds.fetch_add(seconds);
+    g_wallOffsetMicros.fetch_add(seconds * 1000000);
 }
 
 bool LocalTimeFollowsZone() {
@@ -145,7 +156,7 @@ std::string ResolveDevicePath(const char* devicePath) {
 }
 
 void SetWallClock(int64_t seconds) {
-    g_wallOffsetSeconds.store(seconds - static_cast<int64_t>(time(nullptr)));
+    g_wallOffsetMicros.store(seconds * 1000000 - HostMicros());
 }
 
 void SetLocalTimeFollowsZone(bool follows) {
@@ -153,7 +164,9 @@ void SetLocalTimeFollowsZone(bool follows) {
 }
 
 int64_t WallClock() {
-    return static_cast<int64_t>(time(nullptr)) + g_wallOffsetSeconds.load();
+    const int64_t micros = detail::DeviceMicros();
+    // Whole seconds, rounded down also before 1970.
+    return micros / 1000000 - (micros % 1000000 < 0 ? 1 : 0);
 }
 
 uint64_t CallCount(const std::string& operation) {
@@ -207,7 +220,7 @@ void Reset() {
         }
         s.gate.notify_all();
     }
-    g_wallOffsetSeconds.store(0);
+    g_wallOffsetMicros.store(0);
     g_zoneMovesClock.store(false);
     g_globalInitFails.store(false);
     g_basicInitFails.store(false);

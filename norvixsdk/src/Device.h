@@ -19,8 +19,9 @@ uint64_t ElapsedMs();
 // throws std::bad_alloc, or answers true when the call must fail.
 bool CountCall(const char* operation);
 
-// Whole seconds from the host's clock to the device clock that SetWallClock set.
-int64_t WallOffsetSeconds();
+// The device clock in microseconds since 1970: the host's real-time clock as SetWallClock
+// moved it.
+int64_t DeviceMicros();
 // Moves the device clock by `seconds`, keeping its running phase.
 void ShiftWallClock(int64_t seconds);
 bool LocalTimeFollowsZone();

@@ -124,17 +124,11 @@ int Post(const char* operation, JQ_MSG_HANDLE handle, int session, int event, in
 std::atomic<bool> g_wallHeld{false};
 std::atomic<int64_t> g_heldMicros{0};
 
-int64_t HostMicros() {
-    struct timespec now;
-    clock_gettime(CLOCK_REALTIME, &now);
-    return static_cast<int64_t>(now.tv_sec) * 1000000 + now.tv_nsec / 1000;
-}
-
 int64_t DeviceMicros() {
     if (g_wallHeld.load()) {
         return g_heldMicros.load();
     }
-    return HostMicros() + detail::WallOffsetSeconds() * 1000000;
+    return detail::DeviceMicros();
 }
 
 }  // namespace
