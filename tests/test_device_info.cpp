@@ -147,11 +147,12 @@ TEST_F(DeviceInfo, GlobalConfigurationGetters) {
 }
 
 TEST_F(DeviceInfo, RemoteTaskBitsAreIndependentAndOnlyZeroTo31Exist) {
-    for (int type : {0, 5, 9, 31, 32, 40, -1}) {
+    // A type past 31 or below 0 changes no bit, not even the one its shift would wrap to.
+    for (int type : {0, 5, 9, 31, 32, 33, 40, -1}) {
         EXPECT_EQ(manage->SetRemoteTaskListState(type, true), 0);
     }
     manage->SetRemoteTaskListState(9, false);
-    manage->SetRemoteTaskListState(40, false);
+    manage->SetRemoteTaskListState(32, false);
     for (int type = -1; type < 41; ++type) {
         EXPECT_EQ(manage->GetRemoteTastListState(type), type == 0 || type == 5 || type == 31) << type;
     }

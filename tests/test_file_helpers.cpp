@@ -95,6 +95,8 @@ TEST_F(FileHelpers, FolderSearchAppendsMatchingNamesAndCountsThem) {
               LogTexts(3));
     EXPECT_EQ(0, FindFileInFolder(m_dir.c_str(), "", names));
     EXPECT_EQ(8u, names.size()) << "every entry, . and .. included";
+    EXPECT_EQ(-1, FindFileInFolder(m_dir.c_str(), nullptr, names));
+    EXPECT_EQ(8u, names.size()) << "no pattern lists nothing";
     nvx::StartLogCapture();
     EXPECT_EQ(-1, FindFileInFolder((m_dir + "/none").c_str(), "", names));
     EXPECT_EQ(std::vector<std::string>{"Find file failed, opendir[" + m_dir + "/none] failed\n"}, LogTexts());
