@@ -44,6 +44,8 @@ public:
             m_pMsgClient->MSGEventRegister(m_uiSourceId, 0x7001, this, &ProbeBusiness::OnEvent);
         }
         ++inits;
+        std::unique_lock<std::mutex> lock(mutex);
+        released.wait(lock, [this] { return !holdInit; });
         return initResult;
     }
     int business_uninit() override {
@@ -81,6 +83,7 @@ public:
     void Release() {
         std::lock_guard<std::mutex> lock(mutex);
         holdCycle = false;
+        holdInit = false;
         released.notify_all();
     }
     unsigned int SourceId() const { return m_uiSourceId; }
@@ -92,6 +95,7 @@ public:
     std::mutex mutex;
     std::condition_variable released;
     bool holdCycle = false;
+    bool holdInit = false;  // set before the business starts
     std::set<std::string> cycleThreads;
     std::string eventText, eventThread, queuedText, queuedThread;
 
@@ -608,6 +612,23 @@ TEST_F(ServiceFaults, AnExceptionOnAThreadIsLoggedAndTheServiceGoesOn) {
         EXPECT_FALSE(Logged("TRUCK", 1, kStillInUse));
         EXPECT_EQ(nvx::CallCount("JQ_SDK_Storage_MonitorFuseStatus"), 1u);
     }
+}
+
+// A stop that comes while business_init runs leaves the business_uninit to the business's own
+// thread, which runs it once and no cycle.
+TEST_F(ServiceFaults, AStopDuringInitLeavesTheUninitToTheBusinessThread) {
+    nvx::SetSleepsInstant(true);
+    manage = std::make_shared<CTruckServiceManage>(&config);
+    auto business = std::make_unique<ProbeBusiness>(manage.get(), nullptr, 5, "init_probe");
+    business->holdInit = true;
+    EXPECT_EQ(business->business_start(), 0);
+    ASSERT_TRUE(Eventually([&] { return business->inits.load() == 1; }));
+    EXPECT_EQ(business->business_stop(), 0);
+    EXPECT_EQ(business->uninits.load(), 0) << "not on the stopping thread";
+    business->Release();
+    ASSERT_TRUE(nvx::WaitForThreadsToEnd(kGenerousMs));
+    EXPECT_EQ(business->uninits.load(), 1);
+    EXPECT_EQ(business->cycles.load(), 0);
 }
 
 // A thread that could not be created is neither waited for nor uninitialised; one that first
