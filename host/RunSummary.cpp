@@ -156,32 +156,32 @@ const char* ThreadOwner(const std::string& name) {
 
 void ThreadSampler::Start(std::chrono::milliseconds interval) {
     {
-        std::lock_guard<std::mutex> lock(mutex_);
-        if (started_) {
+        std::lock_guard<std::mutex> lock(m_mutex);
+        if (m_started) {
             return;
         }
-        started_ = true;
+        m_started = true;
     }
     SampleNow();
-    sampler_ = std::thread([this, interval] { Run(interval); });
+    m_sampler = std::thread([this, interval] { Run(interval); });
 }
 
 void ThreadSampler::Stop() {
     {
-        std::lock_guard<std::mutex> lock(mutex_);
-        stopping_ = true;
+        std::lock_guard<std::mutex> lock(m_mutex);
+        m_stopping = true;
     }
-    wake_.notify_all();
-    if (sampler_.joinable()) {
-        sampler_.join();
+    m_wake.notify_all();
+    if (m_sampler.joinable()) {
+        m_sampler.join();
     }
 }
 
 void ThreadSampler::Run(std::chrono::milliseconds interval) {
     prctl(PR_SET_NAME, "host-sampler", 0, 0, 0);
-    std::unique_lock<std::mutex> lock(mutex_);
+    std::unique_lock<std::mutex> lock(m_mutex);
     for (;;) {
-        bool stopping = wake_.wait_for(lock, interval, [this] { return stopping_; });
+        bool stopping = m_wake.wait_for(lock, interval, [this] { return m_stopping; });
         lock.unlock();
         SampleNow();
         if (stopping) {
@@ -210,14 +210,14 @@ void ThreadSampler::SampleNow() {
 }
 
 void ThreadSampler::Merge(const std::vector<Reading>& readings) {
-    std::lock_guard<std::mutex> lock(mutex_);
-    const bool first = !sampled_;
-    sampled_ = true;
+    std::lock_guard<std::mutex> lock(m_mutex);
+    const bool first = !m_sampled;
+    m_sampled = true;
     for (const Reading& r : readings) {
-        auto it = threads_.find({r.tid, r.startTicks});
-        if (it == threads_.end()) {
+        auto it = m_threads.find({r.tid, r.startTicks});
+        if (it == m_threads.end()) {
             Observed o;
-            o.order = threads_.size();
+            o.order = m_threads.size();
             if (first) {
                 o.from = r.at;
                 o.firstTicks = r.cpuTicks;
@@ -225,7 +225,7 @@ void ThreadSampler::Merge(const std::vector<Reading>& readings) {
             } else {
                 o.from = static_cast<double>(r.startTicks) / TicksPerSecond();
             }
-            it = threads_.emplace(std::make_pair(r.tid, r.startTicks), o).first;
+            it = m_threads.emplace(std::make_pair(r.tid, r.startTicks), o).first;
         } else if (r.at <= it->second.last) {
             continue;  // SampleNow() and the sampler raced; the newer reading is in already
         }
@@ -238,9 +238,9 @@ void ThreadSampler::Merge(const std::vector<Reading>& readings) {
 }
 
 std::vector<ThreadFigures> ThreadSampler::Figures() const {
-    std::lock_guard<std::mutex> lock(mutex_);
-    std::vector<ThreadFigures> figures(threads_.size());
-    for (const auto& [key, o] : threads_) {
+    std::lock_guard<std::mutex> lock(m_mutex);
+    std::vector<ThreadFigures> figures(m_threads.size());
+    for (const auto& [key, o] : m_threads) {
         ThreadFigures& f = figures[o.order];
         f.name = o.name;
         f.owner = ThreadOwner(o.name);

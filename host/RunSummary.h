@@ -73,13 +73,13 @@ private:
     void Run(std::chrono::milliseconds interval);
     void Merge(const std::vector<Reading>& readings);
 
-    mutable std::mutex mutex_;
-    std::condition_variable wake_;
-    bool started_ = false;
-    bool stopping_ = false;
-    bool sampled_ = false;                                  // the first sample is in
-    std::map<std::pair<int, uint64_t>, Observed> threads_;  // (tid, start time in ticks)
-    std::thread sampler_;
+    mutable std::mutex m_mutex;
+    std::condition_variable m_wake;
+    bool m_started = false;
+    bool m_stopping = false;
+    bool m_sampled = false;                                  // the first sample is in
+    std::map<std::pair<int, uint64_t>, Observed> m_threads;  // (tid, start time in ticks)
+    std::thread m_sampler;
 };
 
 struct RunSummary {
