@@ -10,6 +10,7 @@
 #include <regex>
 #include <sstream>
 
+#include "HostScript.h"
 #include "MediaDecode.h"
 
 namespace truckhost {
@@ -46,19 +47,11 @@ bool FromHex(const std::string& text, std::vector<uint8_t>& bytes) {
     }
     bytes.clear();
     for (size_t i = 0; i < text.size(); i += 2) {
-        unsigned value = 0;
-        for (size_t k = i; k < i + 2; ++k) {
-            const char c = text[k];
-            const int digit = c >= '0' && c <= '9'   ? c - '0'
-                              : c >= 'a' && c <= 'f' ? c - 'a' + 10
-                              : c >= 'A' && c <= 'F' ? c - 'A' + 10
-                                                     : -1;
-            if (digit < 0) {
-                return false;
-            }
-            value = value * 16 + static_cast<unsigned>(digit);
+        const int high = HexDigit(text[i]), low = HexDigit(text[i + 1]);
+        if (high < 0 || low < 0) {
+            return false;
         }
-        bytes.push_back(static_cast<uint8_t>(value));
+        bytes.push_back(static_cast<uint8_t>(high << 4 | low));
     }
     return true;
 }
@@ -175,13 +168,8 @@ void BusLogWriter::WriteRun(const RunInfo& run) {
                        nullptr)) {
         params = Json::Value();
     }
-    const time_t start = static_cast<time_t>(run.startTime);
-    struct tm parts;
-    char startText[32] = "";
-    if (gmtime_r(&start, &parts) != nullptr) {
-        strftime(startText, sizeof(startText), "%Y-%m-%dT%H:%M:%S", &parts);
-    }
-    Put("{\"t_ms\": 0, \"kind\": \"run\", \"start_time\": " + Compact(Json::Value(startText)) +
+    Put("{\"t_ms\": 0, \"kind\": \"run\", \"start_time\": " +
+        Compact(Json::Value(DeviceTimeText(run.startTime))) +
         ", \"sysroot\": " + Compact(Json::Value(run.sysroot)) + ", \"device\": " + Compact(device) +
         ", \"plugin\": " + Compact(Json::Value(run.plugin)) +
         ", \"version\": " + Compact(Json::Value(run.version)) + ", \"params\": " + Compact(params) + "}\n");
@@ -233,36 +221,16 @@ bool ReadRun(const Json::Value& line, RunInfo& run, std::string& error) {
         error = "the run line lacks its start_time, sysroot or device";
         return false;
     }
-    struct tm parts;
-    memset(&parts, 0, sizeof(parts));
     const std::string start = line["start_time"].asString();
-    const char* end = strptime(start.c_str(), "%Y-%m-%dT%H:%M:%S", &parts);
-    if (end == nullptr || *end != '\0') {
-        error = "the run's start_time '" + start + "' is not YYYY-MM-DDTHH:MM:SS";
+    if (!ParseDeviceTime(start, run.startTime)) {
+        error = "the run's start_time '" + start + "' is not YYYY-MM-DDTHH:MM:SS of 1970 to 2099";
         return false;
     }
-    run.startTime = static_cast<int64_t>(timegm(&parts));
     run.sysroot = line["sysroot"].asString();
-    const struct {
-        const char* key;
-        uint64_t max;
-    } kNumbers[] = {{"product_type", 0xFFFFFFFFu},
-                    {"system_type", 0xFFFFFFFFu},
-                    {"video_inputs", 0xFFFF},
-                    {"ip_channels", 0xFFFF}};
-    for (const auto& number : kNumbers) {
-        const Json::Value& v = device[number.key];
-        if (!v.isNull() && (!v.isUInt64() || v.asUInt64() > number.max)) {
-            error = std::string("the run's device has a bad \"") + number.key + "\"";
-            return false;
-        }
-    }
-    run.device.productType = device.get("product_type", run.device.productType).asUInt();
-    run.device.systemType = device.get("system_type", run.device.systemType).asUInt();
-    run.device.videoInNum = static_cast<uint16_t>(device.get("video_inputs", run.device.videoInNum).asUInt());
-    run.device.videoIpNum = static_cast<uint16_t>(device.get("ip_channels", run.device.videoIpNum).asUInt());
-    if (device["serial_number"].isString()) {
-        run.device.serialNumber = device["serial_number"].asString();
+    std::string reason;
+    if (!nvx::ParseDeviceProfile(device, run.device, reason)) {
+        error = "the run's device: " + reason;
+        return false;
     }
     run.plugin = line["plugin"].isString() ? line["plugin"].asString() : std::string();
     run.version = line["version"].isString() ? line["version"].asString() : std::string();

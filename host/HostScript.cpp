@@ -59,14 +59,6 @@ void PutLe32(std::vector<uint8_t>& bytes, size_t at, uint32_t value) {
     }
 }
 
-int HexDigit(char c) {
-    if (c >= '0' && c <= '9') {
-        return c - '0';
-    }
-    c = static_cast<char>(tolower(static_cast<unsigned char>(c)));
-    return c >= 'a' && c <= 'f' ? c - 'a' + 10 : -1;
-}
-
 // Reads the members of one step; the first problem is kept for the message.
 class StepMembers {
 public:
@@ -299,6 +291,39 @@ ParsedScript ParseScript(const std::string& text) {
     std::stable_sort(parsed.steps.begin(), parsed.steps.end(),
                      [](const ScriptStep& a, const ScriptStep& b) { return a.atMs < b.atMs; });
     return parsed;
+}
+
+int HexDigit(char c) {
+    if (c >= '0' && c <= '9') {
+        return c - '0';
+    }
+    c = static_cast<char>(tolower(static_cast<unsigned char>(c)));
+    return c >= 'a' && c <= 'f' ? c - 'a' + 10 : -1;
+}
+
+// Counted on 64 bits rather than through gmtime_r: the device build's time_t ends in 2038,
+// and the device clock runs to 2099.
+std::string DeviceTimeText(int64_t seconds, char separator) {
+    if (seconds < 0) {
+        return "?";
+    }
+    // Days from 0000-03-01, whose years put the leap day at their end; 400 years hold 146097 days.
+    const int64_t days = seconds / 86400 + 719468;
+    const int64_t inDay = seconds % 86400;
+    const int64_t era = days / 146097;
+    const int64_t dayOfEra = days % 146097;
+    const int64_t yearOfEra = (dayOfEra - dayOfEra / 1460 + dayOfEra / 36524 - dayOfEra / 146096) / 365;
+    const int64_t dayOfYear = dayOfEra - (365 * yearOfEra + yearOfEra / 4 - yearOfEra / 100);
+    const int64_t monthFromMarch = (5 * dayOfYear + 2) / 153;
+    const int64_t month = monthFromMarch < 10 ? monthFromMarch + 3 : monthFromMarch - 9;
+    const int64_t year = era * 400 + yearOfEra + (month <= 2 ? 1 : 0);
+    char text[48];
+    snprintf(text, sizeof(text), "%04lld-%02lld-%02lld%c%02lld:%02lld:%02lld", static_cast<long long>(year),
+             static_cast<long long>(month),
+             static_cast<long long>(dayOfYear - (153 * monthFromMarch + 2) / 5 + 1), separator,
+             static_cast<long long>(inDay / 3600), static_cast<long long>(inDay / 60 % 60),
+             static_cast<long long>(inDay % 60));
+    return text;
 }
 
 bool ParseDeviceTime(const std::string& text, int64_t& seconds) {

@@ -13,6 +13,7 @@
 #include <chrono>
 #include <iterator>
 
+#include "HostScript.h"
 #include "NvxControl.h"
 
 #ifdef TRUCK_HOST_FRAMES
@@ -34,29 +35,6 @@ std::string Format(const char* format, ...) {
     vsnprintf(text, sizeof(text), format, args);
     va_end(args);
     return text;
-}
-
-// Counted on 64 bits rather than through gmtime_r: the device build's time_t ends in 2038,
-// and the device clock runs to 2099.
-std::string ClockText(int64_t seconds) {
-    if (seconds < 0) {
-        return "?";
-    }
-    // Days from 0000-03-01, whose years put the leap day at their end; 400 years hold 146097 days.
-    const int64_t days = seconds / 86400 + 719468;
-    const int64_t inDay = seconds % 86400;
-    const int64_t era = days / 146097;
-    const int64_t dayOfEra = days % 146097;
-    const int64_t yearOfEra = (dayOfEra - dayOfEra / 1460 + dayOfEra / 36524 - dayOfEra / 146096) / 365;
-    const int64_t dayOfYear = dayOfEra - (365 * yearOfEra + yearOfEra / 4 - yearOfEra / 100);
-    const int64_t monthFromMarch = (5 * dayOfYear + 2) / 153;
-    const int64_t month = monthFromMarch < 10 ? monthFromMarch + 3 : monthFromMarch - 9;
-    const int64_t year = era * 400 + yearOfEra + (month <= 2 ? 1 : 0);
-    return Format("%04lld-%02lld-%02lld %02lld:%02lld:%02lld", static_cast<long long>(year),
-                  static_cast<long long>(month),
-                  static_cast<long long>(dayOfYear - (153 * monthFromMarch + 2) / 5 + 1),
-                  static_cast<long long>(inDay / 3600), static_cast<long long>(inDay / 60 % 60),
-                  static_cast<long long>(inDay % 60));
 }
 
 // The turn mark at the end of the speed text, as the driver reads it.
@@ -150,8 +128,9 @@ std::vector<std::string> RenderPanel(const media::Snapshot& s, const PanelInput&
     std::vector<std::string> lines;
     lines.push_back(
         Format("truckhost %7.1f s   device clock %s   bus %.1f msg/s   media %llu read, %llu unreadable",
-               static_cast<double>(in.tMs) / 1000.0, ClockText(in.deviceClock).c_str(), in.messagesPerSecond,
-               static_cast<unsigned long long>(s.decoded), static_cast<unsigned long long>(s.undecodable)));
+               static_cast<double>(in.tMs) / 1000.0, DeviceTimeText(in.deviceClock, ' ').c_str(),
+               in.messagesPerSecond, static_cast<unsigned long long>(s.decoded),
+               static_cast<unsigned long long>(s.undecodable)));
 
     if (!in.note.empty()) {
         lines.push_back(in.note);

@@ -13,6 +13,10 @@
 #include <string>
 #include <vector>
 
+namespace Json {
+class Value;
+}
+
 namespace nvx {
 
 // ---- device profile: what the global configuration block reports ----
@@ -30,6 +34,8 @@ DeviceProfile GetDeviceProfile();
 // optional with the defaults above. False with the reason (the system's, for a file that cannot
 // be read) for anything else, an unknown key included; `profile` is then untouched.
 bool ReadDeviceProfile(const std::string& path, DeviceProfile& profile, std::string& error);
+// The same from a document already read (a recorded run's "device"); the reason names no file.
+bool ParseDeviceProfile(const Json::Value& doc, DeviceProfile& profile, std::string& error);
 
 // Make the next initialisations fail until cleared.
 void SetGlobalInitFails(bool fails);
