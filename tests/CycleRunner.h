@@ -16,16 +16,12 @@
 #include "TruckServiceManage.h"
 
 struct CycleRunner {
-    explicit CycleRunner(const std::shared_ptr<CTruckServiceManage>& manage)
-        : args{manage.get(), &param, manage} {
+    explicit CycleRunner(const std::shared_ptr<CTruckServiceManage>& manage) {
         param.ucReserved0 = 0;
         param.ucRunning.store(0);
-        manage->basic_cycle_starting();
-        pthread_t handle;
-        OsUtilsCreateThread(&handle, service_thread_entry, &args, 0x80000, 1);
+        manage->basic_launch_cycle(&param);
     }
     tag_ServiceParam param;
-    CTruckService::ThreadArgs args;
 };
 
 inline tagGlobalConfig MakeGlobalConfig() {

@@ -9,6 +9,7 @@
 #include <future>
 #include <mutex>
 #include <set>
+#include <stdexcept>
 #include <string>
 #include <thread>
 
@@ -54,6 +55,10 @@ public:
     }
     int business_cycle_running(unsigned long long nowMs) override {
         lastCycleMs = nowMs;
+        if (cycles.load() < throwCycles) {
+            ++cycles;
+            throw std::runtime_error("probe fault");
+        }
         {
             std::lock_guard<std::mutex> lock(mutex);
             cycleThreads.insert(ThreadName());
@@ -91,6 +96,7 @@ public:
     std::atomic<int> inits{0}, uninits{0}, cycles{0};
     std::atomic<unsigned long long> lastCycleMs{0};
     int initResult = 0;
+    int throwCycles = 0;     // the first cycles throw
     std::string initThread;  // written before the business runs, read after it stopped
     std::mutex mutex;
     std::condition_variable released;
@@ -435,10 +441,7 @@ TEST_F(MainCycle, APassThatOutlivesTheStopLeavesTheHostBlockAlone) {
     ASSERT_EQ(manage->basic_register_business(6, stuck), 0);
     auto* param = new tag_ServiceParam;
     param->ucRunning.store(0);
-    CTruckService::ThreadArgs args{manage.get(), param, manage};
-    manage->basic_cycle_starting();
-    pthread_t handle;
-    ASSERT_EQ(OsUtilsCreateThread(&handle, service_thread_entry, &args, 0x80000, 1), 0);
+    manage->basic_launch_cycle(param);
     ASSERT_TRUE(Eventually([&] { return stuck->cycles.load() == 1; }));
 
     nvx::SetSleepsInstant(true);
@@ -631,30 +634,141 @@ TEST_F(ServiceFaults, AStopDuringInitLeavesTheUninitToTheBusinessThread) {
     EXPECT_EQ(business->cycles.load(), 0);
 }
 
-// A thread that could not be created is neither waited for nor uninitialised; one that first
-// runs after its stop gave up on it stays uninitialised.
-TEST_F(ServiceFaults, ThreadsThatNeverRanAreNotWaitedForNorUninitialised) {
-    nvx::SetSleepsInstant(true);
-    nvx::FailCalls("OsUtilsCreateThread", 1);
+// The answer of a thread creation is not examined: a vendor's that answers the thread's id on
+// success still has the stop wait for the threads, and one whose thread never runs (not
+// created, or not yet scheduled when the stop's wait runs out) is waited for once and then let
+// go for good, so a new start is taken and a thread that starts late runs in nothing.
+TEST_F(ServiceFaults, ThreadCreationAnswersAreNotExamined) {
+    nvx::SetCreatedThreadAnswer(4711);
     ASSERT_EQ(JQ_SDK_Service_Start(&param), 0);
+    ASSERT_TRUE(nvx::WaitForWatchdogFeeds("truckbusiness.02", 2, kGenerousMs));
+    ASSERT_TRUE(nvx::WaitForWatchdogFeeds("truckosd", 2, kGenerousMs));
     EXPECT_EQ(JQ_SDK_Service_Stop(&param), 0);
-    manage = std::make_shared<CTruckServiceManage>(&config);
-    EXPECT_TRUE(manage->basic_threads_stopped()) << "a manager whose cycle never started";
-    auto business = std::make_unique<ProbeBusiness>(manage.get(), nullptr, 5, "late_probe");
-    nvx::FailCalls("OsUtilsCreateThread", 1);
-    EXPECT_EQ(business->business_start(), 0);
-    EXPECT_EQ(business->business_stop(), 0);
-    EXPECT_EQ(nvx::SleepsOfThisThread(), std::vector<unsigned int>())
-        << "no wait for a thread that never ran";
-    EXPECT_FALSE(Logged("TRUCK", 1, kStillInUse));
+    const auto feeds = nvx::WatchdogFeeds();
+    EXPECT_EQ(CTruckServiceManage::basic_live_count(), 0);
+    ASSERT_TRUE(nvx::WaitForThreadsToEnd(kGenerousMs));
+    EXPECT_EQ(nvx::WatchdogFeeds(), feeds) << "both threads ended within the stop";
 
+    nvx::SetSleepsInstant(true);
+    for (bool created : {false, true}) {
+        SCOPED_TRACE(created ? "held before its entry" : "never created");
+        if (created) {
+            nvx::CloseGate("OsUtilsThreadStart");
+        } else {
+            nvx::FailCalls("OsUtilsCreateThread", 1);
+        }
+        const uint64_t inits = nvx::CallCount("JQ_SDK_Basic_Initialize");
+        const size_t sleeps = nvx::SleepsOfThisThread().size();
+        ASSERT_EQ(JQ_SDK_Service_Start(&param), 0);
+        if (created) {
+            ASSERT_TRUE(nvx::WaitForCallAtGate("OsUtilsThreadStart", kGenerousMs));
+        }
+        EXPECT_EQ(JQ_SDK_Service_Stop(&param), 0);
+        const std::vector<unsigned int> all = nvx::SleepsOfThisThread();
+        EXPECT_EQ(std::vector<unsigned int>(all.begin() + static_cast<long>(sleeps), all.end()),
+                  std::vector<unsigned int>(101, 20));
+        EXPECT_EQ(CTruckServiceManage::basic_live_count(), 0);
+        EXPECT_FALSE(Logged("TRUCK", 1, kStillInUse));
+        nvx::OpenGate("OsUtilsThreadStart");
+        ASSERT_TRUE(nvx::WaitForThreadsToEnd(kGenerousMs));
+        EXPECT_EQ(nvx::CallCount("JQ_SDK_Basic_Initialize"), inits) << "no cycle ran";
+    }
+
+    // A business's own thread in the same case: waited for, then let go uninitialised.
+    manage = std::make_shared<CTruckServiceManage>(&config);
+    auto business = std::make_unique<ProbeBusiness>(manage.get(), nullptr, 5, "late_probe");
     nvx::CloseGate("OsUtilsThreadStart");
     EXPECT_EQ(business->business_start(), 0);
     ASSERT_TRUE(nvx::WaitForCallAtGate("OsUtilsThreadStart", kGenerousMs));
+    const size_t sleeps = nvx::SleepsOfThisThread().size();
     EXPECT_EQ(business->business_stop(), 0);
-    EXPECT_EQ(nvx::SleepsOfThisThread(), std::vector<unsigned int>(101, 20));
+    EXPECT_EQ(nvx::SleepsOfThisThread().size() - sleeps, 101u);
+    EXPECT_EQ(business->business_get_thread_state(), 3);
     nvx::OpenGate("OsUtilsThreadStart");
     ASSERT_TRUE(nvx::WaitForThreadsToEnd(kGenerousMs));
-    EXPECT_EQ(business->business_get_thread_state(), 3);
     EXPECT_EQ(business->inits.load() + business->uninits.load(), 0);
+}
+
+// A business that a stop refuses while it starts is stopped and left to its manager, never
+// freed under its own thread: held at the platform's gate past the stop's wait, before its
+// entry or inside business_init, the thread comes free after the stop and ends in a live
+// business, which goes with the manager when the thread lets go.
+TEST_F(ServiceFaults, ABusinessRefusedByAStopOutlivesItsLateThread) {
+    for (const char* late : {"OsUtilsThreadStart", "JQ_SDK_Device_MonitorDevSignalData"}) {
+        SCOPED_TRACE(late);
+        nvx::Reset();
+        nvx::StartLogCapture();
+        nvx::SetSleepsInstant(true);
+        nvx::CloseGate("CAsynCallback");
+        ASSERT_EQ(JQ_SDK_Service_Start(&param), 0);
+        ASSERT_TRUE(nvx::WaitForCallAtGate("CAsynCallback", kGenerousMs));
+        // Past the loader's last stop check: the business's thread exists, its start not yet
+        // returned.
+        nvx::CloseGate("OsUtilsThreadCreated");
+        nvx::CloseGate(late);
+        nvx::OpenGate("CAsynCallback");
+        ASSERT_TRUE(nvx::WaitForCallAtGate("OsUtilsThreadCreated", kGenerousMs));
+        ASSERT_TRUE(nvx::WaitForCallAtGate(late, kGenerousMs));
+        EXPECT_TRUE(StopReturnsWhileHeld("OsUtilsThreadCreated"));
+        ASSERT_TRUE(Eventually([] { return nvx::RunningThreads() == 1; })) << "the main cycle has ended";
+        EXPECT_EQ(CTruckServiceManage::basic_live_count(), std::string(late) == "OsUtilsThreadStart" ? 0 : 1)
+            << "kept by the thread inside business_init only";
+        nvx::OpenGate(late);
+        ASSERT_TRUE(nvx::WaitForThreadsToEnd(kGenerousMs));
+        EXPECT_EQ(CTruckServiceManage::basic_live_count(), 0);
+    }
+}
+
+// A fault that throws on every pass is told once, with what was thrown; after 100 failed passes
+// in a row the loop stops feeding the watchdog, so the device restarts the service as it would a
+// hung one, and feeds again from the pass after one that succeeds. The same on the main cycle
+// and on a business's own thread.
+TEST_F(ServiceFaults, APassThatKeepsThrowingStopsTheWatchdogFeed) {
+    for (bool own : {false, true}) {
+        SCOPED_TRACE(own ? "own thread" : "main cycle");
+        nvx::Reset();
+        nvx::StartLogCapture();
+        nvx::SetBusWaitsInstant(true);
+        manage = std::make_shared<CTruckServiceManage>(&config);
+        auto* probe = new ProbeBusiness(manage.get(), own ? nullptr : manage->basic_get_msg_client(), 5,
+                                        "fault_probe", 0);
+        probe->throwCycles = 150;
+        ASSERT_EQ(probe->business_start(), 0);
+        ASSERT_EQ(manage->basic_register_business(5, probe), 0);
+        std::unique_ptr<CycleRunner> cycle(own ? nullptr : new CycleRunner(manage));
+        ASSERT_TRUE(Eventually([&] { return probe->cycles.load() >= 170; }));
+        EXPECT_EQ(manage->basic_uninit(), 0);
+        ASSERT_TRUE(nvx::WaitForThreadsToEnd(kGenerousMs));
+
+        const std::string where = own ? "fault_probe" : "main cycle";
+        const std::string client = own ? "fault_probe" : "truckbusiness.02";
+        EXPECT_EQ(nvx::WatchdogFeedCount(client), static_cast<uint64_t>(probe->cycles.load() - 51));
+        int told = 0;
+        for (const nvx::LogLine& line : nvx::CapturedLogs()) {
+            told += line.text.find("exception") != std::string::npos ? 1 : 0;
+        }
+        EXPECT_EQ(told, 1);
+        EXPECT_TRUE(
+            Logged("TRUCK", 0, where + " pass stopped by an exception: probe fault, the loop goes on\n"));
+        EXPECT_TRUE(
+            Logged("TRUCK", 0, where + " failed 100 passes in a row, the watchdog is no longer fed\n"));
+        EXPECT_TRUE(Logged("TRUCK", 1, where + " runs again after 150 failed passes\n"));
+        manage.reset();
+    }
+}
+
+// The stop releases the global-parameter SDK last, after the manager and its businesses have
+// gone.
+TEST_F(ServiceFaults, TheGlobalParameterSdkIsReleasedAfterTheManagerHasGone) {
+    ASSERT_EQ(JQ_SDK_Service_Start(&param), 0);
+    ASSERT_TRUE(nvx::WaitForWatchdogFeeds("truckosd", 1, kGenerousMs));
+    nvx::CloseGate("JQ_SDK_Global_Deinitialize");
+    auto stop = std::async(std::launch::async, [this] { return JQ_SDK_Service_Stop(&param); });
+    ASSERT_TRUE(nvx::WaitForCallAtGate("JQ_SDK_Global_Deinitialize", kGenerousMs));
+    EXPECT_EQ(CTruckServiceManage::basic_live_count(), 0);
+    EXPECT_FALSE(nvx::HasClient("truckbusiness.02"));
+    EXPECT_FALSE(nvx::HasClient("truckosd"));
+    EXPECT_EQ(param.ucRunning.load(), 0);
+    nvx::OpenGate("JQ_SDK_Global_Deinitialize");
+    EXPECT_EQ(stop.get(), 0);
 }

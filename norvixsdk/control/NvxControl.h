@@ -151,13 +151,17 @@ void SetSleepsInstant(bool instant);
 // (every counted operation).
 void ThrowBadAllocIn(const std::string& operation, int count);
 // The next `count` calls fail (OsUtilsCreateThread: -1 and no thread). A thread created by
-// OsUtilsCreateThread counts "OsUtilsThreadStart" before its entry runs, where a gate holds it.
+// OsUtilsCreateThread counts "OsUtilsThreadStart" before its entry runs, where a gate holds it,
+// and the creating thread counts "OsUtilsThreadCreated" once the thread exists.
 void FailCalls(const std::string& operation, int count);
 // Calls stop at the operation's gate until it is opened: a platform call that takes as long
 // as the test wants. WaitForCallAtGate waits until one is held there.
 void CloseGate(const std::string& operation);
 void OpenGate(const std::string& operation);
 bool WaitForCallAtGate(const std::string& operation, int timeoutMs);
+// What OsUtilsCreateThread answers when it did create the thread (default 0): a vendor's SDK
+// may answer the new thread's id instead.
+void SetCreatedThreadAnswer(int answer);
 // Threads started with OsUtilsCreateThread that have not yet returned.
 int RunningThreads();
 bool WaitForThreadsToEnd(int timeoutMs);

@@ -8,7 +8,9 @@ typedef void* (*OsUtilsThreadEntry)(void* arg);
 
 // Starts `entry(arg)` on a new thread with a stack of `stackSize` bytes (0: the system's
 // default). `flag` 1 starts it detached: nobody joins it and the handle is only informative;
-// 0 leaves it joinable. Returns 0, or -1 when the thread could not be created.
+// 0 leaves it joinable. What it answers is the platform's own and has no documented
+// convention (the simulated device answers 0, or -1 when it could not create the thread,
+// unless told otherwise), so a caller must not rely on it.
 int OsUtilsCreateThread(pthread_t* handle, OsUtilsThreadEntry entry, void* arg, unsigned int stackSize,
                         int flag);
 

@@ -31,6 +31,7 @@ struct ThreadState {
 std::atomic<bool> g_tickHeld{false};
 std::atomic<uint64_t> g_heldTick{0};
 std::atomic<bool> g_instantSleeps{false};
+std::atomic<int> g_createdAnswer{0};
 
 ThreadState& Threads() {
     static ThreadState* state = new ThreadState;  // never destroyed, see Device.cpp
@@ -96,6 +97,10 @@ void SetSleepsInstant(bool instant) {
     g_instantSleeps.store(instant);
 }
 
+void SetCreatedThreadAnswer(int answer) {
+    g_createdAnswer.store(answer);
+}
+
 namespace detail {
 void ResetThreads() {
     ThreadState& t = Threads();
@@ -104,6 +109,7 @@ void ResetThreads() {
     t.sleeps.clear();
     g_tickHeld.store(false);
     g_instantSleeps.store(false);
+    g_createdAnswer.store(0);
 }
 }  // namespace detail
 
@@ -151,7 +157,10 @@ int OsUtilsCreateThread(pthread_t* handle, OsUtilsThreadEntry entry, void* arg, 
         --t.running;
         return -1;
     }
-    return 0;
+    // Counted once the thread exists: a gate here holds the creator, as a scheduler that runs
+    // the new thread first would.
+    nvx::detail::CountCall("OsUtilsThreadCreated");
+    return nvx::g_createdAnswer.load();
 }
 
 unsigned long long OsUtilsGetTickCount(void) {

@@ -3,8 +3,11 @@
 // general heap with small records.
 //
 // What always holds, under m_mutex (one recursive mutex guards every field and the contents
-// of every block; the pool never calls out while holding it, so it is always the last lock
-// taken: wheel before pool, hub before pool):
+// of every block). Under it the pool calls only the C library: malloc, calloc, realloc and
+// free when a block, the block table, the address map or a large allocation comes or goes,
+// and one line to standard error when it refuses a call. None of these takes a lock of ours
+// or calls back into one, so the pool's lock is always the last one taken (wheel before pool,
+// hub before pool) and no cycle of locks can form through it:
 // - Every block is m_uiBlockSize bytes from malloc: a block_t header, then its data area.
 //   The chain runs from m_uiFirstBlock along next to m_uiLastBlock; a block joins it once, at
 //   the end, and leaves it only in the destructor. Small allocation searches from
@@ -38,11 +41,14 @@
 
 #include <atomic>
 
-// The pool's recursive lock. Its holds are a few dozen instructions and it never calls out to
-// anything that waits, so a waiter spins a little and then sleeps in short steps rather than
-// parking on a futex: the release is then a plain store, and a call of the pool costs one
-// atomic exchange instead of the two of a futex mutex, which were most of its time. Sleeping,
-// not yielding, lets a holder of lower priority run, so a real-time waiter cannot starve it.
+// The pool's recursive lock. Most holds are a few dozen instructions; the rare long one is a
+// hold across malloc or free of a whole block (a page fault, an mmap, the allocator's own
+// lock) or a refusal's line on standard error. So a waiter spins a little and then sleeps in
+// short steps rather than parking on a futex: the common release is then a plain store, and a
+// call of the pool costs one atomic exchange instead of the two of a futex mutex, which were
+// most of its time, while a waiter behind a long hold sleeps instead of burning the processor.
+// Sleeping, not yielding, lets a holder of lower priority run, so a real-time waiter cannot
+// starve it.
 class PoolMutex {
 public:
     void lock() {

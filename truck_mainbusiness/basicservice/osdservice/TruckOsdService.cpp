@@ -11,7 +11,6 @@
 #include "HCTimeWheel.h"
 #include "JQ_SDK_Basic.h"
 #include "JQ_SDK_Device.h"
-#include "OsUtils.h"
 #include "TruckServiceManage.h"
 
 namespace {
@@ -28,8 +27,8 @@ std::atomic<bool> s_stampsSet{false};
 std::atomic<unsigned long long> s_lastRequestMs{0};
 std::atomic<unsigned long long> s_lastShiftMs{0};
 
-// The live businesses by token. An entry unlisted while calls are still running in its
-// business stays until the last of them has left, so the destructor can wait for them.
+// The live businesses by token. An entry unlisted (business_uninit) while calls are still
+// running in its business stays until the last of them has left.
 struct LiveEntry {
     CTruckOsdService* business;
     std::weak_ptr<CTruckServiceManage> manage;
@@ -165,21 +164,12 @@ CTruckOsdService::CTruckOsdService(CTruckServiceManage* manager, CMsgClientManag
         this, manager != nullptr ? manager->weak_from_this() : std::weak_ptr<CTruckServiceManage>(), true, 0};
 }
 
-// A business destroyed while its manager lives (one whose start failed) may still have a
-// platform callback running in it: wait for that to leave. One destroyed with its manager has
-// none, since every call holds a share of the manager.
+// Nothing to wait for: a business is destroyed only by its manager's destructor (one that
+// never made it into the map is retired to the manager), and every platform callback that
+// runs in a business holds a share of that manager, so none is running now. Unlisting stops
+// the ones still to come.
 CTruckOsdService::~CTruckOsdService() {
     Unlist();
-    LiveRegistry& live = Live();
-    for (;;) {
-        {
-            std::lock_guard<std::mutex> lock(live.mutex);
-            if (live.entries.count(m_liveToken) == 0) {
-                return;
-            }
-        }
-        OsUtilsSleep(1);
-    }
 }
 
 int CTruckOsdService::business_init() {

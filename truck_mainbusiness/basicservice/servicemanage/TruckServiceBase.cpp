@@ -4,6 +4,8 @@
 #include <stdlib.h>
 #include <string.h>
 
+#include <map>
+#include <mutex>
 #include <new>
 
 #include "CommonDefine.h"
@@ -23,7 +25,73 @@ int EventWaitMs(unsigned long long cycleTime) {
     return static_cast<int>(cycleTime);
 }
 
+struct TicketOffice {
+    std::mutex mutex;
+    std::map<uintptr_t, TruckThreadTicket> filed;
+    uintptr_t last = 0;
+};
+
+TicketOffice& Tickets() {
+    static TicketOffice* office = new TicketOffice;  // never destroyed: a late thread may still ask
+    return *office;
+}
+
 }  // namespace
+
+void* TruckPostThreadTicket(TruckThreadTicket ticket) {
+    TicketOffice& office = Tickets();
+    std::lock_guard<std::mutex> lock(office.mutex);
+    const uintptr_t number = ++office.last;
+    office.filed[number] = std::move(ticket);
+    return reinterpret_cast<void*>(number);
+}
+
+bool TruckTakeThreadTicket(void* number, TruckThreadTicket& out) {
+    TicketOffice& office = Tickets();
+    std::lock_guard<std::mutex> lock(office.mutex);
+    auto found = office.filed.find(reinterpret_cast<uintptr_t>(number));
+    if (found == office.filed.end()) {
+        return false;
+    }
+    out = std::move(found->second);
+    office.filed.erase(found);
+    return true;
+}
+
+bool TruckWithdrawThreadTicket(void* number) {
+    TruckThreadTicket withdrawn;
+    {
+        TicketOffice& office = Tickets();
+        std::lock_guard<std::mutex> lock(office.mutex);
+        auto found = office.filed.find(reinterpret_cast<uintptr_t>(number));
+        if (found == office.filed.end()) {
+            return false;
+        }
+        withdrawn = std::move(found->second);
+        office.filed.erase(found);
+    }
+    // The share of the manager goes here, outside the office's lock: it may be the last one.
+    return true;
+}
+
+void TruckPassFaults::Failed(const char* what) noexcept {
+    if (m_uiFailedRun < UINT32_MAX) {
+        ++m_uiFailedRun;
+    }
+    if (m_uiFailedRun == 1) {
+        TRUCK_LOG(0, "%s pass stopped by an exception: %s, the loop goes on\n", m_where, what);
+    }
+    if (m_uiFailedRun == kTruckFailedPassLimit) {
+        TRUCK_LOG(0, "%s failed %u passes in a row, the watchdog is no longer fed\n", m_where, m_uiFailedRun);
+    }
+}
+
+void TruckPassFaults::Succeeded() noexcept {
+    if (m_uiFailedRun != 0) {
+        TRUCK_LOG(1, "%s runs again after %u failed passes\n", m_where, m_uiFailedRun);
+        m_uiFailedRun = 0;
+    }
+}
 
 CTruckServiceBase::CTruckServiceBase(CTruckServiceManage* manager, CMsgClientManage* client, unsigned int id,
                                      char* name, unsigned char /*type*/, Json::Value& param)
@@ -36,7 +104,7 @@ CTruckServiceBase::CTruckServiceBase(CTruckServiceManage* manager, CMsgClientMan
       m_pServiceManage(manager),
       m_pAsynCallback(nullptr),
       m_bIndependThread(0),
-      m_iThreadState(3) {
+      m_iThreadState(kTruckThreadStopped) {
     StringCopy(m_szBusinessName, sizeof(m_szBusinessName), name != nullptr ? name : "");
     if (m_pServiceManage == nullptr) {
         APPCOM_LOG(0, "Basic Server manage ptr is null\n");
@@ -81,16 +149,16 @@ int CTruckServiceBase::business_add_asyn_callback(const char* /*data*/, int /*le
 
 int CTruckServiceBase::business_start() {
     if (m_bIndependThread != 0) {
-        m_iThreadState.store(0);
-        // The thread holds the manager (and so this business) until its last step.
-        m_threadHold = m_pServiceManage->weak_from_this().lock();
+        m_iThreadState.store(kTruckThreadStarting);
+        // The thread holds the manager, which owns this business, until its last step.
+        TruckThreadTicket ticket;
+        ticket.hold = m_pServiceManage->weak_from_this().lock();
+        ticket.target = this;
+        m_pThreadTicket = TruckPostThreadTicket(std::move(ticket));
         pthread_t handle;
-        if (OsUtilsCreateThread(&handle, business_independ_thread_entry, this, kTruckThreadStackSize, 1) !=
-            0) {
-            // No thread: no business_init, so neither a business_uninit nor a wait at the stop.
-            m_threadHold.reset();
-            m_iThreadState.store(3);
-        }
+        // Deliberately not examined: the thread's own state word and its ticket tell whether it ran.
+        OsUtilsCreateThread(&handle, business_independ_thread_entry, m_pThreadTicket, kTruckThreadStackSize,
+                            1);
         return 0;
     }
     if (m_pMsgClient == nullptr) {
@@ -106,24 +174,28 @@ int CTruckServiceBase::business_stop() {
         business_uninit();
         return 0;
     }
-    // A thread that was never created (state 3) has nothing to undo and nothing to wait for.
-    // One still starting (state 0) is told to stop before it runs: it then skips its
-    // business_init, or, if already in it, calls business_uninit itself afterwards, so the two
-    // never overlap.
-    int32_t state = 0;
-    if (!m_iThreadState.compare_exchange_strong(state, 2)) {
-        if (state == 3) {
+    // A thread that has ended has nothing more to undo. One still starting is told to stop
+    // before it runs: it then skips its business_init, or, if already in it, calls
+    // business_uninit itself afterwards, so the two never overlap.
+    int32_t state = kTruckThreadStarting;
+    if (!m_iThreadState.compare_exchange_strong(state, kTruckThreadStopAsked)) {
+        if (state == kTruckThreadStopped) {
             return 0;
         }
         business_uninit();
-        m_iThreadState.store(2);
+        m_iThreadState.store(kTruckThreadStopAsked);
     }
     TruckWaitThreadStopped(m_iThreadState);
+    // A thread that has not taken its ticket by now (never created, or not yet scheduled) never
+    // runs in this business: it has nothing to undo and nothing to wait for any more.
+    if (m_iThreadState.load() != kTruckThreadStopped && TruckWithdrawThreadTicket(m_pThreadTicket)) {
+        m_iThreadState.store(kTruckThreadStopped);
+    }
     return 0;
 }
 
 void TruckWaitThreadStopped(const std::atomic<int32_t>& state) {
-    for (int i = 0; i < kTruckStopPolls && state.load() != 3; ++i) {
+    for (int i = 0; i < kTruckStopPolls && state.load() != kTruckThreadStopped; ++i) {
         OsUtilsSleep(kTruckStopPollMs);
     }
 }
@@ -144,19 +216,20 @@ int CTruckServiceBase::business_shared_thread_run(unsigned long long nowMs) {
     return 0;
 }
 
-void* CTruckServiceBase::business_independ_thread_entry(void* business) {
-    if (business == nullptr) {
-        return nullptr;
+void* CTruckServiceBase::business_independ_thread_entry(void* ticketNumber) {
+    TruckThreadTicket ticket;
+    if (!TruckTakeThreadTicket(ticketNumber, ticket) || ticket.target == nullptr) {
+        return nullptr;  // withdrawn by a stop that gave up on this thread
     }
-    CTruckServiceBase* self = static_cast<CTruckServiceBase*>(business);
-    // Last to go: after it the manager may destroy the business at any moment.
-    const std::shared_ptr<CTruckServiceManage> hold = std::move(self->m_threadHold);
+    CTruckServiceBase* self = static_cast<CTruckServiceBase*>(ticket.target);
+    // Last to go: after it the manager, and with it this business, may be destroyed at once.
+    const std::shared_ptr<CTruckServiceManage> hold = std::move(ticket.hold);
     TruckGuardThread(self->m_szBusinessName, [self] {
         if (self->business_independ_thread_func_impl() != 0) {
             TRUCK_LOG(2, "Create business thread failed\n");
         }
     });
-    self->m_iThreadState.store(3);
+    self->m_iThreadState.store(kTruckThreadStopped);
     return nullptr;
 }
 
@@ -166,7 +239,7 @@ int CTruckServiceBase::business_independ_thread_func_impl() {
     }
     TRUCK_THREAD_INFO_PRINT(m_szBusinessName);
     // A thread that first runs after its stop gave up on it: the business stays uninitialised.
-    if (m_iThreadState.load() == 2) {
+    if (m_iThreadState.load() == kTruckThreadStopAsked) {
         return 0;
     }
     if (m_pMsgClient == nullptr) {
@@ -181,16 +254,19 @@ int CTruckServiceBase::business_independ_thread_func_impl() {
 
     // A stop that came during business_init has already written 2: keep it, and run the
     // business_uninit that the stop left to this thread.
-    int32_t expected = 0;
-    if (!m_iThreadState.compare_exchange_strong(expected, 1)) {
+    int32_t expected = kTruckThreadStarting;
+    if (!m_iThreadState.compare_exchange_strong(expected, kTruckThreadRunning)) {
         business_uninit();
     }
-    while (m_iThreadState.load() == 1) {
+    TruckPassFaults faults(m_szBusinessName);
+    while (m_iThreadState.load() == kTruckThreadRunning) {
         const unsigned long long now = OsUtilsGetTickCount();
         // What a pass throws ends that pass, not the thread.
-        TruckGuardThread(m_szBusinessName, [this, now] {
+        faults.Run([this, now, &faults] {
             m_pMsgClient->MSGWaitForEvent(EventWaitMs(m_ullCycleTime));
-            m_pMsgClient->MSGFeedWatchDog(now);
+            if (faults.FeedsWatchdog()) {
+                m_pMsgClient->MSGFeedWatchDog(now);
+            }
             m_pAsynCallback->AsynCallbackExecute();
             if (TruckTickDistance(now, m_ullLastRunTime) >= m_ullCycleTime) {
                 m_ullLastRunTime = now;
@@ -198,6 +274,6 @@ int CTruckServiceBase::business_independ_thread_func_impl() {
             }
         });
     }
-    m_iThreadState.store(3);
+    m_iThreadState.store(kTruckThreadStopped);
     return 0;
 }

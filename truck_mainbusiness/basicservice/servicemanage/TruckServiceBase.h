@@ -24,6 +24,13 @@ const unsigned int kTruckThreadStackSize = 0x80000;  // 512 KiB
 const int kTruckStopPolls = 101;
 const unsigned int kTruckStopPollMs = 20;
 
+// The thread-state words of the main cycle and of a business's own thread. The stopping side
+// writes kTruckThreadStopAsked and polls until the thread has written kTruckThreadStopped.
+const int32_t kTruckThreadStarting = 0;
+const int32_t kTruckThreadRunning = 1;
+const int32_t kTruckThreadStopAsked = 2;
+const int32_t kTruckThreadStopped = 3;
+
 // Distance of two ticks either way: a tick that went back still counts as time passed.
 inline unsigned long long TruckTickDistance(unsigned long long a, unsigned long long b) {
     return a > b ? a - b : b - a;
@@ -47,6 +54,60 @@ void TruckGuardThread(const char* where, F&& body) noexcept {
         TruckLogThreadFault(where, "unknown exception");
     }
 }
+
+// Counts a loop's passes that end in an exception. A fault that throws on every pass would
+// otherwise leave a service that feeds the watchdog and does nothing: the first failure of a
+// run is logged with what was thrown, and after kTruckFailedPassLimit failures in a row the
+// loop stops feeding the watchdog, so that the device restarts the service as it would a hung
+// one. A pass that succeeds ends the run; its length is logged then.
+const unsigned int kTruckFailedPassLimit = 100;
+
+class TruckPassFaults {
+public:
+    explicit TruckPassFaults(const char* where) : m_where(where) {}
+    TruckPassFaults(const TruckPassFaults&) = delete;
+    TruckPassFaults& operator=(const TruckPassFaults&) = delete;
+
+    bool FeedsWatchdog() const { return m_uiFailedRun < kTruckFailedPassLimit; }
+
+    template <class F>
+    void Run(F&& pass) noexcept {
+        try {
+            pass();
+        } catch (const std::exception& e) {
+            Failed(e.what());
+            return;
+        } catch (...) {
+            Failed("unknown exception");
+            return;
+        }
+        Succeeded();
+    }
+
+private:
+    void Failed(const char* what) noexcept;
+    void Succeeded() noexcept;
+
+    const char* m_where;
+    unsigned int m_uiFailedRun = 0;
+};
+
+// A new thread is given a ticket, a number that stands for what it runs in, in place of an
+// address. The platform's answer to a thread creation promises nothing we may rely on, so a
+// stop cannot tell a thread that never ran from one that starts late; after its bounded wait it
+// withdraws the ticket instead. A thread that starts after that finds nothing and returns at
+// once, so what it would have run in may go.
+struct TruckThreadTicket {
+    std::shared_ptr<CTruckServiceManage> hold;  // the thread's share of the manager
+    void* target = nullptr;                     // the manager or the business it runs
+    void* extra = nullptr;                      // the main cycle's host block
+};
+// Files the ticket and gives the number to hand to OsUtilsCreateThread as its argument.
+void* TruckPostThreadTicket(TruckThreadTicket ticket);
+// The thread's side: false when the ticket was withdrawn (or never filed).
+bool TruckTakeThreadTicket(void* number, TruckThreadTicket& out);
+// The stop's side: true when the thread had not taken its ticket, and now never will.
+bool TruckWithdrawThreadTicket(void* number);
 
 class CTruckServiceBase {
 public:
@@ -72,7 +133,7 @@ public:
     unsigned long long business_get_cycle_time() const { return m_ullCycleTime; }
     int business_add_asyn_callback(const char* data, int length, void* object, AsynMember member);
 
-    static void* business_independ_thread_entry(void* business);
+    static void* business_independ_thread_entry(void* ticketNumber);
     int business_independ_thread_func_impl();
 
     int business_get_thread_state() const { return m_iThreadState.load(); }
@@ -90,11 +151,11 @@ protected:
     CTruckServiceManage* m_pServiceManage;
     CAsynCallback* m_pAsynCallback;
     unsigned char m_bIndependThread;
-    std::atomic<int32_t> m_iThreadState;  // 0 starting, 1 running, 2 stop requested, 3 stopped
+    std::atomic<int32_t> m_iThreadState;  // kTruckThreadStarting .. kTruckThreadStopped
 
 private:
-    // The own thread's share of the manager, from business_start until the thread takes it.
-    std::shared_ptr<CTruckServiceManage> m_threadHold;
+    // The own thread's ticket, from business_start on.
+    void* m_pThreadTicket = nullptr;
 };
 
 #endif

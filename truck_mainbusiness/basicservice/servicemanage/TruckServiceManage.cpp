@@ -81,7 +81,7 @@ bool CTruckService::ServeHasInstance() {
     return m_pManageInstance != nullptr;
 }
 
-CTruckService::CTruckService() : m_pServiceManage(nullptr), m_threadArgs{nullptr, nullptr, nullptr} {
+CTruckService::CTruckService() : m_pServiceManage(nullptr) {
     memset(&m_serviceAttr, 0, sizeof(m_serviceAttr));
     StringCopy(m_serviceAttr.szServiceName, sizeof(m_serviceAttr.szServiceName), "trukservice");
     StringCopy(m_serviceAttr.szServiceType, sizeof(m_serviceAttr.szServiceType), "business");
@@ -131,22 +131,14 @@ int CTruckService::ServeStart(tag_ServiceParam* param) {
     }
     m_manageOwner.reset(created);
     m_pServiceManage = created;
-    m_threadArgs = ThreadArgs{nullptr, nullptr, nullptr};
-    m_threadArgs.pManage = m_pServiceManage;
-    m_threadArgs.pParam = param;
-
-    // The cycle thread holds the manager from here; if it cannot be created the hold goes
-    // back at once, and stop finds a manager whose cycle never ran and waits for nothing.
-    m_threadArgs.hold = m_manageOwner;
-    m_pServiceManage->basic_cycle_starting();
-    pthread_t handle;
-    if (OsUtilsCreateThread(&handle, service_thread_entry, &m_threadArgs, kTruckThreadStackSize, 1) != 0) {
-        m_threadArgs.hold.reset();
-        m_pServiceManage->basic_cycle_never_ran();
-    }
+    m_pServiceManage->basic_launch_cycle(param);
     return 0;
 }
 
+// Stops in the order the host expects: the manager is uninitialised, the host's running byte
+// cleared, the manager destroyed, and only then the global-parameter SDK released. A
+// parameter watch that the SDK calls meanwhile finds its business unlisted or its manager
+// gone, and returns (see the OSD business's WithLive).
 int CTruckService::ServeStop(tag_ServiceParam* param) {
     if (param == nullptr || m_pServiceManage == nullptr) {
         return 0;
@@ -155,14 +147,10 @@ int CTruckService::ServeStop(tag_ServiceParam* param) {
     manage->basic_uninit();
     param->ucRunning.store(0);
 
-    // The global SDK goes down before the businesses do: its parameter thread may still be
-    // about to call a business's watch, and deinitialising drops every watch and waits for a
-    // call in progress, so nothing reaches a business once it is destroyed.
-    JQ_SDK_Global_Deinitialize();
-
-    // Threads that have written their stopped state still have to let go of the manager;
-    // wait for that, so that the manager normally dies here. A thread that overran its stop
-    // wait keeps the manager alive, and the manager then dies with that thread.
+    // Threads that have written their stopped state still have to let go of the manager, and
+    // a platform callback running in a business holds it too; wait for them (bounded), so that
+    // the manager normally dies here. A thread that overran its stop wait keeps the manager
+    // alive, and the manager then dies with that thread.
     std::shared_ptr<CTruckServiceManage> owner = std::move(m_manageOwner);
     m_pServiceManage = nullptr;
     bool sole = manage->basic_threads_stopped();
@@ -176,6 +164,9 @@ int CTruckService::ServeStop(tag_ServiceParam* param) {
     if (!sole) {
         TRUCK_LOG(1, "Service manage still in use by a thread, it goes when the thread ends\n");
     }
+    owner.reset();
+
+    JQ_SDK_Global_Deinitialize();
     return 0;
 }
 
@@ -184,15 +175,14 @@ void* service_thread_entry(void* args) {
     if (args == nullptr) {
         return nullptr;
     }
-    // Taken at once: the record lives in the service object, and no start rewrites it while
-    // this thread's share of the manager keeps the manager alive.
-    CTruckService::ThreadArgs* record = static_cast<CTruckService::ThreadArgs*>(args);
-    const std::shared_ptr<CTruckServiceManage> hold = std::move(record->hold);
-    CTruckServiceManage* manage = record->pManage;
-    tag_ServiceParam* param = record->pParam;
-    if (manage == nullptr) {
-        return nullptr;
+    TruckThreadTicket ticket;
+    if (!TruckTakeThreadTicket(args, ticket) || ticket.target == nullptr) {
+        return nullptr;  // withdrawn by a stop that gave up on this thread
     }
+    // Held to the last step: the manager goes, at the earliest, when this share does.
+    const std::shared_ptr<CTruckServiceManage> hold = std::move(ticket.hold);
+    CTruckServiceManage* manage = static_cast<CTruckServiceManage*>(ticket.target);
+    tag_ServiceParam* param = static_cast<tag_ServiceParam*>(ticket.extra);
     TruckGuardThread("truckservice", [manage, param] { manage->basic_thread_cycle(param); });
     return nullptr;
 }
@@ -205,7 +195,8 @@ CTruckServiceManage::CTruckServiceManage(tagGlobalConfig* globalConfig)
       m_pMsgClient(nullptr),
       m_uiSourceId(0),
       m_uiRemoteTaskListState(0),
-      m_iThreadState(3),
+      m_iThreadState(kTruckThreadStopped),
+      m_pCycleTicket(nullptr),
       m_basicSDKHandle(nullptr),
       m_bBusinessLoaded(false),
       m_bStopRequested(false) {
@@ -239,6 +230,10 @@ CTruckServiceManage::~CTruckServiceManage() {
         entry.second = nullptr;
     }
     m_mapBusiness.clear();
+    for (CTruckServiceBase* business : m_retiredBusiness) {
+        delete business;
+    }
+    m_retiredBusiness.clear();
     delete m_pMsgClient;
     m_pMsgClient = nullptr;
     s_iLiveManages.fetch_sub(1);
@@ -249,11 +244,17 @@ int CTruckServiceManage::basic_live_count() {
 }
 
 bool CTruckServiceManage::basic_threads_stopped() {
-    if (m_iThreadState.load() != 3) {
+    if (m_iThreadState.load() != kTruckThreadStopped) {
         return false;
     }
-    for (CTruckServiceBase* business : basic_business_list()) {
-        if (business->business_get_is_independ() != 0 && business->business_get_thread_state() != 3) {
+    std::vector<CTruckServiceBase*> businesses = basic_business_list();
+    {
+        MutexLocker locker(m_runStateMutex);
+        businesses.insert(businesses.end(), m_retiredBusiness.begin(), m_retiredBusiness.end());
+    }
+    for (CTruckServiceBase* business : businesses) {
+        if (business->business_get_is_independ() != 0 &&
+            business->business_get_thread_state() != kTruckThreadStopped) {
             return false;
         }
     }
@@ -281,13 +282,24 @@ int CTruckServiceManage::basic_register_business(unsigned int id, CTruckServiceB
     return 0;
 }
 
-void CTruckServiceManage::basic_cycle_starting() {
-    m_iThreadState.store(0);
+void CTruckServiceManage::basic_retire_business(CTruckServiceBase* business) {
+    if (business == nullptr) {
+        return;
+    }
+    MutexLocker locker(m_runStateMutex);
+    m_retiredBusiness.push_back(business);
 }
 
-void CTruckServiceManage::basic_cycle_never_ran() {
-    int32_t starting = 0;
-    m_iThreadState.compare_exchange_strong(starting, 3);
+void CTruckServiceManage::basic_launch_cycle(tag_ServiceParam* param) {
+    m_iThreadState.store(kTruckThreadStarting);
+    TruckThreadTicket ticket;
+    ticket.hold = shared_from_this();
+    ticket.target = this;
+    ticket.extra = param;
+    m_pCycleTicket = TruckPostThreadTicket(std::move(ticket));
+    pthread_t handle;
+    // Deliberately not examined: the cycle's state word and its ticket tell whether it ran.
+    OsUtilsCreateThread(&handle, service_thread_entry, m_pCycleTicket, kTruckThreadStackSize, 1);
 }
 
 bool CTruckServiceManage::basic_stop_requested() {
@@ -312,19 +324,21 @@ int CTruckServiceManage::basic_thread_cycle(tag_ServiceParam* param) {
     {
         MutexLocker locker(m_runStateMutex);
         if (m_bStopRequested) {
-            m_iThreadState.store(3);
+            m_iThreadState.store(kTruckThreadStopped);
             return 0;
         }
-        m_iThreadState.store(1);
+        m_iThreadState.store(kTruckThreadRunning);
     }
     TruckGuardThread("basic_init", [this] { basic_init(); });
-    while (m_iThreadState.load() == 1) {
+    TruckPassFaults faults("main cycle");
+    while (m_iThreadState.load() == kTruckThreadRunning) {
         const unsigned long long now = OsUtilsGetTickCount();
-        // What a pass throws (an allocation that failed) ends that pass, not the cycle: the
-        // watchdog is fed on the next one.
-        TruckGuardThread("main cycle pass", [this, now] {
+        // What a pass throws (an allocation that failed) ends that pass, not the cycle.
+        faults.Run([this, now, &faults] {
             m_pMsgClient->MSGWaitForEvent(50);
-            m_pMsgClient->MSGFeedWatchDog(now);
+            if (faults.FeedsWatchdog()) {
+                m_pMsgClient->MSGFeedWatchDog(now);
+            }
 
             if (!m_bBusinessLoaded) {
                 basic_first_pass();
@@ -346,7 +360,7 @@ int CTruckServiceManage::basic_thread_cycle(tag_ServiceParam* param) {
         // Never after the stop has asked to end: by then the host's block may be gone.
         if (param != nullptr) {
             MutexLocker locker(m_runStateMutex);
-            if (m_iThreadState.load() == 1) {
+            if (m_iThreadState.load() == kTruckThreadRunning) {
                 param->ucRunning.store(1);
             }
         }
@@ -356,7 +370,7 @@ int CTruckServiceManage::basic_thread_cycle(tag_ServiceParam* param) {
     if (handle != nullptr) {
         JQ_SDK_Basic_Deinitialize(handle);
     }
-    m_iThreadState.store(3);
+    m_iThreadState.store(kTruckThreadStopped);
     return 0;
 }
 
@@ -393,17 +407,23 @@ int CTruckServiceManage::basic_uninit() {
     if (handle != nullptr) {
         JQ_SDK_Basic_Deinitialize(handle);
     }
-    // A cycle whose thread was never created, or that has ended, is not waited for.
+    // A cycle that has ended is not waited for.
     bool running = false;
     {
         MutexLocker locker(m_runStateMutex);
-        running = m_iThreadState.load() != 3;
+        running = m_iThreadState.load() != kTruckThreadStopped;
         if (running) {
-            m_iThreadState.store(2);
+            m_iThreadState.store(kTruckThreadStopAsked);
         }
     }
-    if (running) {
-        TruckWaitThreadStopped(m_iThreadState);
+    if (!running) {
+        return 0;
+    }
+    TruckWaitThreadStopped(m_iThreadState);
+    // A cycle thread that has not taken its ticket by now (never created, or not yet scheduled)
+    // never runs in this manager.
+    if (m_iThreadState.load() != kTruckThreadStopped && TruckWithdrawThreadTicket(m_pCycleTicket)) {
+        m_iThreadState.store(kTruckThreadStopped);
     }
     return 0;
 }

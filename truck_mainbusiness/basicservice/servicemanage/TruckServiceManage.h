@@ -167,22 +167,15 @@ public:
     // The running manager, null when stopped.
     CTruckServiceManage* ServeGetManage() { return m_pServiceManage; }
 
-    struct ThreadArgs {
-        CTruckServiceManage* pManage;
-        tag_ServiceParam* pParam;
-        // The cycle thread's share of the manager, taken out by the thread when it starts.
-        std::shared_ptr<CTruckServiceManage> hold;
-    };
-
 private:
     static CTruckService* m_pManageInstance;
 
     tag_ServiceAttr m_serviceAttr;
     CTruckServiceManage* m_pServiceManage;
-    ThreadArgs m_threadArgs;
     std::shared_ptr<CTruckServiceManage> m_manageOwner;  // the service object's share of m_pServiceManage
 };
 
+// The main cycle's thread entry; its argument is the ticket that basic_launch_cycle filed.
 void* service_thread_entry(void* args);
 
 // The storage service's callback for mount-path reports; `user` is the manager.
@@ -268,11 +261,14 @@ public:
     int basic_system_log_write();
     int WriteSystemLog(unsigned char groupMask, JQSystemLogFrame frame);
 
-    // The service object is about to create the cycle's thread (state 0), or could not (back
-    // to 3, so that a stop waits for no thread).
-    void basic_cycle_starting();
-    void basic_cycle_never_ran();
+    // Starts the main cycle on the thread "truckservice", which holds a share of this manager
+    // until its last step. `param` is the host's block, written on every pass.
+    void basic_launch_cycle(tag_ServiceParam* param);
     bool basic_stop_requested();
+    // Takes a business that never made it into the map (refused by a stop, or failed its
+    // start) after its business_stop: its own thread may still run in it, and holds this
+    // manager, so it is destroyed with the manager and not before.
+    void basic_retire_business(CTruckServiceBase* business);
     // The main cycle and every own business thread have written their stopped state.
     bool basic_threads_stopped();
     // Managers alive in the process, counting one that outlived its stop.
@@ -287,6 +283,7 @@ private:
     CMsgClientManage* m_pMsgClient;
     unsigned int m_uiSourceId;
     std::map<unsigned int, CTruckServiceBase*> m_mapBusiness;
+    std::vector<CTruckServiceBase*> m_retiredBusiness;  // guarded by m_runStateMutex
     Json::Value m_businessConfig;
     unsigned char m_peripheralConfig[kPeripheralConfigSize];
     SerialNumberInfo_t m_serialNumberInfo;
@@ -300,7 +297,8 @@ private:
     tag_fuseMntPathAck m_fuseMntPath;  // guarded by m_fuseMntPathMutex
     Mutex m_systemLogMutex;
     std::atomic<uint32_t> m_uiRemoteTaskListState;  // set and read by businesses on any thread
-    std::atomic<int32_t> m_iThreadState;            // 0 starting, 1 running, 2 stop requested, 3 stopped
+    std::atomic<int32_t> m_iThreadState;            // kTruckThreadStarting .. kTruckThreadStopped
+    void* m_pCycleTicket;                           // the main cycle thread's ticket
     // Set by the main cycle's thread, read by businesses; taken by whoever releases it.
     std::atomic<JQ_BASIC_HANDLE> m_basicSDKHandle;
 

@@ -102,8 +102,11 @@ int CTruckServiceManage::basic_start_business(unsigned int id, char* name, unsig
         TRUCK_LOG(2, "Create business instance failed, id = %d, name = %s\n", static_cast<int>(id), name);
         return -1;
     }
+    // A business that does not make it into the map is stopped and retired, not deleted: its own
+    // thread, which may be late or still in business_init, holds the manager, and the manager
+    // destroys it when that thread and every callback into it have let go.
     if (basic_stop_requested()) {
-        delete business;
+        basic_retire_business(business);
         return -1;
     }
     int started = -1;
@@ -112,21 +115,20 @@ int CTruckServiceManage::basic_start_business(unsigned int id, char* name, unsig
     } catch (...) {
         // Undo what its init registered before it goes.
         business->business_stop();
-        delete business;
+        basic_retire_business(business);
         throw;
     }
     if (started != 0) {
         TRUCK_LOG(0, "Create business instance failed, id = %d, name = %s\n", static_cast<int>(id), name);
-        // A business that failed its start never runs: undo what its init registered and let
-        // it go, rather than keep an object nobody owns.
+        // A business that failed its start never runs: undo what its init registered.
         business->business_stop();
-        delete business;
+        basic_retire_business(business);
         return -1;
     }
     // A stop that came during the start has not seen this business: stop it here.
     if (basic_register_business(id, business) != 0) {
         business->business_stop();
-        delete business;
+        basic_retire_business(business);
         return -1;
     }
     TRUCK_LOG(1, "Create business instance, id = %d, name = %s, type = %d, bThread = %d, size = %d\n",
