@@ -175,7 +175,11 @@ TEST_F(BusinessLoading, TheOsdBusinessStartsSharedOrOnItsOwnThread) {
             handed["MAIN_PARAM"].append("two");
         }
         EXPECT_EQ(osd->business_get_param(), handed);
+        // Its handlers are registered under its source id, which its stop unregisters.
+        ASSERT_TRUE(Eventually([&] { return !own || osd->business_get_thread_state() == 1; }));
+        EXPECT_EQ(nvx::InjectBusEvent(0x118A, "", 0), 1);
         nvx::SetSleepsInstant(true);  // this manager's cycle never ran: nothing to wait for
         manage->basic_uninit();
+        EXPECT_EQ(nvx::InjectBusEvent(0x118A, "", 0), 0);
     }
 }
