@@ -116,8 +116,10 @@ TEST_F(ParamGroups, NothingToAskForIsRefusedWithoutAPlatformCallAndPlatformError
     Json::Value emptyObject(Json::objectValue);
     EXPECT_EQ(manage->basic_global_get_param(1ULL << 40, &Received::Callback, &received, nullptr), -1);
     EXPECT_EQ(manage->basic_global_listen_param(1ULL << 40, &Received::Callback, &received, nullptr), -1);
-    EXPECT_EQ(manage->basic_global_get_param(empty, &Received::Callback, &received, nullptr), -1);
-    EXPECT_EQ(manage->basic_global_listen_param(emptyObject, &Received::Callback, &received, nullptr), -1);
+    for (Json::Value* none : {&empty, &emptyObject}) {
+        EXPECT_EQ(manage->basic_global_get_param(*none, &Received::Callback, &received, nullptr), -1);
+        EXPECT_EQ(manage->basic_global_listen_param(*none, &Received::Callback, &received, nullptr), -1);
+    }
     EXPECT_EQ(nvx::CallCount("JQ_SDK_Global_GetParameter"), 0u);
     EXPECT_EQ(nvx::CallCount("JQ_SDK_Global_ListenParameter"), 0u);
 
