@@ -1,4 +1,5 @@
 // Which businesses the configuration file enables, and what loading does with each.
+#include <atomic>
 #include <list>
 #include <string>
 
@@ -35,6 +36,11 @@ public:
     Placeholder(CTruckServiceManage* manage, unsigned int id)
         : CTruckServiceBase(manage, manage->basic_get_msg_client(), id, const_cast<char*>("placeholder"), 0,
                             NoParam()) {}
+    int business_cycle_running(unsigned long long nowMs) override {
+        lastCycleTick.store(nowMs);
+        return 0;
+    }
+    std::atomic<unsigned long long> lastCycleTick{0};
 
 private:
     static Json::Value& NoParam() {
@@ -129,8 +135,15 @@ TEST_F(BusinessLoading, UnknownAndDuplicateIdsAreLoggedAndLoadingGoesOn) {
     EXPECT_EQ(manage->basic_get_business(3), nullptr);
 }
 
-TEST_F(BusinessLoading, TheMainCycleLoadsOnItsFirstPassOnly) {
+// The main cycle loads the businesses on its first pass only, and runs those that share its
+// thread on the tick of the pass.
+TEST_F(BusinessLoading, TheMainCycleLoadsOnceAndRunsSharedBusinessesOnThePassTick) {
     WriteConfig(Element(R"({"BUSINESS_ENABLE": "true", "BUSINESS_ID": 3, "BUSINESS_NAME": "first_pass"})"));
+    const unsigned long long tick = 7000000000000ULL;
+    nvx::HoldTickCount(tick);
+    auto* shared = new Placeholder(manage.get(), 5);
+    ASSERT_EQ(shared->business_start(), 0);
+    ASSERT_EQ(manage->basic_register_business(5, shared), 0);
     CycleRunner runner(manage);
     auto loaded = [](const nvx::LogLine& line) {
         return line.text == "Create business instance failed, id = 3, name = first_pass\n";
@@ -138,6 +151,7 @@ TEST_F(BusinessLoading, TheMainCycleLoadsOnItsFirstPassOnly) {
     EXPECT_TRUE(nvx::WaitForLog(loaded, kGenerousMs));
     EXPECT_TRUE(nvx::WaitForWatchdogFeeds("truckbusiness.02", 5, kGenerousMs));
     manage->basic_uninit();
+    EXPECT_EQ(shared->lastCycleTick.load(), tick);
     int times = 0;
     for (const nvx::LogLine& line : nvx::CapturedLogs()) {
         times += loaded(line) ? 1 : 0;
