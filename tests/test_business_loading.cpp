@@ -1,4 +1,5 @@
 // Which businesses the configuration file enables, and what loading does with each.
+#include <atomic>
 #include <list>
 #include <string>
 
@@ -35,6 +36,11 @@ public:
     Placeholder(CTruckServiceManage* manage, unsigned int id)
         : CTruckServiceBase(manage, manage->basic_get_msg_client(), id, const_cast<char*>("placeholder"), 0,
                             NoParam()) {}
+    int business_cycle_running(unsigned long long nowMs) override {
+        lastCycleTick.store(nowMs);
+        return 0;
+    }
+    std::atomic<unsigned long long> lastCycleTick{0};
 
 private:
     static Json::Value& NoParam() {
@@ -68,10 +74,10 @@ TEST_F(BusinessLoading, NamesThreadsAndParametersTakeTheirDefaults) {
            {"BUSINESS_ENABLE": "true", "BUSINESS_ID": -2, "BUSINESS_NAME": 5, "BUSINESS_THREAD": true},
            {"BUSINESS_ENABLE": "true", "BUSINESS_ID": 8, "BUSINESS_NAME": "osd_business_with_a_long_name_xyz",
             "BUSINESS_THREAD": "true", "BUSINESS_PARAM": {"A": [1, 2]}},
-           {"BUSINESS_ENABLE": "true", "BUSINESS_ID": 9, "BUSINESS_THREAD": "false"})"));
+           {"BUSINESS_ENABLE": "true", "BUSINESS_ID": 9, "BUSINESS_THREAD": "false", "BUSINESS_PARAM": "p"})"));
     ASSERT_EQ(out.size(), 4u);
     auto it = out.begin();
-    EXPECT_STREQ(it->name, "default_business_7");
+    EXPECT_EQ(std::string(it->name, 32), "default_business_7" + std::string(14, '\0')) << "all 32 bytes";
     EXPECT_EQ(it->bThread, 0);
     EXPECT_TRUE(it->param.isNull());
     ++it;
@@ -83,6 +89,7 @@ TEST_F(BusinessLoading, NamesThreadsAndParametersTakeTheirDefaults) {
     EXPECT_EQ(it->param["A"][1].asInt(), 2);
     ++it;
     EXPECT_EQ(it->bThread, 0);
+    EXPECT_EQ(it->param, Json::Value("p")) << "a parameter of any kind is handed over";
 }
 
 TEST_F(BusinessLoading, ADocumentWithoutAnArrayIsRefusedAndAnEmptyOneIsQuiet) {
@@ -120,10 +127,23 @@ TEST_F(BusinessLoading, UnknownAndDuplicateIdsAreLoggedAndLoadingGoesOn) {
     EXPECT_TRUE(Logged("TRUCK", 2, "Create business instance failed, id = 3, name = nobody\n"));
     EXPECT_TRUE(Logged("TRUCK", 2, "Business id[5, again] is alardy created, and continue\n"));
     EXPECT_TRUE(Logged("TRUCK", 2, "Create business instance failed, id = 4, name = default_business_4\n"));
+    Json::Value document;
+    char name[] = "direct";
+    EXPECT_EQ(manage->basic_start_business(5, name, 0, false, document), 0) << "a running id is no failure";
+    EXPECT_EQ(manage->basic_start_business(3, name, 0, false, document), -1);
+    EXPECT_EQ(manage->basic_get_business(5), placeholder);
+    EXPECT_EQ(manage->basic_get_business(3), nullptr);
 }
 
-TEST_F(BusinessLoading, TheMainCycleLoadsOnItsFirstPassOnly) {
+// The main cycle loads the businesses on its first pass only, and runs those that share its
+// thread on the tick of the pass.
+TEST_F(BusinessLoading, TheMainCycleLoadsOnceAndRunsSharedBusinessesOnThePassTick) {
     WriteConfig(Element(R"({"BUSINESS_ENABLE": "true", "BUSINESS_ID": 3, "BUSINESS_NAME": "first_pass"})"));
+    const unsigned long long tick = 7000000000000ULL;
+    nvx::HoldTickCount(tick);
+    auto* shared = new Placeholder(manage.get(), 5);
+    ASSERT_EQ(shared->business_start(), 0);
+    ASSERT_EQ(manage->basic_register_business(5, shared), 0);
     CycleRunner runner(manage);
     auto loaded = [](const nvx::LogLine& line) {
         return line.text == "Create business instance failed, id = 3, name = first_pass\n";
@@ -131,6 +151,7 @@ TEST_F(BusinessLoading, TheMainCycleLoadsOnItsFirstPassOnly) {
     EXPECT_TRUE(nvx::WaitForLog(loaded, kGenerousMs));
     EXPECT_TRUE(nvx::WaitForWatchdogFeeds("truckbusiness.02", 5, kGenerousMs));
     manage->basic_uninit();
+    EXPECT_EQ(shared->lastCycleTick.load(), tick);
     int times = 0;
     for (const nvx::LogLine& line : nvx::CapturedLogs()) {
         times += loaded(line) ? 1 : 0;
@@ -140,6 +161,7 @@ TEST_F(BusinessLoading, TheMainCycleLoadsOnItsFirstPassOnly) {
 
 // Id 7 is the OSD business: on the main cycle's thread with the manager's client, or on a
 // thread of its own with a client of its own; a second element with the same id changes nothing.
+// The business gets its element's name, id and parameters, the latter as {"MAIN_PARAM": ...}.
 TEST_F(BusinessLoading, TheOsdBusinessStartsSharedOrOnItsOwnThread) {
     for (const bool own : {false, true}) {
         ManagerOnDevice::TearDown();
@@ -147,7 +169,7 @@ TEST_F(BusinessLoading, TheOsdBusinessStartsSharedOrOnItsOwnThread) {
         const std::string thread = own ? "\"true\"" : "\"True\"";
         WriteConfig(Element(R"({"BUSINESS_ENABLE": "true", "BUSINESS_ID": 7, "BUSINESS_NAME": "osd",
                                 "BUSINESS_THREAD": )" +
-                            thread + R"(},
+                            thread + (own ? "" : R"(, "BUSINESS_PARAM": [1, "two"])") + R"(},
                                {"BUSINESS_ENABLE": "true", "BUSINESS_ID": 7, "BUSINESS_NAME": "osd_again"})"));
         EXPECT_EQ(manage->basic_load_business(), 0);
         EXPECT_TRUE(Logged("TRUCK", 1,
@@ -156,7 +178,22 @@ TEST_F(BusinessLoading, TheOsdBusinessStartsSharedOrOnItsOwnThread) {
         EXPECT_TRUE(Logged("TRUCK", 2, "Business id[7, osd_again] is alardy created, and continue\n"));
         EXPECT_EQ(nvx::CallCount("OsUtilsCreateThread"), own ? 1u : 0u);
         EXPECT_EQ(Eventually([] { return nvx::HasClient("osd"); }, own ? kGenerousMs : 0), own);
+        const CTruckServiceBase* osd = manage->basic_get_business(7);
+        ASSERT_NE(osd, nullptr);
+        EXPECT_EQ(osd->business_get_id(), 7u);
+        EXPECT_EQ(std::string(osd->business_get_name(), 32), std::string("osd") + std::string(29, '\0'));
+        Json::Value handed;
+        handed["MAIN_PARAM"] = Json::Value();
+        if (!own) {
+            handed["MAIN_PARAM"].append(1);
+            handed["MAIN_PARAM"].append("two");
+        }
+        EXPECT_EQ(osd->business_get_param(), handed);
+        // Its handlers are registered under its source id, which its stop unregisters.
+        ASSERT_TRUE(Eventually([&] { return !own || osd->business_get_thread_state() == 1; }));
+        EXPECT_EQ(nvx::InjectBusEvent(0x118A, "", 0), 1);
         nvx::SetSleepsInstant(true);  // this manager's cycle never ran: nothing to wait for
         manage->basic_uninit();
+        EXPECT_EQ(nvx::InjectBusEvent(0x118A, "", 0), 0);
     }
 }

@@ -17,11 +17,32 @@ protected:
     DeviceInfo() : ManagerOnDevice("test_device_info") {}
 };
 
+// Fills the stack below the caller, so that a buffer the code forgets to clear shows what a
+// call made from the same place leaves in it.
+__attribute__((noinline)) void DirtyStack() {
+    volatile unsigned char junk[4096];
+    for (volatile unsigned char& byte : junk) {
+        byte = 0xA5;
+    }
+}
+
 }  // namespace
 
+// basic_init takes the peripheral block, then the system configuration, then starts the SDK.
 TEST_F(DeviceInfo, SystemConfigurationIsKeptWholeOrNotAtAll) {
+    nvx::SetBasicInitFails(true);
+    EXPECT_EQ(manage->basic_init(), -1);
+    std::vector<std::string> steps;
+    for (const nvx::LogLine& line : nvx::CapturedLogs()) {
+        if (line.module == "TRUCK") {
+            steps.push_back(std::to_string(line.level) + " " + line.text);
+        }
+    }
+    EXPECT_EQ(steps, (std::vector<std::string>{
+                         "4 load peripheral config file[/usr/local/cfg/serialconfig.bsn] failed\n",
+                         "2 Get system config json failed [/usr/local/cfg/SYSTEM_CONFIG]\n\n\n",
+                         "0 JQ_SDK_Basic_Initialize failed.\n"}));
     EXPECT_EQ(manage->BasicAnalyzeSystemconfig(), -1);
-    EXPECT_TRUE(Logged("TRUCK", 2, "Get system config json failed [/usr/local/cfg/SYSTEM_CONFIG]\n\n\n"));
 
     WriteDeviceFile("/usr/local/cfg/SYSTEM_CONFIG", "{\"CUSTOMER_NAME\": \"" + std::string(40, 'c') + "\"}");
     EXPECT_EQ(manage->BasicAnalyzeSystemconfig(), 0);
@@ -85,6 +106,10 @@ TEST_F(DeviceInfo, CommandLineFileIsReadUpToItsFirst512BytesOrFirstNul) {
     EXPECT_EQ(manage->GetChipInfo(), 0);
     EXPECT_EQ(manage->basic_get_chip_info().uiChipType, 4u);
     EXPECT_EQ(OpenDescriptors(), descriptors) << "the file is closed";
+
+    WriteDeviceFile("/proc/cmdline", "");
+    EXPECT_EQ(manage->GetChipInfo(), 0) << "an empty command line is read, with nothing in it";
+    EXPECT_EQ(manage->basic_get_chip_info().uiChipType, 0u);
 }
 
 TEST_F(DeviceInfo, SerialNumberIsAskedForUntilGivenThenBoardTypeAndReadiness) {
@@ -92,25 +117,31 @@ TEST_F(DeviceInfo, SerialNumberIsAskedForUntilGivenThenBoardTypeAndReadiness) {
     nvx::DeviceProfile profile;
     profile.serialNumber = "1A8B0123456789ABCDEF";
     nvx::SetDeviceProfile(profile);
-    nvx::SetSerialNumberFailures(2);
+    nvx::SetSerialNumberFailures(3);
 
-    // No command line for three seconds, no serial number for two: each is asked for again.
-    for (int second = 0; second < 3; ++second) {
+    // No command line for two seconds, no serial number for three: each is asked for again.
+    // The command line is read once, so a change after that is not seen.
+    for (int second = 0; second < 4; ++second) {
+        if (second >= 2) {
+            WriteDeviceFile("/proc/cmdline",
+                            second == 2 ? "flashsize=16M chiptype=3 mem=64M" : "chiptype=5 ");
+        }
         manage->BasicGetDeviceInfo();
-        EXPECT_EQ(manage->basic_get_serialnumber_info()->bValid, second == 2 ? 1u : 0u);
-        EXPECT_EQ(manage->basic_get_chip_info().uiDeviceInfoReady, 0u);
+        EXPECT_EQ(manage->basic_get_serialnumber_info()->bValid, second == 3 ? 1u : 0u);
+        EXPECT_EQ(manage->basic_get_chip_info().uiDeviceInfoReady, second == 3 ? 1u : 0u);
     }
-    int unreadable = 0;
+    int unreadable = 0, chipLines = 0;
     for (const nvx::LogLine& line : nvx::CapturedLogs()) {
         unreadable += line.text == "Can't open /proc/cmdline\n";
+        chipLines += line.text.rfind("get ChipType.", 0) == 0;
     }
-    EXPECT_EQ(unreadable, 3);
-    WriteDeviceFile("/proc/cmdline", "flashsize=16M chiptype=3 mem=64M");
+    EXPECT_EQ(unreadable, 2);
+    EXPECT_EQ(chipLines, 1);
     manage->BasicGetDeviceInfo();
-    manage->BasicGetDeviceInfo();
-    EXPECT_EQ(nvx::CallCount("JQ_SDK_Device_GetDeviceSerialNumber"), 3u) << "not asked again once known";
+    EXPECT_EQ(nvx::CallCount("JQ_SDK_Device_GetDeviceSerialNumber"), 4u) << "not asked again once known";
     EXPECT_TRUE(Logged("TRUCK", 3, "get ChipType.3 FlashSize.16\n"));
     EXPECT_EQ(manage->basic_get_chip_info().uiFlashSize, 16u);
+    EXPECT_EQ(manage->basic_get_chip_info().uiChipType, 3u);
     EXPECT_STREQ(manage->basic_get_serialnumber_info()->szSerialNumber, "1A8B0123456789A");
     EXPECT_EQ(manage->basic_get_chip_info().mainBoardType, 132u);
     EXPECT_EQ(manage->basic_get_chip_info().uiDeviceInfoReady, 1u);
@@ -133,6 +164,15 @@ TEST_F(DeviceInfo, SerialNumberIsAskedForUntilGivenThenBoardTypeAndReadiness) {
         }
     }
     EXPECT_EQ(manage->GetProductInfoFromAuthSerial(nullptr, product, board), -1);
+
+    // The serial number's buffer is cleared whole before the platform writes a shorter one.
+    profile.serialNumber = "7E0A";
+    nvx::SetDeviceProfile(profile);
+    CTruckServiceManage second(&config);
+    DirtyStack();
+    second.BasicGetDeviceInfo();
+    EXPECT_EQ(std::string(second.basic_get_serialnumber_info()->szSerialNumber, 16),
+              "7E0A" + std::string(12, '\0'));
 }
 
 TEST_F(DeviceInfo, GlobalConfigurationGetters) {

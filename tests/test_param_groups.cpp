@@ -116,19 +116,25 @@ TEST_F(ParamGroups, NothingToAskForIsRefusedWithoutAPlatformCallAndPlatformError
     Json::Value emptyObject(Json::objectValue);
     EXPECT_EQ(manage->basic_global_get_param(1ULL << 40, &Received::Callback, &received, nullptr), -1);
     EXPECT_EQ(manage->basic_global_listen_param(1ULL << 40, &Received::Callback, &received, nullptr), -1);
-    EXPECT_EQ(manage->basic_global_get_param(empty, &Received::Callback, &received, nullptr), -1);
-    EXPECT_EQ(manage->basic_global_listen_param(emptyObject, &Received::Callback, &received, nullptr), -1);
+    for (Json::Value* none : {&empty, &emptyObject}) {
+        EXPECT_EQ(manage->basic_global_get_param(*none, &Received::Callback, &received, nullptr), -1);
+        EXPECT_EQ(manage->basic_global_listen_param(*none, &Received::Callback, &received, nullptr), -1);
+    }
     EXPECT_EQ(nvx::CallCount("JQ_SDK_Global_GetParameter"), 0u);
     EXPECT_EQ(nvx::CallCount("JQ_SDK_Global_ListenParameter"), 0u);
 
-    // A group map that is no map reaches the store, which refuses it with its own code.
+    // A group map that is no map reaches the store, which refuses it with its own code; so does
+    // any request to a store that is not serving, in every form.
     Json::Value notAMap("TIMEP");
     const std::string listenText = "\"TIMEP\"\n";
     const int platform = JQ_SDK_Global_ListenParameter(
         listenText.c_str(), static_cast<int>(listenText.size()), &Received::Callback, &received, nullptr);
-    EXPECT_LT(platform, 0);
+    EXPECT_LT(platform, -1);
     EXPECT_EQ(manage->basic_global_listen_param(notAMap, &Received::Callback, &received, nullptr), platform);
     EXPECT_EQ(nvx::ParamListenRequests(), (std::vector<std::string>{listenText, listenText}));
+    EXPECT_EQ(manage->basic_global_listen_param(1ULL, &Received::Callback, &received, nullptr), platform);
+    EXPECT_EQ(manage->basic_global_get_param(1ULL, &Received::Callback, &received, nullptr), platform);
+    EXPECT_EQ(manage->basic_global_get_param(notAMap, &Received::Callback, &received, nullptr), platform);
 }
 
 TEST_F(ParamGroups, AFetchIsAnsweredOnTheParameterThreadFromTheStore) {

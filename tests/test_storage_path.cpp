@@ -94,6 +94,7 @@ TEST_F(StoragePath, MalformedReportsAreLoggedAndLeaveThePath) {
     }
     EXPECT_EQ(CountLogged("storage callback param error, length = 36\n", 1), 2);
     EXPECT_EQ(Root(), "/mnt/hd1/");
+    EXPECT_EQ(manage->basic_set_normal_file_root_dir(nullptr), -1);
 
     // A path that fills its 32 bytes without an end is taken as those 32 characters.
     tag_fuseMntPathAck ack;
@@ -148,14 +149,15 @@ TEST_F(StoragePath, PeripheralBlockTakesWhatTheFileHasAndNeverReadsPastItsEnd) {
     EXPECT_EQ(CountLogged("load peripheral config file[/usr/local/cfg/serialconfig.bsn] failed\n", 4), 2)
         << "missing, then empty";
 
+    EXPECT_EQ(load(std::string(8000, 'p')), std::string(7716, 'p'));
+    EXPECT_TRUE(Logged("TRUCK", 4, "load peripheral config file[/usr/local/cfg/serialconfig.bsn] success\n"));
     // Ends on a page boundary: a copy of the whole block would touch the page past the file.
+    // Nothing of the longer file before it stays behind the shorter one.
     std::string bytes(4096, '\0');
     for (size_t i = 0; i < bytes.size(); ++i) {
         bytes[i] = static_cast<char>(i * 7 + 1);
     }
     EXPECT_EQ(load(bytes), bytes + zero.substr(bytes.size()));
-    EXPECT_TRUE(Logged("TRUCK", 4, "load peripheral config file[/usr/local/cfg/serialconfig.bsn] success\n"));
-    EXPECT_EQ(load(std::string(8000, 'p')), std::string(7716, 'p'));
     // Loaded again at every start of a device that runs for years: no mapping may stay behind.
     std::ifstream maps("/proc/self/maps");
     const std::string mapped((std::istreambuf_iterator<char>(maps)), std::istreambuf_iterator<char>());
@@ -164,7 +166,7 @@ TEST_F(StoragePath, PeripheralBlockTakesWhatTheFileHasAndNeverReadsPastItsEnd) {
     // A host that closed its standard input gives the file descriptor 0: refused, and closed.
     const int input = dup(0);
     close(0);
-    EXPECT_TRUE(load(bytes) == std::string(7716, 'p')) << "the block of the last load stays";
+    EXPECT_TRUE(load(std::string(8000, 'p')) == bytes + zero.substr(bytes.size())) << "the last load stays";
     EXPECT_EQ(-1, fcntl(0, F_GETFD)) << "descriptor 0 left open";
     dup2(input, 0);
     close(input);

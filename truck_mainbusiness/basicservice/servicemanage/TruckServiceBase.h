@@ -139,6 +139,8 @@ public:
     int business_get_thread_state() const { return m_iThreadState.load(); }
     unsigned int business_get_id() const { return m_uiBusinessId; }
     const char* business_get_name() const { return m_szBusinessName; }
+    // The parameter document the business was built with; never changed afterwards.
+    const Json::Value& business_get_param() const { return m_jsonParam; }
 
 protected:
     unsigned int m_uiBusinessId;

@@ -216,6 +216,8 @@ public:
     int basic_load_business();
     int basic_start_business(unsigned int id, char* name, unsigned char type, bool bThread,
                              Json::Value& param);
+    // The running business of that id, null when there is none.
+    CTruckServiceBase* basic_get_business(unsigned int id);
 
     // Device and system information (TruckServiceManageDevice.cpp).
     int BasicAnalyzeSystemconfig();

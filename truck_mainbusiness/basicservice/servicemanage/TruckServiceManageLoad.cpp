@@ -136,3 +136,9 @@ int CTruckServiceManage::basic_start_business(unsigned int id, char* name, unsig
               static_cast<int>(m_mapBusiness.size()));
     return 0;
 }
+
+CTruckServiceBase* CTruckServiceManage::basic_get_business(unsigned int id) {
+    MutexLocker locker(m_runStateMutex);
+    const auto entry = m_mapBusiness.find(id);
+    return entry != m_mapBusiness.end() ? entry->second : nullptr;
+}
