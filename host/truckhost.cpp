@@ -24,6 +24,7 @@
 #include <sstream>
 #include <string>
 #include <thread>
+#include <utility>
 #include <vector>
 
 #include <json/json.h>
@@ -244,7 +245,8 @@ const OptionSpec kOptions[] = {
     {"script", "FILE", "inject the timed steps of FILE while the plug-in runs (see below)", ReadScriptFile},
     {"replay", "FILE",
      "run the device, parameter store, clock and script steps that the bus log FILE recorded, at\n"
-     "their times and for as long",
+     "their times and for as long (so it takes no --sysroot, --device, --param-store, --start-time\n"
+     "or --script; a shorter --duration is compared over the span it ran)",
      [](const std::string& v, Options& o, std::string&) {
          o.replay = v;
          return true;
@@ -419,9 +421,19 @@ int ParseOptions(int argc, char** argv, Options& options) {
         fprintf(stderr, "truckhost: --check compares a replay: give --replay FILE\n");
         return kExitRefused;
     }
-    if (!options.replay.empty() && options.scriptGiven) {
-        fprintf(stderr, "truckhost: --replay runs the recorded steps; it takes no --script\n");
-        return kExitRefused;
+    // What the recording fixes cannot be given again: the replay would not be the run recorded.
+    const std::pair<bool, const char*> fixedByRecording[] = {
+        {options.sysrootGiven, "system root; it takes no --sysroot"},
+        {!options.deviceFile.empty(), "identity; it takes no --device"},
+        {!options.paramStore.empty(), "parameter store; it takes no --param-store"},
+        {options.startTimeGiven, "start time; it takes no --start-time"},
+        {options.scriptGiven, "steps; it takes no --script"},
+    };
+    for (const auto& fixed : fixedByRecording) {
+        if (!options.replay.empty() && fixed.first) {
+            fprintf(stderr, "truckhost: --replay runs the recorded %s\n", fixed.second);
+            return kExitRefused;
+        }
     }
     return -1;
 }
@@ -486,7 +498,7 @@ std::string InitialParamStore(const Options& options) {
     return options.sysrootGiven ? std::string() : std::string(TRUCK_DEMO_PARAM_STORE);
 }
 
-// A recorded run stands in for the options it recorded; the command line's own still count.
+// A recorded run stands in for the options it recorded (the command line gives none of them).
 bool TakeRecording(Options& options, Device& device, std::string& error) {
     if (!truckhost::ReadRecording(options.replay, device.recording, error)) {
         return false;
@@ -498,19 +510,15 @@ bool TakeRecording(Options& options, Device& device, std::string& error) {
         return false;
     }
     options.script = std::move(parsed.steps);
-    if (!options.sysrootGiven) {
-        options.sysroot = run.sysroot;
-        options.sysrootGiven = true;
-    }
-    if (!options.startTimeGiven) {
-        options.startTime = run.startTime;
-        options.startTimeGiven = true;
-    }
+    options.sysroot = run.sysroot;
+    options.sysrootGiven = true;
+    options.startTime = run.startTime;
+    options.startTimeGiven = true;
     if (options.duration < 0) {
         options.duration = static_cast<double>(device.recording.endMs) / 1000.0;
     }
     device.profile = run.device;
-    if (options.paramStore.empty() && !run.paramsText.empty()) {
+    if (!run.paramsText.empty()) {
         char name[] = "/tmp/truckhost-replay-XXXXXX";
         const int fd = mkstemp(name);
         if (fd < 0 || write(fd, run.paramsText.data(), run.paramsText.size()) !=
@@ -938,10 +946,20 @@ private:
             fprintf(stderr, "truckhost: %s\n", result.failure.c_str());
         }
         if (result.status == kExitOk && m_options.check) {
+            // A shorter run is compared over the span it replayed: past its end the recording
+            // has what the replay never got to send.
+            const uint64_t recordedMs = m_device.recording.endMs;
+            const double durationMs = m_options.duration * 1000.0;
+            const uint64_t comparedMs =
+                durationMs < static_cast<double>(recordedMs) ? static_cast<uint64_t>(durationMs) : recordedMs;
+            if (comparedMs < recordedMs) {
+                fprintf(stderr, "truckhost: comparing the first %llu ms of the recording's %llu ms\n",
+                        static_cast<unsigned long long>(comparedMs),
+                        static_cast<unsigned long long>(recordedMs));
+            }
             std::string difference;
             std::lock_guard<std::mutex> lock(m_sentMutex);
-            if (truckhost::CompareRecordings(m_device.recording.messages, m_sent, m_device.recording.endMs,
-                                             difference)) {
+            if (truckhost::CompareRecordings(m_device.recording.messages, m_sent, comparedMs, difference)) {
                 fprintf(stderr, "truckhost: the replay agrees with %s\n", m_options.replay.c_str());
             } else {
                 fprintf(stderr, "truckhost: the replay differs from %s: %s\n", m_options.replay.c_str(),

@@ -58,6 +58,10 @@ def refusals():
     expect_refused(["--script", "/nonexistent.json"], "cannot read the script '/nonexistent.json': No such file")
     expect_refused(["--replay", not_json], "")
     expect_refused(["--check"], "--replay")
+    # What a recording fixes is not taken from the command line.
+    for option, value in [("--device", not_json), ("--sysroot", DEMO), ("--param-store", not_json),
+                          ("--start-time", "2026-01-01T00:00:00"), ("--script", DRIVE)]:
+        expect_refused(["--replay", not_json, option, value], f"it takes no {option}\n")
     expect_refused(["--channel", "4"], "the device has 4 channel(s) (0 to 3)")
     expect_refused(["--duration=soon"], "--duration takes a number of seconds, not 'soon'")
 
@@ -109,14 +113,28 @@ def record_and_replay():
           and speed[-1]["font"] == 1 and speed[-1]["y"] == 30, "overlays decoded", speed[-1:])
     rc, out, err = run("--replay", record, "--check")
     check(rc == 0 and "agrees" in err, "the replay agrees with its recording", err)
-    tampered = os.path.join(WORK, "tampered.jsonl")
-    with open(tampered, "w") as f:
-        for m in lines:
-            if m.get("name") == "overlay" and m["fields"]["kind"] == 2:
-                m["hex"] = m["hex"].replace("4b4d2f48", "4d502f48")  # KM/H -> MP/H
-            f.write(json.dumps(m) + "\n")
-    rc, out, err = run("--replay", tampered, "--check")
+    rc, out, err = run("--replay", record, "--check", "--duration", "3")
+    check(rc == 0 and f"comparing the first 3000 ms of the recording's {lines[-1]['t_ms']} ms\n" in err,
+          "a shorter replay is compared over its span", err)
+
+    # A text the plug-in no longer sends is the first difference; a hex edited without its
+    # fields is refused.
+    def tampered(name, fields_too):
+        path = os.path.join(WORK, name)
+        with open(path, "w") as f:
+            for m in lines:
+                if m.get("name") == "overlay" and m["fields"]["kind"] == 2:
+                    m = dict(m, hex=m["hex"].replace("4b4d2f48", "4d502f48"))  # KM/H -> MP/H
+                    if fields_too:
+                        m["fields"] = dict(m["fields"], text=m["fields"]["text"].replace("KM/H", "MP/H"))
+                f.write(json.dumps(m) + "\n")
+        return path
+    rc, out, err = run("--replay", tampered("tampered.jsonl", True), "--check")
     check(rc == 1 and "differs" in err and "MP/H" in err, "a changed text is the first difference", err)
+    first_speed = next(n for n, m in enumerate(lines, 1) if m.get("name") == "overlay" and m["fields"]["kind"] == 2)
+    rc, out, err = run("--replay", tampered("edited.jsonl", False), "--check")
+    check(rc == 2 and err.endswith(f"edited.jsonl: line {first_speed}: the fields do not match the hex\n")
+          and "start:" not in err, "a recording whose fields do not match its hex is refused", err)
 
 
 # A frame that cannot be written ends the run after a clean stop, with the system's reason.
