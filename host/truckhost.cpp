@@ -631,7 +631,10 @@ std::string NothingDrawnReason(const std::string& sysroot) {
 class PluginService {
 public:
     bool Open(const std::string& path, std::string& error) {
-        m_module = dlopen(path.c_str(), RTLD_NOW | RTLD_LOCAL);
+        // A name without a slash would send dlopen down the library path, to another file of
+        // that name or to none: the user means the file in the current folder.
+        const std::string file = path.find('/') == std::string::npos ? "./" + path : path;
+        m_module = dlopen(file.c_str(), RTLD_NOW | RTLD_LOCAL);
         if (m_module == nullptr) {
             error = "cannot load plug-in '" + path + "': " + dlerror();
             return false;
