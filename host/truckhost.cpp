@@ -116,10 +116,20 @@ bool ParseJsonText(const std::string& text, Json::Value& value, std::string& err
     Json::CharReaderBuilder builder;
     builder["collectComments"] = false;
     std::unique_ptr<Json::CharReader> reader(builder.newCharReader());
-    if (reader->parse(text.data(), text.data() + text.size(), &value, &error)) {
+    std::string told;
+    if (reader->parse(text.data(), text.data() + text.size(), &value, &told)) {
         return true;
     }
-    error = error.substr(0, error.find('\n'));
+    // The parser tells "* Line 1, Column 15\n  Syntax error: ...\n"; a refusal is one line:
+    // "Line 1, Column 15: Syntax error: ...".
+    std::istringstream lines(told);
+    error.clear();
+    for (std::string line; std::getline(lines, line);) {
+        line.erase(0, line.find_first_not_of(" *"));
+        if (!line.empty()) {
+            error += (error.empty() ? "" : ": ") + line;
+        }
+    }
     return false;
 }
 

@@ -50,7 +50,7 @@ def refusals():
     not_json = write("not_json.bsn", "{\"PARAMETER\": ")
     expect_refused(["--sysroot", "/nonexistent/device"], "No such file or directory")
     expect_refused(["--sysroot", not_json], "is not a folder")
-    expect_refused(["--param-store", not_json], "is not JSON")
+    expect_refused(["--param-store", not_json], "is not JSON: Line 1, Column 15: Syntax error: value, object or")
     expect_refused(["--param-store=/nonexistent.bsn"], "No such file or directory")
     expect_refused(["--device", write("big.json", '{"video_inputs": 65536}')], '"video_inputs" must be a whole number')
     expect_refused(["--device", write("typo.json", '{"product-type": 113}')], 'unknown key "product-type"')
