@@ -103,6 +103,24 @@ bool RemoveEarlierFrames(const std::string& dir, std::string& error) {
     return removed;
 }
 
+// A tab would be drawn as a control character: it becomes the spaces to the next column of
+// eight, counted in characters.
+std::string ExpandTabs(const std::string& text) {
+    std::string out;
+    size_t column = 0;
+    for (char c : text) {
+        if (c == '\t') {
+            const size_t spaces = 8 - column % 8;
+            out.append(spaces, ' ');
+            column += spaces;
+        } else {
+            out.push_back(c);
+            column += (static_cast<unsigned char>(c) & 0xC0) != 0x80;
+        }
+    }
+    return out;
+}
+
 int TerminalColumns() {
     struct winsize size;
     if (ioctl(STDOUT_FILENO, TIOCGWINSZ, &size) == 0 && size.ws_col >= 20) {
@@ -207,7 +225,7 @@ std::vector<std::string> RenderPanel(const media::Snapshot& s, const PanelInput&
     if (!in.recentLog.empty()) {
         lines.push_back("log");
         for (const std::string& line : in.recentLog) {
-            lines.push_back("  " + media::Printable(line));
+            lines.push_back("  " + media::Printable(ExpandTabs(line)));
         }
     }
     for (std::string& line : lines) {

@@ -8,6 +8,7 @@
 #include <getopt.h>
 #include <limits.h>
 #include <signal.h>
+#include <stdarg.h>
 #include <stdio.h>
 #include <stdlib.h>
 #include <string.h>
@@ -669,7 +670,7 @@ public:
         const int rc = m_load(&attr);
         attr.name[31] = '\0';
         attr.type[31] = '\0';
-        fprintf(stderr, "load: %d, service \"%s\", type \"%s\"\n", rc, attr.name, attr.type);
+        Status("load: %d, service \"%s\", type \"%s\"\n", rc, attr.name, attr.type);
     }
 
     int Start() {
@@ -691,10 +692,37 @@ public:
         return StartLocked() == 0;
     }
 
+    // A panel redraws the whole terminal in place, over anything else written there: while it
+    // runs the status lines wait, and come out in order once it is left.
+    void HoldStatusLines(bool hold) {
+        std::lock_guard<std::mutex> lock(m_statusMutex);
+        m_holdStatus = hold;
+        if (!hold) {
+            for (const std::string& line : m_heldStatus) {
+                fputs(line.c_str(), stderr);
+            }
+            m_heldStatus.clear();
+        }
+    }
+
 private:
+    void Status(const char* format, ...) __attribute__((format(printf, 2, 3))) {
+        char line[256];
+        va_list args;
+        va_start(args, format);
+        vsnprintf(line, sizeof(line), format, args);
+        va_end(args);
+        std::lock_guard<std::mutex> lock(m_statusMutex);
+        if (m_holdStatus) {
+            m_heldStatus.push_back(line);
+        } else {
+            fputs(line, stderr);
+        }
+    }
+
     int StartLocked() {
         const int rc = m_start(&m_param);
-        fprintf(stderr, "start: %d\n", rc);
+        Status("start: %d\n", rc);
         m_running = rc == 0;
         return rc;
     }
@@ -704,7 +732,7 @@ private:
             return 0;
         }
         const int rc = m_stop(&m_param);
-        fprintf(stderr, "stop: %d, ucRunning %u\n", rc, static_cast<unsigned>(m_param.running.load()));
+        Status("stop: %d, ucRunning %u\n", rc, static_cast<unsigned>(m_param.running.load()));
         m_running = false;
         return rc;
     }
@@ -715,6 +743,9 @@ private:
     RunFn m_stop = nullptr;
     std::mutex m_mutex;  // one lifecycle call at a time: the script's restart against the end of the run
     bool m_running = false;
+    std::mutex m_statusMutex;  // guards the two below: a restart's lines come from the script's thread
+    bool m_holdStatus = false;
+    std::vector<std::string> m_heldStatus;
     // The plug-in keeps the block's address while it runs, and a stuck thread may write it
     // after stop: it lives as long as the process.
     static HostServiceParam m_param;
@@ -843,15 +874,18 @@ private:
 
     RunResult Run() {
         RunResult result;
+        // The panel owns the terminal while it runs: status lines wait for its end, platform
+        // log lines go to its foot. A failed start keeps its lines on standard error, where
+        // they stay readable.
+        const bool panel = isatty(STDOUT_FILENO) != 0;
+        m_plugin.HoldStatusLines(panel);
         m_plugin.Load();
         const int startRc = m_plugin.Start();
         if (startRc != 0) {
+            m_plugin.HoldStatusLines(false);
             result.status = kExitRunFailed;
             return result;
         }
-        // The panel owns the terminal while it runs: platform log lines go to its foot. A
-        // failed start keeps its lines on standard error, where they stay readable.
-        const bool panel = isatty(STDOUT_FILENO) != 0;
         if (panel) {
             const int shownLevel = m_options.logLevel;
             nvx::SetLogObserver([this, shownLevel](const nvx::LogLine& line) {
@@ -880,6 +914,7 @@ private:
         SampleThreads();
         m_plugin.Stop();
         m_view.Stop();
+        m_plugin.HoldStatusLines(false);
         if (panel) {
             nvx::SetLogObserver(nullptr);
             nvx::SetLogLevel(m_options.logLevel);

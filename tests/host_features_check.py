@@ -1,13 +1,15 @@
 #!/usr/bin/env python3
 """The host as a new user tries it: product variants from one identity file, refusals before
-start with their reasons, a restart in the same process, a run recorded and replayed, a frame
-that cannot be written, the note when nothing is drawn, and the run's summary.
+start with their reasons, a plug-in named from the current folder, a restart in the same
+process, a run recorded and replayed, a frame that cannot be written, the note when nothing is
+drawn, the run's summary, and the panel on a terminal.
 
 Arguments: the truckhost program, the demo folder (with device/ and global.bsn), and the drive
 script to record."""
 import concurrent.futures
 import json
 import os
+import pty
 import shutil
 import subprocess
 import sys
@@ -166,7 +168,28 @@ def nothing_drawn():
     check(rc == 0 and "nothing drawn: the device has no enabled business" in out, "no business is said", out)
 
 
-CASES = [refusals, variants, restart, record_and_replay, frames, nothing_drawn]
+# On a terminal the panel is redrawn in place; the status lines come out once it is left.
+def terminal():
+    master, slave = pty.openpty()
+    host = subprocess.Popen([HOST, "--duration", "1.5"], stdin=subprocess.DEVNULL, stdout=slave, stderr=slave)
+    os.close(slave)
+    screen = b""
+    while True:
+        try:
+            chunk = os.read(master, 65536)
+        except OSError:  # EIO: the host's end of the terminal is closed
+            break
+        if not chunk:
+            break
+        screen += chunk
+    os.close(master)
+    rc = host.wait(timeout=60)
+    after = screen[screen.rfind(b"\x1b[?25h"):].decode(errors="replace")
+    check(rc == 0 and b"\x1b[?25h" in screen and "load: 0" in after and "start: 0" in after
+          and "stop: 0, ucRunning 0" in after, "the status lines come after the panel", repr(screen[-600:]))
+
+
+CASES = [refusals, variants, restart, record_and_replay, frames, nothing_drawn, terminal]
 
 # The runs are independent and mostly wait on the plug-in's cycles: they share the time.
 with concurrent.futures.ThreadPoolExecutor(max_workers=len(CASES)) as pool:
