@@ -6,6 +6,7 @@
 #include <stdio.h>
 #include <string.h>
 #include <sys/ioctl.h>
+#include <sys/prctl.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
@@ -337,6 +338,7 @@ bool HostView::FramesFailed(std::string& reason) {
 }
 
 void HostView::Run() {
+    prctl(PR_SET_NAME, "host-view", 0, 0, 0);
     uint64_t nextFrameMs = 1000;
     std::unique_lock<std::mutex> lock(m_mutex);
     while (!m_stopping) {

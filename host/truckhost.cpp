@@ -19,6 +19,7 @@
 #include <atomic>
 #include <chrono>
 #include <fstream>
+#include <functional>
 #include <limits>
 #include <map>
 #include <mutex>
@@ -684,10 +685,12 @@ public:
         return StopLocked();
     }
 
-    // As a recorder's host restarts a service: stop, a pause, start. False when the start failed.
-    bool Restart(uint64_t gapMs) {
+    // As a recorder's host restarts a service: stop, a pause, start; `stopped` is called in
+    // between. False when the start failed.
+    bool Restart(uint64_t gapMs, const std::function<void()>& stopped) {
         std::lock_guard<std::mutex> lock(m_mutex);
         StopLocked();
+        stopped();
         std::this_thread::sleep_for(std::chrono::milliseconds(gapMs));
         return StartLocked() == 0;
     }
@@ -957,7 +960,14 @@ private:
                 }
                 m_view.OnStep(step.source);
                 if (step.injection == truckhost::Injection::kRestart) {
-                    if (!m_plugin.Restart(step.gapMs)) {
+                    // The stopping run's threads keep their figures up to the stop; the next
+                    // run's threads are told apart by its number.
+                    SampleThreads();
+                    if (!m_plugin.Restart(step.gapMs, [this] {
+                            if (m_sampling) {
+                                m_sampler.NextRun();
+                            }
+                        })) {
                         m_restartFailed = true;
                     }
                     return;
