@@ -458,8 +458,8 @@ bool ReadPluginVersion(const std::string& path, std::string& line, std::string& 
     if (!ReadWholeFile(path, "plug-in", bytes, error)) {
         return false;
     }
-    // Other texts of the module start with the same word ("truckservice pass"); the line's
-    // version starts with a digit.
+    // Another text of the module may start with the same word; the line's version starts with
+    // a digit.
     static const std::string kPrefix = "truckservice ";
     for (size_t at = bytes.find(kPrefix); at != std::string::npos; at = bytes.find(kPrefix, at + 1)) {
         const size_t after = at + kPrefix.size();
