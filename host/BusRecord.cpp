@@ -292,6 +292,15 @@ bool ReadRecording(const std::string& path, Recording& out, std::string& error) 
                 return false;
             }
             message.event = line["event"].asInt();
+            // The check compares the bytes alone: a line whose fields tell another story than
+            // its hex was edited by hand, and would pass for what it does not test.
+            Json::Value fields;
+            const std::string name = DecodeBusMessage(message.event, message.payload, fields);
+            if ((line.isMember("name") && line["name"] != Json::Value(name)) ||
+                (line.isMember("fields") && Compact(line["fields"]) != Compact(fields))) {
+                error = where + "the fields do not match the hex";
+                return false;
+            }
             recording.messages.push_back(std::move(message));
         } else if (kind == "script") {
             steps += (steps.empty() ? "" : ",\n") + Compact(line["do"]);

@@ -75,7 +75,8 @@ private:
 };
 
 // False with the reason (the system's for a file that cannot be read, else the line) for a
-// file that is not such a log.
+// file that is not such a log, or one with a bus message whose name or fields are not what its
+// hex decodes to.
 bool ReadRecording(const std::string& path, Recording& out, std::string& error);
 
 // Agreement of a replay with its recording. Overlays are compared per item kind as the

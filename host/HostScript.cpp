@@ -3,6 +3,7 @@
 #include <ctype.h>
 #include <stdlib.h>
 #include <string.h>
+#include <sys/prctl.h>
 
 #include <algorithm>
 #include <exception>
@@ -435,6 +436,7 @@ bool ScriptTimeline::WaitUntilDone(std::chrono::milliseconds timeout) {
 }
 
 void ScriptTimeline::Run() {
+    prctl(PR_SET_NAME, "host-script", 0, 0, 0);
     // A century keeps the deadline inside the clock's range for any at_ms.
     constexpr uint64_t kFarMs = 100ULL * 366 * 24 * 3600 * 1000;
     for (const ScriptStep& step : m_steps) {

@@ -6,6 +6,7 @@
 #include <stdio.h>
 #include <string.h>
 #include <sys/ioctl.h>
+#include <sys/prctl.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
@@ -101,6 +102,24 @@ bool RemoveEarlierFrames(const std::string& dir, std::string& error) {
     }
     closedir(folder);
     return removed;
+}
+
+// A tab would be drawn as a control character: it becomes the spaces to the next column of
+// eight, counted in characters.
+std::string ExpandTabs(const std::string& text) {
+    std::string out;
+    size_t column = 0;
+    for (char c : text) {
+        if (c == '\t') {
+            const size_t spaces = 8 - column % 8;
+            out.append(spaces, ' ');
+            column += spaces;
+        } else {
+            out.push_back(c);
+            column += (static_cast<unsigned char>(c) & 0xC0) != 0x80;
+        }
+    }
+    return out;
 }
 
 int TerminalColumns() {
@@ -207,7 +226,7 @@ std::vector<std::string> RenderPanel(const media::Snapshot& s, const PanelInput&
     if (!in.recentLog.empty()) {
         lines.push_back("log");
         for (const std::string& line : in.recentLog) {
-            lines.push_back("  " + media::Printable(line));
+            lines.push_back("  " + media::Printable(ExpandTabs(line)));
         }
     }
     for (std::string& line : lines) {
@@ -319,6 +338,7 @@ bool HostView::FramesFailed(std::string& reason) {
 }
 
 void HostView::Run() {
+    prctl(PR_SET_NAME, "host-view", 0, 0, 0);
     uint64_t nextFrameMs = 1000;
     std::unique_lock<std::mutex> lock(m_mutex);
     while (!m_stopping) {

@@ -191,7 +191,19 @@ void ThreadSampler::Run(std::chrono::milliseconds interval) {
     }
 }
 
+void ThreadSampler::NextRun() {
+    std::lock_guard<std::mutex> lock(m_mutex);
+    ++m_run;
+}
+
 void ThreadSampler::SampleNow() {
+    // The run is read as the listing begins: a listing begun before NextRun() credits the
+    // threads it finds first to the run before, however late it is merged.
+    int run = 0;
+    {
+        std::lock_guard<std::mutex> lock(m_mutex);
+        run = m_run;
+    }
     std::vector<Reading> readings;
     DIR* dir = opendir("/proc/self/task");
     if (dir == nullptr) {
@@ -206,10 +218,10 @@ void ThreadSampler::SampleNow() {
         }
     }
     closedir(dir);
-    Merge(readings);
+    Merge(readings, run);
 }
 
-void ThreadSampler::Merge(const std::vector<Reading>& readings) {
+void ThreadSampler::Merge(const std::vector<Reading>& readings, int run) {
     std::lock_guard<std::mutex> lock(m_mutex);
     const bool first = !m_sampled;
     m_sampled = true;
@@ -218,6 +230,7 @@ void ThreadSampler::Merge(const std::vector<Reading>& readings) {
         if (it == m_threads.end()) {
             Observed o;
             o.order = m_threads.size();
+            o.run = run;
             if (first) {
                 o.from = r.at;
                 o.firstTicks = r.cpuTicks;
@@ -242,8 +255,9 @@ std::vector<ThreadFigures> ThreadSampler::Figures() const {
     std::vector<ThreadFigures> figures(m_threads.size());
     for (const auto& [key, o] : m_threads) {
         ThreadFigures& f = figures[o.order];
-        f.name = o.name;
         f.owner = ThreadOwner(o.name);
+        // The host's own threads live through a restart; the others come anew with each run.
+        f.name = o.run > 1 && f.owner != std::string("host") ? o.name + "#" + std::to_string(o.run) : o.name;
         f.seconds = std::max(0.0, o.last - o.from);
         if (f.seconds > 0) {
             f.wakeupsPerSecond = static_cast<double>(o.lastWakeups - o.firstWakeups) / f.seconds;

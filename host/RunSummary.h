@@ -24,8 +24,10 @@
 namespace truckhost {
 
 struct ThreadFigures {
-    std::string name;             // the last name the thread was seen with
-    std::string owner;            // ThreadOwner(name)
+    // The last name the thread was seen with; one of a later run (NextRun()) that is not the
+    // host's with "#<run>" after it.
+    std::string name;
+    std::string owner;            // ThreadOwner of the name as seen
     double wakeupsPerSecond = 0;  // times it blocked and was woken (voluntary switches)
     double cpuPercent = 0;        // of one core
     double seconds = 0;           // the thread's observed life: birth or first sample, to its last sample
@@ -55,6 +57,10 @@ public:
     // A sample in the caller's thread, e.g. just before stopping the plug-in, so that threads
     // about to end keep their figures up to that moment.
     void SampleNow();
+    // The plug-in was stopped and is about to start again: threads first seen by a sample
+    // taken from now on are of the next run, numbered from 2, and named "<name>#<run>" unless
+    // they are the host's.
+    void NextRun();
     // One entry per thread seen, in the order they were first seen.
     std::vector<ThreadFigures> Figures() const;
 
@@ -62,6 +68,7 @@ private:
     struct Reading;
     struct Observed {
         size_t order = 0;  // first seen
+        int run = 1;
         std::string name;
         double from = 0;  // seconds since boot
         uint64_t firstTicks = 0, firstWakeups = 0;
@@ -71,13 +78,14 @@ private:
 
     static bool ReadThread(int tid, Reading& r);
     void Run(std::chrono::milliseconds interval);
-    void Merge(const std::vector<Reading>& readings);
+    void Merge(const std::vector<Reading>& readings, int run);
 
     mutable std::mutex m_mutex;
     std::condition_variable m_wake;
     bool m_started = false;
     bool m_stopping = false;
     bool m_sampled = false;                                  // the first sample is in
+    int m_run = 1;                                           // counted on by NextRun()
     std::map<std::pair<int, uint64_t>, Observed> m_threads;  // (tid, start time in ticks)
     std::thread m_sampler;
 };

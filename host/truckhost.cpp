@@ -8,6 +8,7 @@
 #include <getopt.h>
 #include <limits.h>
 #include <signal.h>
+#include <stdarg.h>
 #include <stdio.h>
 #include <stdlib.h>
 #include <string.h>
@@ -18,12 +19,14 @@
 #include <atomic>
 #include <chrono>
 #include <fstream>
+#include <functional>
 #include <limits>
 #include <map>
 #include <mutex>
 #include <sstream>
 #include <string>
 #include <thread>
+#include <utility>
 #include <vector>
 
 #include <json/json.h>
@@ -115,10 +118,20 @@ bool ParseJsonText(const std::string& text, Json::Value& value, std::string& err
     Json::CharReaderBuilder builder;
     builder["collectComments"] = false;
     std::unique_ptr<Json::CharReader> reader(builder.newCharReader());
-    if (reader->parse(text.data(), text.data() + text.size(), &value, &error)) {
+    std::string told;
+    if (reader->parse(text.data(), text.data() + text.size(), &value, &told)) {
         return true;
     }
-    error = error.substr(0, error.find('\n'));
+    // The parser tells "* Line 1, Column 15\n  Syntax error: ...\n"; a refusal is one line:
+    // "Line 1, Column 15: Syntax error: ...".
+    std::istringstream lines(told);
+    error.clear();
+    for (std::string line; std::getline(lines, line);) {
+        line.erase(0, line.find_first_not_of(" *"));
+        if (!line.empty()) {
+            error += (error.empty() ? "" : ": ") + line;
+        }
+    }
     return false;
 }
 
@@ -244,7 +257,8 @@ const OptionSpec kOptions[] = {
     {"script", "FILE", "inject the timed steps of FILE while the plug-in runs (see below)", ReadScriptFile},
     {"replay", "FILE",
      "run the device, parameter store, clock and script steps that the bus log FILE recorded, at\n"
-     "their times and for as long",
+     "their times and for as long (so it takes no --sysroot, --device, --param-store, --start-time\n"
+     "or --script; a shorter --duration is compared over the span it ran)",
      [](const std::string& v, Options& o, std::string&) {
          o.replay = v;
          return true;
@@ -419,9 +433,19 @@ int ParseOptions(int argc, char** argv, Options& options) {
         fprintf(stderr, "truckhost: --check compares a replay: give --replay FILE\n");
         return kExitRefused;
     }
-    if (!options.replay.empty() && options.scriptGiven) {
-        fprintf(stderr, "truckhost: --replay runs the recorded steps; it takes no --script\n");
-        return kExitRefused;
+    // What the recording fixes cannot be given again: the replay would not be the run recorded.
+    const std::pair<bool, const char*> fixedByRecording[] = {
+        {options.sysrootGiven, "system root; it takes no --sysroot"},
+        {!options.deviceFile.empty(), "identity; it takes no --device"},
+        {!options.paramStore.empty(), "parameter store; it takes no --param-store"},
+        {options.startTimeGiven, "start time; it takes no --start-time"},
+        {options.scriptGiven, "steps; it takes no --script"},
+    };
+    for (const auto& fixed : fixedByRecording) {
+        if (!options.replay.empty() && fixed.first) {
+            fprintf(stderr, "truckhost: --replay runs the recorded %s\n", fixed.second);
+            return kExitRefused;
+        }
     }
     return -1;
 }
@@ -434,8 +458,8 @@ bool ReadPluginVersion(const std::string& path, std::string& line, std::string& 
     if (!ReadWholeFile(path, "plug-in", bytes, error)) {
         return false;
     }
-    // Other texts of the module start with the same word ("truckservice pass"); the line's
-    // version starts with a digit.
+    // Another text of the module may start with the same word; the line's version starts with
+    // a digit.
     static const std::string kPrefix = "truckservice ";
     for (size_t at = bytes.find(kPrefix); at != std::string::npos; at = bytes.find(kPrefix, at + 1)) {
         const size_t after = at + kPrefix.size();
@@ -486,7 +510,7 @@ std::string InitialParamStore(const Options& options) {
     return options.sysrootGiven ? std::string() : std::string(TRUCK_DEMO_PARAM_STORE);
 }
 
-// A recorded run stands in for the options it recorded; the command line's own still count.
+// A recorded run stands in for the options it recorded (the command line gives none of them).
 bool TakeRecording(Options& options, Device& device, std::string& error) {
     if (!truckhost::ReadRecording(options.replay, device.recording, error)) {
         return false;
@@ -498,19 +522,15 @@ bool TakeRecording(Options& options, Device& device, std::string& error) {
         return false;
     }
     options.script = std::move(parsed.steps);
-    if (!options.sysrootGiven) {
-        options.sysroot = run.sysroot;
-        options.sysrootGiven = true;
-    }
-    if (!options.startTimeGiven) {
-        options.startTime = run.startTime;
-        options.startTimeGiven = true;
-    }
+    options.sysroot = run.sysroot;
+    options.sysrootGiven = true;
+    options.startTime = run.startTime;
+    options.startTimeGiven = true;
     if (options.duration < 0) {
         options.duration = static_cast<double>(device.recording.endMs) / 1000.0;
     }
     device.profile = run.device;
-    if (options.paramStore.empty() && !run.paramsText.empty()) {
+    if (!run.paramsText.empty()) {
         char name[] = "/tmp/truckhost-replay-XXXXXX";
         const int fd = mkstemp(name);
         if (fd < 0 || write(fd, run.paramsText.data(), run.paramsText.size()) !=
@@ -623,7 +643,10 @@ std::string NothingDrawnReason(const std::string& sysroot) {
 class PluginService {
 public:
     bool Open(const std::string& path, std::string& error) {
-        m_module = dlopen(path.c_str(), RTLD_NOW | RTLD_LOCAL);
+        // A name without a slash would send dlopen down the library path, to another file of
+        // that name or to none: the user means the file in the current folder.
+        const std::string file = path.find('/') == std::string::npos ? "./" + path : path;
+        m_module = dlopen(file.c_str(), RTLD_NOW | RTLD_LOCAL);
         if (m_module == nullptr) {
             error = "cannot load plug-in '" + path + "': " + dlerror();
             return false;
@@ -648,7 +671,7 @@ public:
         const int rc = m_load(&attr);
         attr.name[31] = '\0';
         attr.type[31] = '\0';
-        fprintf(stderr, "load: %d, service \"%s\", type \"%s\"\n", rc, attr.name, attr.type);
+        Status("load: %d, service \"%s\", type \"%s\"\n", rc, attr.name, attr.type);
     }
 
     int Start() {
@@ -662,18 +685,47 @@ public:
         return StopLocked();
     }
 
-    // As a recorder's host restarts a service: stop, a pause, start. False when the start failed.
-    bool Restart(uint64_t gapMs) {
+    // As a recorder's host restarts a service: stop, a pause, start; `stopped` is called in
+    // between. False when the start failed.
+    bool Restart(uint64_t gapMs, const std::function<void()>& stopped) {
         std::lock_guard<std::mutex> lock(m_mutex);
         StopLocked();
+        stopped();
         std::this_thread::sleep_for(std::chrono::milliseconds(gapMs));
         return StartLocked() == 0;
     }
 
+    // A panel redraws the whole terminal in place, over anything else written there: while it
+    // runs the status lines wait, and come out in order once it is left.
+    void HoldStatusLines(bool hold) {
+        std::lock_guard<std::mutex> lock(m_statusMutex);
+        m_holdStatus = hold;
+        if (!hold) {
+            for (const std::string& line : m_heldStatus) {
+                fputs(line.c_str(), stderr);
+            }
+            m_heldStatus.clear();
+        }
+    }
+
 private:
+    void Status(const char* format, ...) __attribute__((format(printf, 2, 3))) {
+        char line[256];
+        va_list args;
+        va_start(args, format);
+        vsnprintf(line, sizeof(line), format, args);
+        va_end(args);
+        std::lock_guard<std::mutex> lock(m_statusMutex);
+        if (m_holdStatus) {
+            m_heldStatus.push_back(line);
+        } else {
+            fputs(line, stderr);
+        }
+    }
+
     int StartLocked() {
         const int rc = m_start(&m_param);
-        fprintf(stderr, "start: %d\n", rc);
+        Status("start: %d\n", rc);
         m_running = rc == 0;
         return rc;
     }
@@ -683,7 +735,7 @@ private:
             return 0;
         }
         const int rc = m_stop(&m_param);
-        fprintf(stderr, "stop: %d, ucRunning %u\n", rc, static_cast<unsigned>(m_param.running.load()));
+        Status("stop: %d, ucRunning %u\n", rc, static_cast<unsigned>(m_param.running.load()));
         m_running = false;
         return rc;
     }
@@ -694,6 +746,9 @@ private:
     RunFn m_stop = nullptr;
     std::mutex m_mutex;  // one lifecycle call at a time: the script's restart against the end of the run
     bool m_running = false;
+    std::mutex m_statusMutex;  // guards the two below: a restart's lines come from the script's thread
+    bool m_holdStatus = false;
+    std::vector<std::string> m_heldStatus;
     // The plug-in keeps the block's address while it runs, and a stuck thread may write it
     // after stop: it lives as long as the process.
     static HostServiceParam m_param;
@@ -822,15 +877,18 @@ private:
 
     RunResult Run() {
         RunResult result;
+        // The panel owns the terminal while it runs: status lines wait for its end, platform
+        // log lines go to its foot. A failed start keeps its lines on standard error, where
+        // they stay readable.
+        const bool panel = isatty(STDOUT_FILENO) != 0;
+        m_plugin.HoldStatusLines(panel);
         m_plugin.Load();
         const int startRc = m_plugin.Start();
         if (startRc != 0) {
+            m_plugin.HoldStatusLines(false);
             result.status = kExitRunFailed;
             return result;
         }
-        // The panel owns the terminal while it runs: platform log lines go to its foot. A
-        // failed start keeps its lines on standard error, where they stay readable.
-        const bool panel = isatty(STDOUT_FILENO) != 0;
         if (panel) {
             const int shownLevel = m_options.logLevel;
             nvx::SetLogObserver([this, shownLevel](const nvx::LogLine& line) {
@@ -859,6 +917,7 @@ private:
         SampleThreads();
         m_plugin.Stop();
         m_view.Stop();
+        m_plugin.HoldStatusLines(false);
         if (panel) {
             nvx::SetLogObserver(nullptr);
             nvx::SetLogLevel(m_options.logLevel);
@@ -901,7 +960,14 @@ private:
                 }
                 m_view.OnStep(step.source);
                 if (step.injection == truckhost::Injection::kRestart) {
-                    if (!m_plugin.Restart(step.gapMs)) {
+                    // The stopping run's threads keep their figures up to the stop; the next
+                    // run's threads are told apart by its number.
+                    SampleThreads();
+                    if (!m_plugin.Restart(step.gapMs, [this] {
+                            if (m_sampling) {
+                                m_sampler.NextRun();
+                            }
+                        })) {
                         m_restartFailed = true;
                     }
                     return;
@@ -938,10 +1004,20 @@ private:
             fprintf(stderr, "truckhost: %s\n", result.failure.c_str());
         }
         if (result.status == kExitOk && m_options.check) {
+            // A shorter run is compared over the span it replayed: past its end the recording
+            // has what the replay never got to send.
+            const uint64_t recordedMs = m_device.recording.endMs;
+            const double durationMs = m_options.duration * 1000.0;
+            const uint64_t comparedMs =
+                durationMs < static_cast<double>(recordedMs) ? static_cast<uint64_t>(durationMs) : recordedMs;
+            if (comparedMs < recordedMs) {
+                fprintf(stderr, "truckhost: comparing the first %llu ms of the recording's %llu ms\n",
+                        static_cast<unsigned long long>(comparedMs),
+                        static_cast<unsigned long long>(recordedMs));
+            }
             std::string difference;
             std::lock_guard<std::mutex> lock(m_sentMutex);
-            if (truckhost::CompareRecordings(m_device.recording.messages, m_sent, m_device.recording.endMs,
-                                             difference)) {
+            if (truckhost::CompareRecordings(m_device.recording.messages, m_sent, comparedMs, difference)) {
                 fprintf(stderr, "truckhost: the replay agrees with %s\n", m_options.replay.c_str());
             } else {
                 fprintf(stderr, "truckhost: the replay differs from %s: %s\n", m_options.replay.c_str(),

@@ -1,13 +1,15 @@
 #!/usr/bin/env python3
 """The host as a new user tries it: product variants from one identity file, refusals before
-start with their reasons, a restart in the same process, a run recorded and replayed, a frame
-that cannot be written, the note when nothing is drawn, and the run's summary.
+start with their reasons, a plug-in named from the current folder, a restart in the same
+process, a run recorded and replayed, a frame that cannot be written, the note when nothing is
+drawn, the run's summary, and the panel on a terminal.
 
 Arguments: the truckhost program, the demo folder (with device/ and global.bsn), and the drive
 script to record."""
 import concurrent.futures
 import json
 import os
+import pty
 import shutil
 import subprocess
 import sys
@@ -18,8 +20,8 @@ WORK = tempfile.mkdtemp()
 failures = []
 
 
-def run(*args, timeout=60):
-    done = subprocess.run([HOST, *args], capture_output=True, text=True, timeout=timeout)
+def run(*args, timeout=60, cwd=None):
+    done = subprocess.run([HOST, *args], capture_output=True, text=True, timeout=timeout, cwd=cwd)
     return done.returncode, done.stdout, done.stderr
 
 
@@ -50,7 +52,7 @@ def refusals():
     not_json = write("not_json.bsn", "{\"PARAMETER\": ")
     expect_refused(["--sysroot", "/nonexistent/device"], "No such file or directory")
     expect_refused(["--sysroot", not_json], "is not a folder")
-    expect_refused(["--param-store", not_json], "is not JSON")
+    expect_refused(["--param-store", not_json], "is not JSON: Line 1, Column 15: Syntax error: value, object or")
     expect_refused(["--param-store=/nonexistent.bsn"], "No such file or directory")
     expect_refused(["--device", write("big.json", '{"video_inputs": 65536}')], '"video_inputs" must be a whole number')
     expect_refused(["--device", write("typo.json", '{"product-type": 113}')], 'unknown key "product-type"')
@@ -58,6 +60,10 @@ def refusals():
     expect_refused(["--script", "/nonexistent.json"], "cannot read the script '/nonexistent.json': No such file")
     expect_refused(["--replay", not_json], "")
     expect_refused(["--check"], "--replay")
+    # What a recording fixes is not taken from the command line.
+    for option, value in [("--device", not_json), ("--sysroot", DEMO), ("--param-store", not_json),
+                          ("--start-time", "2026-01-01T00:00:00"), ("--script", DRIVE)]:
+        expect_refused(["--replay", not_json, option, value], f"it takes no {option}\n")
     expect_refused(["--channel", "4"], "the device has 4 channel(s) (0 to 3)")
     expect_refused(["--duration=soon"], "--duration takes a number of seconds, not 'soon'")
 
@@ -66,10 +72,14 @@ def refusals():
 
 
 # A product variant is one identity file away: 113 shows no speed line; 8 inputs and 4 IP
-# cameras put every item on 12 channels.
+# cameras put every item on 12 channels. A plug-in named without a folder is the one in the
+# current folder, not one of the library path.
 def variants():
-    rc, out, err = run("--device", write("p113.json", '{"product_type": 113}'), "--duration", "2.5")
-    check(rc == 0 and 'time on ch 0-3: "' in out and "speed on" not in out, "product 113 draws the time alone", out + err)
+    os.symlink(os.path.join(os.path.dirname(HOST), "libtruckservice.so"), os.path.join(WORK, "variant.so"))
+    rc, out, err = run("--device", write("p113.json", '{"product_type": 113}'), "--duration", "2.5",
+                       "--plugin", "variant.so", cwd=WORK)
+    check(rc == 0 and 'time on ch 0-3: "' in out and "speed on" not in out,
+          "product 113 draws the time alone, from a plug-in in the current folder", out + err)
     rc, out, err = run("--device", write("ch12.json", '{"video_inputs": 8, "ip_channels": 4}'), "--duration", "2.5",
                        "--channel", "11")
     check(rc == 0 and 'time on ch 0-11: "' in out and 'speed on ch 0-11: "0KM/H"' in out, "8 + 4 channels", out + err)
@@ -87,10 +97,13 @@ def restart():
     check(any(t > 1800 for t in times) and any(t < 1500 for t in times), "overlays before and after the restart", times)
     with open(summary) as f:
         s = json.load(f)
-    cycles = [t for t in s["threads"] if t["name"] == "truckservice"]
-    check(s["exit"] == 0 and len(cycles) == 2 and all(t["owner"] == "plug-in" for t in cycles), "summary threads", s)
-    check(any(t["owner"] == "stand-in" for t in s["threads"]) and any(t["owner"] == "host" for t in s["threads"]),
-          "summary names the stand-in's and the host's threads", s)
+    names = [t["name"] for t in s["threads"]]
+    cycles = [t for t in s["threads"] if t["name"] in ("truckservice", "truckservice#2")]
+    check(s["exit"] == 0 and len(cycles) == 2 and len(set(t["name"] for t in cycles)) == 2
+          and all(t["owner"] == "plug-in" for t in cycles), "summary threads, the second run's numbered", names)
+    check(any(t["owner"] == "stand-in" for t in s["threads"]) and
+          sorted(t["name"] for t in s["threads"] if t["owner"] == "host") ==
+          ["host-sampler", "host-script", "host-view", "truckhost"], "the host's threads, each named", s)
     check(s["messages"].get("0x1210", 0) > 0 and s["frames"] == 0, "summary counts the overlays sent", s)
 
 
@@ -109,14 +122,28 @@ def record_and_replay():
           and speed[-1]["font"] == 1 and speed[-1]["y"] == 30, "overlays decoded", speed[-1:])
     rc, out, err = run("--replay", record, "--check")
     check(rc == 0 and "agrees" in err, "the replay agrees with its recording", err)
-    tampered = os.path.join(WORK, "tampered.jsonl")
-    with open(tampered, "w") as f:
-        for m in lines:
-            if m.get("name") == "overlay" and m["fields"]["kind"] == 2:
-                m["hex"] = m["hex"].replace("4b4d2f48", "4d502f48")  # KM/H -> MP/H
-            f.write(json.dumps(m) + "\n")
-    rc, out, err = run("--replay", tampered, "--check")
+    rc, out, err = run("--replay", record, "--check", "--duration", "3")
+    check(rc == 0 and f"comparing the first 3000 ms of the recording's {lines[-1]['t_ms']} ms\n" in err,
+          "a shorter replay is compared over its span", err)
+
+    # A text the plug-in no longer sends is the first difference; a hex edited without its
+    # fields is refused.
+    def tampered(name, fields_too):
+        path = os.path.join(WORK, name)
+        with open(path, "w") as f:
+            for m in lines:
+                if m.get("name") == "overlay" and m["fields"]["kind"] == 2:
+                    m = dict(m, hex=m["hex"].replace("4b4d2f48", "4d502f48"))  # KM/H -> MP/H
+                    if fields_too:
+                        m["fields"] = dict(m["fields"], text=m["fields"]["text"].replace("KM/H", "MP/H"))
+                f.write(json.dumps(m) + "\n")
+        return path
+    rc, out, err = run("--replay", tampered("tampered.jsonl", True), "--check")
     check(rc == 1 and "differs" in err and "MP/H" in err, "a changed text is the first difference", err)
+    first_speed = next(n for n, m in enumerate(lines, 1) if m.get("name") == "overlay" and m["fields"]["kind"] == 2)
+    rc, out, err = run("--replay", tampered("edited.jsonl", False), "--check")
+    check(rc == 2 and err.endswith(f"edited.jsonl: line {first_speed}: the fields do not match the hex\n")
+          and "start:" not in err, "a recording whose fields do not match its hex is refused", err)
 
 
 # A frame that cannot be written ends the run after a clean stop, with the system's reason.
@@ -144,7 +171,28 @@ def nothing_drawn():
     check(rc == 0 and "nothing drawn: the device has no enabled business" in out, "no business is said", out)
 
 
-CASES = [refusals, variants, restart, record_and_replay, frames, nothing_drawn]
+# On a terminal the panel is redrawn in place; the status lines come out once it is left.
+def terminal():
+    master, slave = pty.openpty()
+    host = subprocess.Popen([HOST, "--duration", "1.5"], stdin=subprocess.DEVNULL, stdout=slave, stderr=slave)
+    os.close(slave)
+    screen = b""
+    while True:
+        try:
+            chunk = os.read(master, 65536)
+        except OSError:  # EIO: the host's end of the terminal is closed
+            break
+        if not chunk:
+            break
+        screen += chunk
+    os.close(master)
+    rc = host.wait(timeout=60)
+    after = screen[screen.rfind(b"\x1b[?25h"):].decode(errors="replace")
+    check(rc == 0 and b"\x1b[?25h" in screen and "load: 0" in after and "start: 0" in after
+          and "stop: 0, ucRunning 0" in after, "the status lines come after the panel", repr(screen[-600:]))
+
+
+CASES = [refusals, variants, restart, record_and_replay, frames, nothing_drawn, terminal]
 
 # The runs are independent and mostly wait on the plug-in's cycles: they share the time.
 with concurrent.futures.ThreadPoolExecutor(max_workers=len(CASES)) as pool:

@@ -228,6 +228,17 @@ TEST(BusRecord, LogWrittenAndReadBack) {
     EXPECT_EQ(message(rec.messages[0]), message({120, kOverlay, overlay}));
     EXPECT_EQ(message(rec.messages[1]), message({450, 0x9999, {0xff, 0x00, 0xa5}}));
 
+    // A line whose fields no longer tell what its hex says was edited: refused, with its number.
+    std::stringstream written;
+    written << std::ifstream(path).rdbuf();
+    std::string edited = written.str();
+    const size_t text = edited.find(R"("text":"50 km/h")");
+    ASSERT_NE(text, std::string::npos) << edited;
+    std::ofstream(path + ".edited") << edited.replace(text + 8, 2, "60");
+    EXPECT_FALSE(truckhost::ReadRecording(path + ".edited", rec, error));
+    EXPECT_EQ(error, "recording " + path + ".edited: line 3: the fields do not match the hex");
+    unlink((path + ".edited").c_str());
+
     // Refused: a line that is not JSON, no file, a log that does not open with its run.
     std::ofstream(path, std::ios::app) << "{\"t_ms\": 460, \"kind\":\n";
     EXPECT_FALSE(truckhost::ReadRecording(path, rec, error));

@@ -56,7 +56,10 @@ TEST(HostPanel, ChannelsShowingTheSameItemsShareTheirLinesAndTheRestIsNamed) {
 
     truckhost::PanelInput input;
     input.deviceClock = 4102444799;  // past the device build's time_t
+    input.recentLog = {"L2 a\tbc\td"};
     const std::string panel = Joined(truckhost::RenderPanel(s, input, 200));
+    EXPECT_NE(panel.find("\n  L2 a    bc      d\n"), std::string::npos) << "tabs to columns of eight\n"
+                                                                        << panel;
     EXPECT_NE(panel.find("device clock 2099-12-31 23:59:59 "), std::string::npos) << panel;
     EXPECT_NE(panel.find("ch 0-3   time"), std::string::npos) << panel;
     EXPECT_NE(panel.find("ch 4     time"), std::string::npos) << panel;
