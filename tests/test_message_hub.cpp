@@ -415,6 +415,10 @@ TEST_F(Hub, APublisherThatOutrunsTheSchedulerIsRefusedAndASubscriberCannotReachT
     // Only the pass that took the last one rests before the next, though the bus answers at once.
     EXPECT_TRUE(Eventually([&] { return nvx::CallCount("JQ_SDK_MSG_WaitForEvent") >= passesAt + 2; }));
     EXPECT_GE(std::chrono::steady_clock::now() - lastAt, std::chrono::milliseconds(100));
+    // That rest is the only one: passes over the empty queue follow at once. Ten rests more, or
+    // one of a second, would not fit in the bound.
+    ASSERT_TRUE(Eventually([&] { return nvx::CallCount("JQ_SDK_MSG_WaitForEvent") >= passesAt + 12; }));
+    EXPECT_LT(std::chrono::steady_clock::now() - lastAt, std::chrono::milliseconds(1000));
 
     // A subscriber runs under the hub's lock and a timer under the wheel's: one reaching for
     // the wheel while the other publishes would leave both waiting for good.
@@ -461,9 +465,15 @@ TEST_F(Hub, AFailedConstructionLeavesNoThreadAndAnEarlyDestructionJoinsTheSchedu
     EXPECT_EQ(CountThreads("HCt"), 0);
 
     nvx::SetMsgInitFails(false);
+    const unsigned int poolBefore = PoolLive();
+    Inbox never;
     for (int i = 0; i < 20; ++i) {
-        MsgManager hub;  // gone long before its loop would begin
+        MsgManager hub;  // gone long before its loop would begin, its queue undelivered
+        hub.Subscribe(0x10100, InboxSubscriber(never));
+        hub.Publish(0, 0x10100, "queued", 6, MSG_TYPE_SEND, 0);
     }
+    EXPECT_EQ(PoolLive(), poolBefore) << "the records and copies went back to the pool";
+    EXPECT_EQ(never.Count(), 0u);
     EXPECT_EQ(CountThreads("HCt"), 0);
     EXPECT_EQ(nvx::CallCount("JQ_SDK_MSG_WaitForEvent"), 0u);
     EXPECT_EQ(nvx::CallCount("JQ_SDK_MSG_Uninitialize"), 20u);
