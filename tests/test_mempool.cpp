@@ -123,6 +123,12 @@ TEST(MempoolReuse, ABlockWhoseAllocationsAreAllFreedIsFilledAgainFirst) {
     EXPECT_EQ(pool.JQ_CBB_Alloc(900, false), static_cast<unsigned char*>(a) + 3104)
         << "the chain goes on after it";
     EXPECT_EQ(pool.GetBlockCount(), 2u);
+
+    // A reallocation frees before it allocates: alone in its block, the memory comes back.
+    JQ_CBB_Mempool single(4096);
+    void* p = single.JQ_CBB_Alloc(40, false);
+    EXPECT_EQ(single.JQ_CBB_Realloc(p, 400, false), p);
+    EXPECT_EQ(single.GetAddressMapSize(), 1u);
 }
 
 // Large records beyond the first six are unlinked when their allocation is freed. Here they
@@ -185,6 +191,12 @@ TEST(MempoolReset, ReleasesEverythingAtOnceAndForgetsTheAddressesItHandedOut) {
     EXPECT_EQ(pool.JQ_CBB_Alloc(64, true), first);
     pool.JQ_CBB_Free(first);  // the block's count starts again from 0, so it empties
     EXPECT_EQ(pool.JQ_CBB_Alloc(64, true), first);
+    // So do its passes: filling every block and adding one passes the first block only once,
+    // and the search still starts there.
+    for (unsigned int i = 0; i <= blocks; ++i) {
+        pool.JQ_CBB_Alloc(4000, false);
+    }
+    EXPECT_EQ(pool.JQ_CBB_Alloc(8, false), static_cast<unsigned char*>(first) + 64 + 4000);
 }
 
 TEST(MempoolChunks, ChunksComeFromTheNextLargerClassAndGoBackToTheOneTheyCameFrom) {
