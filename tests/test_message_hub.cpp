@@ -22,6 +22,7 @@
 
 #include "HC.h"
 #include "MsgClientManage.h"
+#include "RefusedMalloc.h"
 #include "TestSupport.h"
 #include "TruckServiceManage.h"
 
@@ -161,6 +162,17 @@ TEST_F(Hub, LocalEventsReachEverySubscriberInOrderAsTheHubsOwnCopyAndBadInputIsR
     EXPECT_EQ(hub.Publish(5, 0x10100, payload, 3110401, MSG_TYPE_SEND, 0), -1) << "the pool has no such copy";
     EXPECT_TRUE(Logged("TRUCK", 0, "Publish [0x10100] fail! Mempool Alloc fail!\n"));
     EXPECT_EQ(PoolLive(), poolBefore) << "the record went back";
+    if (RefusingMalloc()) {  // not even a record
+        JQ_CBB_Mempool& pool = *JQ_CBB_Mempool::GetInstance(4096);
+        testing::internal::CaptureStderr();
+        void* fillers = FillPool(pool);
+        const unsigned int filled = PoolLive();
+        EXPECT_EQ(hub.Publish(6, 0x10100, payload, 1, MSG_TYPE_SEND, 0), -1);
+        EXPECT_EQ(PoolLive(), filled);
+        FreeFillers(pool, fillers);
+        testing::internal::GetCapturedStderr();
+        EXPECT_TRUE(Logged("TRUCK", 0, "Publish [0x10100] fail! leak of memory!\n"));
+    }
 
     EXPECT_EQ(hub.Publish(0, 0xFFF, "abc", 3, MSG_TYPE_SEND, 0), -1);
     EXPECT_TRUE(Logged("TRUCK", 0, "HC-param invalid!! [event 0xfff, length 3]\n"));
