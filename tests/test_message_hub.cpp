@@ -237,32 +237,33 @@ TEST_F(Hub, BusEventsGoOutByTypeAndComeInThroughOneRegistrationPerEvent) {
     EXPECT_EQ(listener.MSGWaitForEvent(0), 4);
     EXPECT_EQ(remote.texts, (std::vector<std::string>{"m0", "m1", "m2", "m4"}));
 
-    // Bus messages in: one registration for the event, made with its first subscriber.
-    ASSERT_EQ(hub.Subscribe(0x4001, InboxSubscriber(first)), 0);
-    ASSERT_EQ(hub.Subscribe(0x4001, InboxSubscriber(second)), 0);
+    // Bus messages in: one registration for the event, made with its first subscriber; the
+    // highest bus event is one.
+    ASSERT_EQ(hub.Subscribe(0x100FF, InboxSubscriber(first)), 0);
+    ASSERT_EQ(hub.Subscribe(0x100FF, InboxSubscriber(second)), 0);
     EXPECT_EQ(nvx::CallCount("JQ_SDK_MSG_Register"), 2u);
-    EXPECT_EQ(nvx::InjectBusEvent(0x4001, "in", 2), 1);
+    EXPECT_EQ(nvx::InjectBusEvent(0x100FF, "in", 2), 1);
     CMsgClientManage sender("sender", 30, nullptr);
-    sender.MSGSendMessage(0, 0x4001, 0, "cm", 2, 1);
+    sender.MSGSendMessage(0, 0x100FF, 0, "cm", 2, 1);
     ASSERT_TRUE(first.WaitFor(2));
     ASSERT_TRUE(second.WaitFor(2));
     EXPECT_EQ(first.texts, (std::vector<std::string>{"in", "cm"}));
 
     // The first subscriber goes; the registration that was made with it carries on.
-    hub.UnSubscribe(0x4001, &first);
+    hub.UnSubscribe(0x100FF, &first);
     EXPECT_EQ(nvx::CallCount("JQ_SDK_MSG_Unregister"), 0u);
-    EXPECT_EQ(nvx::InjectBusEvent(0x4001, "after", 5), 1);
+    EXPECT_EQ(nvx::InjectBusEvent(0x100FF, "after", 5), 1);
     ASSERT_TRUE(second.WaitFor(3));
     ASSERT_TRUE(WaitForPasses(2));
     EXPECT_EQ(first.Count(), 2u);
 
-    hub.UnSubscribe(0x4001, &second);
+    hub.UnSubscribe(0x100FF, &second);
     EXPECT_EQ(nvx::CallCount("JQ_SDK_MSG_Unregister"), 1u);
-    EXPECT_EQ(nvx::InjectBusEvent(0x4001, "gone", 4), 0);
+    EXPECT_EQ(nvx::InjectBusEvent(0x100FF, "gone", 4), 0);
     hub.UnSubscribe(0x4002, &second);  // none to remove: unregistered all the same
     EXPECT_EQ(nvx::CallCount("JQ_SDK_MSG_Unregister"), 2u);
-    ASSERT_EQ(hub.Subscribe(0x4001, InboxSubscriber(again)), 0);
-    EXPECT_EQ(nvx::InjectBusEvent(0x4001, "back", 4), 1);
+    ASSERT_EQ(hub.Subscribe(0x100FF, InboxSubscriber(again)), 0);
+    EXPECT_EQ(nvx::InjectBusEvent(0x100FF, "back", 4), 1);
     EXPECT_TRUE(again.WaitFor(1));
 }
 
