@@ -65,10 +65,12 @@ TEST_F(FileHelpers, BadPathsAreRefusedWithTheirMessage) {
     EXPECT_FALSE(make_directory("video/ch01"));
     EXPECT_FALSE(make_directory(("/" + std::string(255, 'd')).c_str()));
     EXPECT_FALSE(make_directory((m_dir + "//video").c_str()));
-    EXPECT_FALSE(make_directory("/proc/truck"));  // the process file system makes no directories
+    EXPECT_FALSE(make_directory("/proc/truck"));        // the process file system makes no directories
+    EXPECT_FALSE(make_directory("/proc/truck/ch01/"));  // nor goes on past one it could not make
+    const std::string failed = "mkdir /proc/truck failed, error = No such file or directory\n";
     EXPECT_EQ((std::vector<std::string>{"make_directory: invalid directory\n",
                                         "make_directory: invalid directory\n", "two '/', eg:/test//test\n",
-                                        "mkdir /proc/truck failed, error = No such file or directory\n"}),
+                                        failed, failed}),
               LogTexts());
 }
 

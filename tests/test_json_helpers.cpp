@@ -49,6 +49,8 @@ TEST_F(JsonHelpers, IntegralReadsCutToWidthAndRefuseWhatIsNotAWholeNumber) {
     unsigned char uc = 9;
     EXPECT_EQ(0, GetJsonIntegral(Json::Value(300), uc, true, 7));
     EXPECT_EQ(44, uc);
+    EXPECT_EQ(0, GetJsonIntegral(Json::Value(-1), uc, true, 7));
+    EXPECT_EQ(255, uc) << "a negative is read signed, then cut";
     int i = 0;
     EXPECT_EQ(-1, GetJsonIntegral(Json::Value(5.5), i, true, 7));
     EXPECT_EQ(-1, GetJsonIntegral(Json::Value("5"), i, false, 8));
@@ -64,6 +66,8 @@ TEST_F(JsonHelpers, IntegralReadsCutToWidthAndRefuseWhatIsNotAWholeNumber) {
 TEST_F(JsonHelpers, CStringReadsTruncateTerminateAndClearOnFailure) {
     char buf[12];
     memset(buf, 'x', sizeof buf);
+    EXPECT_EQ(0, GetJsonCString(Json::Value("ab"), buf, 6));
+    EXPECT_EQ(std::string("ab\0\0\0\0x", 7), std::string(buf, 7)) << "all of the given size is cleared first";
     EXPECT_EQ(0, GetJsonCString(Json::Value("abcdefghij"), buf, 10));
     EXPECT_STREQ("abcdefghi", buf);
     EXPECT_EQ('x', buf[10]) << "wrote past the given size";
@@ -175,11 +179,11 @@ TEST_F(JsonHelpers, MergeFillsPlaceholdersOrOverwritesLeaves) {
     JsonValueMerge(dst, src, false);
     EXPECT_EQ(Parse("{\"A\":1,\"B\":\"?\",\"C\":\"x\"}"), src);
     EXPECT_EQ(Parse("{\"A\":1,\"B\":\"?\",\"C\":2}"), dst);
-    dst = Parse("{\"A\":1}");
-    src = Parse("{\"A\":\"?\",\"B\":\"?\"}");
+    dst = Parse("{\"A\":1,\"D\":4}");
+    src = Parse("{\"A\":\"?\",\"B\":\"?\",\"D\":null}");
     JsonValueMerge(dst, src, true);
-    EXPECT_EQ(src, dst);
-    EXPECT_EQ(Parse("{\"A\":\"?\",\"B\":\"?\"}"), src);
+    EXPECT_EQ(Parse("{\"A\":\"?\",\"B\":\"?\",\"D\":4}"), dst) << "a null in the source writes nothing";
+    EXPECT_EQ(Parse("{\"A\":\"?\",\"B\":\"?\",\"D\":null}"), src);
 }
 
 TEST_F(JsonHelpers, MergeOfArraysRepeatsTheLastSourceElementOverALongerDestination) {
@@ -217,13 +221,15 @@ TEST_F(JsonHelpers, CustomerAndProductTypesComeFromTheSystemConfiguration) {
         config["CUSTOMER_NAME"] = customer.first;
         EXPECT_EQ(customer.second, ParseCustomerType(config)) << customer.first;
     }
-    EXPECT_EQ(0, ParseCustomerType(Parse("{\"CUSTOMER_NAME\":133036}")));
+    EXPECT_EQ(0, ParseCustomerType(Parse("{\"CUSTOMER_NAME\":138028}")))
+        << "a number is no name, even one listed";
     EXPECT_EQ(0, ParseCustomerType(Parse("[\"CUSTOMER_52074\"]")));
     EXPECT_EQ("", ParseProductType(Json::Value(3)));
+    EXPECT_EQ("", ParseProductType(Parse("{\"PRODUCT_TYPE\":9}")));
     EXPECT_EQ("T9", ParseProductType(Parse("{\"PRODUCT_TYPE\":\"T9\"}")));
     EXPECT_EQ(LogFields("TRUCK", 0, "truck_main/common/src/CommonDefine", "ParseProductType", 993,
                         "PRODUCT_TYPE = T9 \r\n"),
-              LastLog(2));
+              LastLog(3));
 }
 
 TEST_F(JsonHelpers, GetJsonValueCreatesMembersOnlyWhereMembersCanBe) {
@@ -281,6 +287,7 @@ TEST_F(JsonHelpers, MemberTestsAndReadsFollowTheKindOfTheMember) {
     EXPECT_STREQ("abcd", JsonUtils::AsCStringMember(v, "s"));
     EXPECT_STREQ("", JsonUtils::AsCStringMember(v, "a"));
     char dst[6] = "xxxxx";
+    EXPECT_FALSE(JsonUtils::GetCStringMember(v, "n", dst, 4));
     EXPECT_TRUE(JsonUtils::GetCStringMember(v, "s", dst, 4));
     EXPECT_EQ(0, memcmp(dst, "abcdx", 5)) << "strncpy leaves a text of len bytes unterminated";
     for (const Json::Value& notObject : {Json::Value(), Json::Value(1), Parse("[1]"), Json::Value("a")}) {

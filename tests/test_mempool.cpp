@@ -8,12 +8,15 @@
 #include <algorithm>
 #include <memory>
 #include <random>
+#include <regex>
+#include <stdexcept>
 #include <string>
 #include <thread>
 #include <vector>
 
 #include <gtest/gtest.h>
 
+#include "RefusedMalloc.h"
 #include "cbb_mempool.h"
 
 namespace {
@@ -123,6 +126,12 @@ TEST(MempoolReuse, ABlockWhoseAllocationsAreAllFreedIsFilledAgainFirst) {
     EXPECT_EQ(pool.JQ_CBB_Alloc(900, false), static_cast<unsigned char*>(a) + 3104)
         << "the chain goes on after it";
     EXPECT_EQ(pool.GetBlockCount(), 2u);
+
+    // A reallocation frees before it allocates: alone in its block, the memory comes back.
+    JQ_CBB_Mempool single(4096);
+    void* p = single.JQ_CBB_Alloc(40, false);
+    EXPECT_EQ(single.JQ_CBB_Realloc(p, 400, false), p);
+    EXPECT_EQ(single.GetAddressMapSize(), 1u);
 }
 
 // Large records beyond the first six are unlinked when their allocation is freed. Here they
@@ -185,6 +194,12 @@ TEST(MempoolReset, ReleasesEverythingAtOnceAndForgetsTheAddressesItHandedOut) {
     EXPECT_EQ(pool.JQ_CBB_Alloc(64, true), first);
     pool.JQ_CBB_Free(first);  // the block's count starts again from 0, so it empties
     EXPECT_EQ(pool.JQ_CBB_Alloc(64, true), first);
+    // So do its passes: filling every block and adding one passes the first block only once,
+    // and the search still starts there.
+    for (unsigned int i = 0; i <= blocks; ++i) {
+        pool.JQ_CBB_Alloc(4000, false);
+    }
+    EXPECT_EQ(pool.JQ_CBB_Alloc(8, false), static_cast<unsigned char*>(first) + 64 + 4000);
 }
 
 TEST(MempoolChunks, ChunksComeFromTheNextLargerClassAndGoBackToTheOneTheyCameFrom) {
@@ -265,6 +280,50 @@ TEST(MempoolRefusals, BadInputPrintsItsMessageAndChangesNothing) {
 
     EXPECT_EQ(pool.GetAddressMapSize(), 1u);
     EXPECT_EQ(pool.JQ_CBB_Alloc(40, false), static_cast<char*>(kept) + 80) << "block not rewound";
+}
+
+TEST(MempoolRefusals, AHeapWithoutMemoryGivesNullWithItsMessageAndDisturbsNothing) {
+    if (!RefusingMalloc()) {
+        GTEST_SKIP() << "the sanitizer's allocator cannot be made to refuse";
+    }
+    // Every line the pool printed, without its line number.
+    const auto printed = [](auto action) {
+        testing::internal::CaptureStderr();
+        action();
+        return std::regex_replace(testing::internal::GetCapturedStderr(),
+                                  std::regex("\\[truck_TruckCBB/CM/src/cbb_mempool::(\\w+)::[0-9]+\\]"),
+                                  "[$1]");
+    };
+    g_refusedMallocSize = 4096;
+    try {
+        JQ_CBB_Mempool none(4096);
+        ADD_FAILURE() << "made without a block";
+    } catch (const std::runtime_error& e) {
+        EXPECT_STREQ(e.what(), "insufficient memory\n");
+    }
+    g_refusedMallocSize = 0;
+
+    JQ_CBB_Mempool pool(4096);
+    void* kept = pool.JQ_CBB_Alloc(4071, false);  // the first block, to its last byte
+    g_refusedMallocSize = 4096;
+    EXPECT_EQ(printed([&] { EXPECT_EQ(pool.JQ_CBB_Alloc(1, false), nullptr); }),
+              "[new_block]insufficient memory\n");
+    EXPECT_EQ(printed([&] { EXPECT_EQ(pool.JQ_CBB_Alloc(5000, false), nullptr); }),
+              "[new_block]insufficient memory\n[alloc_large]alloc_block fail!\n")
+        << "no block for its record";
+    g_refusedMallocSize = 5000;
+    EXPECT_EQ(printed([&] { EXPECT_EQ(pool.JQ_CBB_Alloc(5000, false), nullptr); }),
+              "[alloc_large]insufficient memory\n");
+    g_refusedMallocSize = 512;
+    int size = 300;
+    EXPECT_EQ(printed([&] { EXPECT_EQ(pool.JQ_CBB_GetChunk(size), nullptr); }),
+              "[JQ_CBB_GetChunk]insufficient memory\n");
+    g_refusedMallocSize = 0;
+    EXPECT_EQ(pool.GetAddressMapSize(), 1u);
+    EXPECT_EQ(pool.GetLargeRecordCount(), 0u);
+    EXPECT_EQ(pool.GetBlockCount(), 1u);
+    pool.JQ_CBB_Free(kept);
+    EXPECT_EQ(pool.JQ_CBB_Alloc(8, false), kept) << "its block still serves";
 }
 
 TEST(MempoolThreads, ThreadsAllocatingAndFreeingAtOnceNeverShareMemory) {

@@ -22,6 +22,7 @@
 
 #include "HC.h"
 #include "MsgClientManage.h"
+#include "RefusedMalloc.h"
 #include "TestSupport.h"
 #include "TruckServiceManage.h"
 
@@ -161,6 +162,17 @@ TEST_F(Hub, LocalEventsReachEverySubscriberInOrderAsTheHubsOwnCopyAndBadInputIsR
     EXPECT_EQ(hub.Publish(5, 0x10100, payload, 3110401, MSG_TYPE_SEND, 0), -1) << "the pool has no such copy";
     EXPECT_TRUE(Logged("TRUCK", 0, "Publish [0x10100] fail! Mempool Alloc fail!\n"));
     EXPECT_EQ(PoolLive(), poolBefore) << "the record went back";
+    if (RefusingMalloc()) {  // not even a record
+        JQ_CBB_Mempool& pool = *JQ_CBB_Mempool::GetInstance(4096);
+        testing::internal::CaptureStderr();
+        void* fillers = FillPool(pool);
+        const unsigned int filled = PoolLive();
+        EXPECT_EQ(hub.Publish(6, 0x10100, payload, 1, MSG_TYPE_SEND, 0), -1);
+        EXPECT_EQ(PoolLive(), filled);
+        FreeFillers(pool, fillers);
+        testing::internal::GetCapturedStderr();
+        EXPECT_TRUE(Logged("TRUCK", 0, "Publish [0x10100] fail! leak of memory!\n"));
+    }
 
     EXPECT_EQ(hub.Publish(0, 0xFFF, "abc", 3, MSG_TYPE_SEND, 0), -1);
     EXPECT_TRUE(Logged("TRUCK", 0, "HC-param invalid!! [event 0xfff, length 3]\n"));
@@ -225,32 +237,33 @@ TEST_F(Hub, BusEventsGoOutByTypeAndComeInThroughOneRegistrationPerEvent) {
     EXPECT_EQ(listener.MSGWaitForEvent(0), 4);
     EXPECT_EQ(remote.texts, (std::vector<std::string>{"m0", "m1", "m2", "m4"}));
 
-    // Bus messages in: one registration for the event, made with its first subscriber.
-    ASSERT_EQ(hub.Subscribe(0x4001, InboxSubscriber(first)), 0);
-    ASSERT_EQ(hub.Subscribe(0x4001, InboxSubscriber(second)), 0);
+    // Bus messages in: one registration for the event, made with its first subscriber; the
+    // highest bus event is one.
+    ASSERT_EQ(hub.Subscribe(0x100FF, InboxSubscriber(first)), 0);
+    ASSERT_EQ(hub.Subscribe(0x100FF, InboxSubscriber(second)), 0);
     EXPECT_EQ(nvx::CallCount("JQ_SDK_MSG_Register"), 2u);
-    EXPECT_EQ(nvx::InjectBusEvent(0x4001, "in", 2), 1);
+    EXPECT_EQ(nvx::InjectBusEvent(0x100FF, "in", 2), 1);
     CMsgClientManage sender("sender", 30, nullptr);
-    sender.MSGSendMessage(0, 0x4001, 0, "cm", 2, 1);
+    sender.MSGSendMessage(0, 0x100FF, 0, "cm", 2, 1);
     ASSERT_TRUE(first.WaitFor(2));
     ASSERT_TRUE(second.WaitFor(2));
     EXPECT_EQ(first.texts, (std::vector<std::string>{"in", "cm"}));
 
     // The first subscriber goes; the registration that was made with it carries on.
-    hub.UnSubscribe(0x4001, &first);
+    hub.UnSubscribe(0x100FF, &first);
     EXPECT_EQ(nvx::CallCount("JQ_SDK_MSG_Unregister"), 0u);
-    EXPECT_EQ(nvx::InjectBusEvent(0x4001, "after", 5), 1);
+    EXPECT_EQ(nvx::InjectBusEvent(0x100FF, "after", 5), 1);
     ASSERT_TRUE(second.WaitFor(3));
     ASSERT_TRUE(WaitForPasses(2));
     EXPECT_EQ(first.Count(), 2u);
 
-    hub.UnSubscribe(0x4001, &second);
+    hub.UnSubscribe(0x100FF, &second);
     EXPECT_EQ(nvx::CallCount("JQ_SDK_MSG_Unregister"), 1u);
-    EXPECT_EQ(nvx::InjectBusEvent(0x4001, "gone", 4), 0);
+    EXPECT_EQ(nvx::InjectBusEvent(0x100FF, "gone", 4), 0);
     hub.UnSubscribe(0x4002, &second);  // none to remove: unregistered all the same
     EXPECT_EQ(nvx::CallCount("JQ_SDK_MSG_Unregister"), 2u);
-    ASSERT_EQ(hub.Subscribe(0x4001, InboxSubscriber(again)), 0);
-    EXPECT_EQ(nvx::InjectBusEvent(0x4001, "back", 4), 1);
+    ASSERT_EQ(hub.Subscribe(0x100FF, InboxSubscriber(again)), 0);
+    EXPECT_EQ(nvx::InjectBusEvent(0x100FF, "back", 4), 1);
     EXPECT_TRUE(again.WaitFor(1));
 }
 
@@ -415,6 +428,10 @@ TEST_F(Hub, APublisherThatOutrunsTheSchedulerIsRefusedAndASubscriberCannotReachT
     // Only the pass that took the last one rests before the next, though the bus answers at once.
     EXPECT_TRUE(Eventually([&] { return nvx::CallCount("JQ_SDK_MSG_WaitForEvent") >= passesAt + 2; }));
     EXPECT_GE(std::chrono::steady_clock::now() - lastAt, std::chrono::milliseconds(100));
+    // That rest is the only one: passes over the empty queue follow at once. Ten rests more, or
+    // one of a second, would not fit in the bound.
+    ASSERT_TRUE(Eventually([&] { return nvx::CallCount("JQ_SDK_MSG_WaitForEvent") >= passesAt + 12; }));
+    EXPECT_LT(std::chrono::steady_clock::now() - lastAt, std::chrono::milliseconds(1000));
 
     // A subscriber runs under the hub's lock and a timer under the wheel's: one reaching for
     // the wheel while the other publishes would leave both waiting for good.
@@ -461,9 +478,15 @@ TEST_F(Hub, AFailedConstructionLeavesNoThreadAndAnEarlyDestructionJoinsTheSchedu
     EXPECT_EQ(CountThreads("HCt"), 0);
 
     nvx::SetMsgInitFails(false);
+    const unsigned int poolBefore = PoolLive();
+    Inbox never;
     for (int i = 0; i < 20; ++i) {
-        MsgManager hub;  // gone long before its loop would begin
+        MsgManager hub;  // gone long before its loop would begin, its queue undelivered
+        hub.Subscribe(0x10100, InboxSubscriber(never));
+        hub.Publish(0, 0x10100, "queued", 6, MSG_TYPE_SEND, 0);
     }
+    EXPECT_EQ(PoolLive(), poolBefore) << "the records and copies went back to the pool";
+    EXPECT_EQ(never.Count(), 0u);
     EXPECT_EQ(CountThreads("HCt"), 0);
     EXPECT_EQ(nvx::CallCount("JQ_SDK_MSG_WaitForEvent"), 0u);
     EXPECT_EQ(nvx::CallCount("JQ_SDK_MSG_Uninitialize"), 20u);

@@ -9,6 +9,7 @@
 #include <gtest/gtest.h>
 
 #include "HCTimeWheel.h"
+#include "RefusedMalloc.h"
 
 namespace {
 
@@ -81,6 +82,24 @@ TEST(TimerWheelSchedule, IntervalsThatLeaveFifteenModSixteenRunOncePerDueShift) 
     EXPECT_EQ(thirtyOne.Runs(), Shifts({32, 64}));
     EXPECT_EQ(later.Runs(), Shifts({19, 35}));
     EXPECT_EQ(wheel.GetPendingCount(), 0u);
+}
+
+TEST(TimerWheelSchedule, WithoutPoolMemoryNoTimerIsAdded) {
+    if (!RefusingMalloc()) {
+        GTEST_SKIP() << "the sanitizer's allocator cannot be made to refuse";
+    }
+    TimeWheel wheel;
+    int ran = 0;
+    JQ_CBB_Mempool& pool = *JQ_CBB_Mempool::GetInstance(4096);
+    testing::internal::CaptureStderr();  // the pool says it has no memory
+    void* fillers = FillPool(pool);
+    const CTimerNode* node = wheel.AddTimer(0, 1, [&] { ++ran; });
+    testing::internal::GetCapturedStderr();
+    FreeFillers(pool, fillers);
+    EXPECT_EQ(node, nullptr);
+    EXPECT_EQ(wheel.GetPendingCount(), 0u);
+    Shift(wheel, 17);
+    EXPECT_EQ(ran, 0);
 }
 
 TEST(TimerWheelCalls, ATimersCallMayAddTimersAndShiftWithoutAnythingRunningTwice) {
