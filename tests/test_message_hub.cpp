@@ -428,10 +428,6 @@ TEST_F(Hub, APublisherThatOutrunsTheSchedulerIsRefusedAndASubscriberCannotReachT
     // Only the pass that took the last one rests before the next, though the bus answers at once.
     EXPECT_TRUE(Eventually([&] { return nvx::CallCount("JQ_SDK_MSG_WaitForEvent") >= passesAt + 2; }));
     EXPECT_GE(std::chrono::steady_clock::now() - lastAt, std::chrono::milliseconds(100));
-    // That rest is the only one: passes over the empty queue follow at once. Ten rests more, or
-    // one of a second, would not fit in the bound.
-    ASSERT_TRUE(Eventually([&] { return nvx::CallCount("JQ_SDK_MSG_WaitForEvent") >= passesAt + 12; }));
-    EXPECT_LT(std::chrono::steady_clock::now() - lastAt, std::chrono::milliseconds(1000));
 
     // A subscriber runs under the hub's lock and a timer under the wheel's: one reaching for
     // the wheel while the other publishes would leave both waiting for good.
