@@ -7,6 +7,12 @@
 #                                               gdb looks for it beside the module
 #   cpack (in <build>)                          a .deb and a .tar.gz of the first tree alone
 
+# The module carries no RUNPATH: the recorder's loader finds the platform SDK where the
+# recorder keeps it, and a path of the build machine must not reach the device. What loads it
+# on the desk (truckhost, the module's suite) links the stand-in SDK itself, as the recorder's
+# host service has the vendor's loaded.
+set_target_properties(truckservice PROPERTIES SKIP_BUILD_RPATH ON)
+
 # The version line is written at every build, not at configure time, so a module built after a
 # new commit never carries the previous one.
 set(TRUCK_VERSION_DIR ${PROJECT_BINARY_DIR}/generated)
@@ -27,6 +33,18 @@ if(TRUCK_BUILD_TESTS)
     COMMAND ${CMAKE_COMMAND} -DMODULE=$<TARGET_FILE:truckservice> -DVERSION=${PROJECT_VERSION}
             -DHOST=$<TARGET_FILE:truckhost> -DEMULATOR=${truck_emulator}
             -P ${PROJECT_SOURCE_DIR}/cmake/CheckVersionLine.cmake)
+  # The module carries no search path, and the runtime-needs check refuses one that does.
+  add_test(NAME module_no_runpath
+    COMMAND ${PROJECT_SOURCE_DIR}/scripts/runtime-needs.sh $<TARGET_FILE:truckservice>)
+  set_tests_properties(module_no_runpath PROPERTIES
+    PASS_REGULAR_EXPRESSION "export JQ_SDK_Service_Load" FAIL_REGULAR_EXPRESSION "runpath")
+  file(CONFIGURE OUTPUT ${TRUCK_VERSION_DIR}/runpath_probe.c CONTENT "int truck_runpath_probe;\n")
+  add_library(truck_runpath_probe MODULE ${TRUCK_VERSION_DIR}/runpath_probe.c)
+  set_target_properties(truck_runpath_probe PROPERTIES BUILD_RPATH /opt/vendor/lib)
+  add_test(NAME runtime_needs_refuses_runpath
+    COMMAND ${PROJECT_SOURCE_DIR}/scripts/runtime-needs.sh --check $<TARGET_FILE:truck_runpath_probe>)
+  set_tests_properties(runtime_needs_refuses_runpath PROPERTIES
+    PASS_REGULAR_EXPRESSION "runtime-needs: the module carries a RUNPATH, /opt/vendor/lib:")
 endif()
 
 # The build's module keeps its debug information for the desk. Beside it, in <build>/ship, each
