@@ -74,7 +74,7 @@ while read -r kind name value _; do
     needed | export)
       grep -qxF "$kind $name" <<<"$allowed" || fail "$kind $name is not in $allowed_file" ;;
     runpath)
-      fail "the module carries a $name, $value: the device's loader must find its libraries itself" ;;
+      fail "the module carries a search path ($name $value): the device's loader must find its libraries itself" ;;
     version)
       limit="$(awk -v f="$name" '$1 == "version" && $2 == f { print $3 }' <<<"$allowed")"
       if [ -z "$limit" ]; then
