@@ -1,11 +1,19 @@
 # What goes to the recorder: the version line in the module, the install tree and the packages.
 #
-#   cmake --install <build>                     lib/libtruckservice.so (stripped, with a
-#                                               .gnu_debuglink) and share/truckservice/ (the
-#                                               device's configuration examples)
-#   cmake --install <build> --component debug   lib/.debug/libtruckservice.so.debug alone, where
-#                                               gdb looks for it beside the module
+#   cmake --install <build>                     lib/truckservice/libtruckservice.so (stripped,
+#                                               with a .gnu_debuglink), share/truckservice/
+#                                               (the device's configuration examples) and
+#                                               share/doc/truckservice/ (copyright, changelog)
+#   cmake --install <build> --component debug   lib/truckservice/.debug/libtruckservice.so.debug
+#                                               alone, where gdb looks for it beside the module
 #   cpack (in <build>)                          a .deb and a .tar.gz of the first tree alone
+#
+# The module is a plug-in the recorder's host service loads by its path, not a library others
+# link against: it has no soname and lives in a folder of its own. It carries no RUNPATH: the
+# recorder's loader finds the platform SDK where the recorder keeps it, and a path of the build
+# machine must not reach the device. What loads it on the desk (truckhost, the module's suite)
+# links the stand-in SDK itself, as the recorder's host service has the vendor's loaded.
+set_target_properties(truckservice PROPERTIES SKIP_BUILD_RPATH ON)
 
 # The version line is written at every build, not at configure time, so a module built after a
 # new commit never carries the previous one.
@@ -27,6 +35,18 @@ if(TRUCK_BUILD_TESTS)
     COMMAND ${CMAKE_COMMAND} -DMODULE=$<TARGET_FILE:truckservice> -DVERSION=${PROJECT_VERSION}
             -DHOST=$<TARGET_FILE:truckhost> -DEMULATOR=${truck_emulator}
             -P ${PROJECT_SOURCE_DIR}/cmake/CheckVersionLine.cmake)
+  # The module carries no search path, and the runtime-needs check refuses one that does.
+  add_test(NAME module_no_runpath
+    COMMAND ${PROJECT_SOURCE_DIR}/scripts/runtime-needs.sh $<TARGET_FILE:truckservice>)
+  set_tests_properties(module_no_runpath PROPERTIES
+    PASS_REGULAR_EXPRESSION "export JQ_SDK_Service_Load" FAIL_REGULAR_EXPRESSION "runpath")
+  file(CONFIGURE OUTPUT ${TRUCK_VERSION_DIR}/runpath_probe.c CONTENT "int truck_runpath_probe;\n")
+  add_library(truck_runpath_probe MODULE ${TRUCK_VERSION_DIR}/runpath_probe.c)
+  set_target_properties(truck_runpath_probe PROPERTIES BUILD_RPATH /opt/vendor/lib)
+  add_test(NAME runtime_needs_refuses_runpath
+    COMMAND ${PROJECT_SOURCE_DIR}/scripts/runtime-needs.sh --check $<TARGET_FILE:truck_runpath_probe>)
+  set_tests_properties(runtime_needs_refuses_runpath PROPERTIES
+    PASS_REGULAR_EXPRESSION "runtime-needs: the module carries a search path \\(RUNPATH /opt/vendor/lib\\)")
 endif()
 
 # The build's module keeps its debug information for the desk. Beside it, in <build>/ship, each
@@ -44,24 +64,50 @@ add_custom_command(TARGET truckservice POST_BUILD
   COMMAND ${CMAKE_OBJCOPY} --add-gnu-debuglink=libtruckservice.so.debug libtruckservice.so
   WORKING_DIRECTORY ${TRUCK_SHIP_DIR}
   VERBATIM)
-install(PROGRAMS ${TRUCK_SHIP_DIR}/libtruckservice.so DESTINATION lib COMPONENT runtime)
-install(FILES ${TRUCK_SHIP_DIR}/libtruckservice.so.debug DESTINATION lib/.debug COMPONENT debug
-        EXCLUDE_FROM_ALL)
+# Policy's modes (a shared object is not executable), whatever the umask of the build machine.
+set(CMAKE_INSTALL_DEFAULT_DIRECTORY_PERMISSIONS
+    OWNER_READ OWNER_WRITE OWNER_EXECUTE GROUP_READ GROUP_EXECUTE WORLD_READ WORLD_EXECUTE)
+install(FILES ${TRUCK_SHIP_DIR}/libtruckservice.so DESTINATION lib/truckservice COMPONENT runtime)
+install(FILES ${TRUCK_SHIP_DIR}/libtruckservice.so.debug DESTINATION lib/truckservice/.debug
+        COMPONENT debug EXCLUDE_FROM_ALL)
 install(FILES ${PROJECT_SOURCE_DIR}/demo/device/usr/local/cfg/truckbusiness.jsn
               ${PROJECT_SOURCE_DIR}/cmake/device-files.txt
         DESTINATION share/truckservice COMPONENT runtime)
 
-# Packages of the runtime tree only; the debug file stays in <build>/ship.
+# The package's own documents (cmake/deb/). The changelog's newest entry names the version of
+# project(), so that a new version cannot ship the old one's changelog; it is compressed without
+# a name or a date in the gzip header, so that it is the same wherever it is made.
+set(truck_deb_dir ${PROJECT_SOURCE_DIR}/cmake/deb)
+set_property(DIRECTORY APPEND PROPERTY CMAKE_CONFIGURE_DEPENDS ${truck_deb_dir}/changelog)
+file(STRINGS ${truck_deb_dir}/changelog truck_changelog_top LIMIT_COUNT 1)
+if(NOT truck_changelog_top MATCHES "^${PROJECT_NAME} \\(${PROJECT_VERSION}\\) ")
+  message(FATAL_ERROR "cmake/deb/changelog starts with '${truck_changelog_top}', not an entry "
+                      "for ${PROJECT_NAME} ${PROJECT_VERSION}: add one")
+endif()
+execute_process(COMMAND gzip -9 -n -c ${truck_deb_dir}/changelog
+                OUTPUT_FILE ${TRUCK_SHIP_DIR}/changelog.gz RESULT_VARIABLE failed)
+if(failed)
+  message(FATAL_ERROR "gzip of cmake/deb/changelog failed: ${failed}")
+endif()
+install(FILES ${truck_deb_dir}/copyright ${TRUCK_SHIP_DIR}/changelog.gz
+        DESTINATION share/doc/${PROJECT_NAME} COMPONENT runtime)
+install(FILES ${truck_deb_dir}/lintian-overrides DESTINATION share/lintian/overrides
+        RENAME ${PROJECT_NAME} COMPONENT runtime)
+
+# Packages of the runtime tree only; the debug file stays in <build>/ship. Their dates are
+# SOURCE_DATE_EPOCH's when it is set (scripts/package-armhf.sh sets the commit's), so the same
+# commit gives the same packages.
 set(CPACK_INSTALL_CMAKE_PROJECTS "${PROJECT_BINARY_DIR};${PROJECT_NAME};runtime;/")
 set(CPACK_GENERATOR DEB TGZ)
-set(CPACK_PACKAGE_NAME truckservice)
+set(CPACK_PACKAGE_NAME ${PROJECT_NAME})
 set(CPACK_PACKAGE_VERSION ${PROJECT_VERSION})
 set(CPACK_PACKAGE_DESCRIPTION_SUMMARY "Service plug-in of the truck video recorder")
 set(CPACK_PACKAGE_DESCRIPTION
-    "The module the recorder's host service loads (libtruckservice.so), with its OSD business: \
-date and time, speed and turn signals, and card swipes drawn into recorded video. Examples of \
-the device's configuration are in /usr/share/truckservice.")
-set(TRUCK_PACKAGE_MAINTAINER "truckservice maintainers <truckservice@localhost>" CACHE STRING
+    "The module the recorder's host service loads (libtruckservice.so), with its\n\
+OSD business: date and time, speed and turn signals, and card swipes drawn into\n\
+recorded video. Examples of the device's configuration are in\n\
+/usr/share/truckservice.")
+set(TRUCK_PACKAGE_MAINTAINER "Truck Service Team <truckservice@example.com>" CACHE STRING
     "Maintainer field of the .deb")
 set(CPACK_DEBIAN_PACKAGE_MAINTAINER "${TRUCK_PACKAGE_MAINTAINER}")
 set(CPACK_DEBIAN_PACKAGE_SECTION misc)

@@ -2,11 +2,13 @@
 #   -DSOURCE_DIR=<checkout> -DVERSION=<x.y.z> -DOUTPUT=<header>
 # The header is rewritten only when the line changes, so a build after a new commit (or a
 # checkout that became dirty) recompiles one file and relinks the module, and an unchanged
-# one rebuilds nothing. Outside a git checkout the commit reads "unknown".
+# one rebuilds nothing. Outside a git checkout the commit reads "unknown". The commit's
+# abbreviation has a fixed length: git's own grows with the count of objects in the repository,
+# so two clones of one commit would otherwise make two different modules.
 set(commit "unknown")
 find_package(Git QUIET)
 if(GIT_FOUND)
-  execute_process(COMMAND "${GIT_EXECUTABLE}" describe --always --dirty
+  execute_process(COMMAND "${GIT_EXECUTABLE}" describe --always --dirty --abbrev=12
                   WORKING_DIRECTORY "${SOURCE_DIR}"
                   OUTPUT_VARIABLE described OUTPUT_STRIP_TRAILING_WHITESPACE
                   RESULT_VARIABLE failed ERROR_QUIET)

@@ -5,11 +5,14 @@
 #                                             than cmake/device-needs.txt allows
 # Report lines (device-needs.txt has the same lines, without what follows "--"):
 #   needed  LIBRARY                   a shared library the loader must find (DT_NEEDED)
+#   runpath RUNPATH|RPATH DIRS        a search path the module carries
 #   version FAMILY X.Y -- SYMBOLS     the highest symbol version of a family (GLIBC, GLIBCXX,
 #                                     CXXABI, GCC, ...) and the symbols that need exactly it
 #   export  SYMBOL                    a symbol the module defines for others
 # The check fails on a library not allowed, on a version past the allowed one of its family
-# (or of a family not listed), and on any export other than the allowed ones or a missing one.
+# (or of a family not listed), on any export other than the allowed ones or a missing one, and
+# on any search path: the recorder's loader finds the platform SDK where the recorder keeps it,
+# and a folder of the build machine must not reach the device (no line can allow one).
 # readelf reads any ELF, so the host's binutils serve for the ARM module.
 set -euo pipefail
 cd "$(dirname "$0")/.."
@@ -28,7 +31,8 @@ allowed_file="cmake/device-needs.txt"
 readelf="${READELF:-readelf}"
 
 report() {
-  LC_ALL=C "$readelf" -W -d "$module" | sed -n 's/.*(NEEDED).*\[\(.*\)\]$/needed \1/p'
+  LC_ALL=C "$readelf" -W -d "$module" |
+    sed -n -e 's/.*(NEEDED).*\[\(.*\)\]$/needed \1/p' -e 's/.*(\(RUNPATH\|RPATH\)).*\[\(.*\)\]$/runpath \1 \2/p'
   # Undefined symbols carry "name@VERSION"; defined ones with default visibility are exports.
   LC_ALL=C "$readelf" -W --dyn-syms "$module" | awk '
     $1 ~ /^[0-9]+:$/ && NF >= 8 {
@@ -69,6 +73,8 @@ while read -r kind name value _; do
   case "$kind" in
     needed | export)
       grep -qxF "$kind $name" <<<"$allowed" || fail "$kind $name is not in $allowed_file" ;;
+    runpath)
+      fail "the module carries a search path ($name $value): the device's loader must find its libraries itself" ;;
     version)
       limit="$(awk -v f="$name" '$1 == "version" && $2 == f { print $3 }' <<<"$allowed")"
       if [ -z "$limit" ]; then
