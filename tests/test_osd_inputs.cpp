@@ -28,6 +28,8 @@ TEST_F(OsdInputs, SpeedUnitAndTurnMarksFromBothSourcesCombineAndBadRecordsAreRef
          {std::pair<int, int>{-1, 0}, {0, 0}, {1, 1}, {30, 0x3FFFFFFF}, {31, 0x7FFFFFFF}, {32, 0x7FFFFFFF}}) {
         EXPECT_EQ(business->GetVideoChannalMask(count), mask) << count;
     }
+    business->OSDDataSendSpeed();  // nothing heard yet
+    EXPECT_EQ(Last(kSpeed).text, "0KM/H");
     // 0 a speed, 1 a signal text (with the IO state it announces), 2 a J1939 record; the line shown.
     const std::tuple<int, Bytes, std::string, const char*> steps[] = {
         {0, Speed(63, 0), "", "63KM/H"},

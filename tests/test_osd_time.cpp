@@ -110,15 +110,17 @@ TEST_F(OsdTime, TheLabelAndTheOffsetOfEachZoneAndTheChannelsOfUtcMode) {
     EXPECT_TRUE(Overlays(kSeven).size() == 1u && business->m_timeZoneParam.szTimeZone[0] == '\0' &&
                 business->m_timeZoneParam.szTimeZoneEx[0] == '\0');
     // Card readers (43 and 44, not their neighbours) follow the same offset on their time line;
-    // their Seven line is left to the swipes.
+    // their Seven line is left to the swipes. A new business's zones are 0 until given: UTC mode.
     for (uint32_t customer : {42u, 43u, 44u, 45u}) {
         auto reader = Direct(customer);
         Apply(*reader, Doc(kEosd));
         nvx::ClearSentMessages();
-        Apply(*reader, Timep(R"({"TIMEZ":"0","TIMEZEX":"570"})"));
-        EXPECT_EQ(Overlays(kSeven).empty(), customer == 43 || customer == 44) << customer;
+        const bool card = customer == 43 || customer == 44;
+        Apply(*reader, Timep(card ? R"({"TIMEZ":"0","TIMEZEX":"570"})" : R"({"DATEM":0})"));
+        EXPECT_TRUE(card ? Overlays(kSeven).empty() : Last(kSeven).mask == 0x0F) << customer;
         reader->OSDDataSendTime();
-        EXPECT_TRUE(Like(Last(kTime).text, "07/03/2024 11:30:##")) << customer << ": " << Last(kTime).text;
+        EXPECT_TRUE(Like(Last(kTime).text, card ? "07/03/2024 11:30:##" : "07/03/2024 02:00:##"))
+            << customer << ": " << Last(kTime).text;
     }
 }
 
@@ -213,8 +215,9 @@ TEST_F(OsdTime, TheTimeLineMovesByTheShiftInsideTheRuleAndAnnouncesEachChangeOnc
         EXPECT_TRUE(sent[i].event != kEventDstState ||
                     (i + 1 < sent.size() && DecodeOverlay(sent[i + 1].payload).kind == kTime));
     }
-    for (const char* line : {"ldst state 1->1, ldst offset 0->2\n", "ldst state 1->0, ldst offset 2->2\n",
-                             "ldst state 0->1, ldst offset 2->2\n", "ldst state 1->1, ldst offset 2->3\n"}) {
+    for (const char* line : {"change m_enableUtc : 0 -> 0\n", "ldst state 1->1, ldst offset 0->2\n",
+                             "ldst state 1->0, ldst offset 2->2\n", "ldst state 0->1, ldst offset 2->2\n",
+                             "ldst state 1->1, ldst offset 2->3\n"}) {
         EXPECT_TRUE(Logged("TRUCK", 1, line)) << line;
     }
 }
