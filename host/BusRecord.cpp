@@ -10,6 +10,7 @@
 #include <regex>
 #include <sstream>
 
+#include "BusEvents.h"
 #include "HostScript.h"
 #include "MediaDecode.h"
 
@@ -17,7 +18,6 @@ namespace truckhost {
 
 namespace {
 
-constexpr int kSystemLogEvent = 0x1134;
 constexpr size_t kLogRecordSize = 236;
 constexpr size_t kLogTextOffset = 12, kLogTextSize = 128;
 
@@ -91,7 +91,7 @@ std::string DecodeBusMessage(int event, const std::vector<uint8_t>& payload, Jso
     std::string problem;
     std::string name;
     bool read = false;
-    if (event == media::kOverlayEvent) {
+    if (event == busevent::kOverlay) {
         name = "overlay";
         media::Overlay o;
         if ((read = media::DecodeOverlay(payload.data(), payload.size(), o, problem))) {
@@ -103,7 +103,7 @@ std::string DecodeBusMessage(int event, const std::vector<uint8_t>& payload, Jso
             // An overlay without text takes its item off the channels of the mask.
             fields["text"] = o.hasText ? Json::Value(media::Printable(o.text)) : Json::Value();
         }
-    } else if (event == media::kCardRecordEvent) {
+    } else if (event == busevent::kCardRecord) {
         name = "card_record";
         media::CardRecord card;
         if ((read = media::DecodeCardRecord(payload.data(), payload.size(), card, problem))) {
@@ -111,21 +111,21 @@ std::string DecodeBusMessage(int event, const std::vector<uint8_t>& payload, Jso
             fields["y"] = card.y;
             fields["text"] = media::Printable(card.text);
         }
-    } else if (event == media::kIoTurnEvent) {
+    } else if (event == busevent::kIoTurn) {
         name = "io_turn";
         uint8_t state = 0;
         if ((read = media::DecodeIoTurn(payload.data(), payload.size(), state, problem))) {
             fields["state"] = state;
             fields["turn"] = media::TurnName(state);
         }
-    } else if (event == media::kDstStateEvent) {
+    } else if (event == busevent::kDstState) {
         name = "dst_state";
         media::DstState dst;
         if ((read = media::DecodeDstState(payload.data(), payload.size(), dst, problem))) {
             fields["state"] = dst.state;
             fields["shift"] = dst.shiftHours;
         }
-    } else if (event == kSystemLogEvent) {
+    } else if (event == busevent::kSystemLog) {
         name = "system_log";
         read = DecodeSystemLog(payload, fields, problem);
     }

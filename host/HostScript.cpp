@@ -14,6 +14,7 @@
 
 #include <json/json.h>
 
+#include "BusEvents.h"
 #include "NvxControl.h"
 
 namespace truckhost {
@@ -189,7 +190,7 @@ bool ReadStep(const Json::Value& step, StepMembers& members, ScriptStep& out) {
         if (!members.Integer("speed", 0, 0xFFFFFFFF, number) || !members.Integer("unit", 0, 0xFF, unit)) {
             return false;
         }
-        out.event = kSpeedEvent;
+        out.event = busevent::kSpeed;
         out.bytes = SpeedPayload(static_cast<uint32_t>(number), static_cast<uint8_t>(unit));
         return true;
     }
@@ -200,7 +201,7 @@ bool ReadStep(const Json::Value& step, StepMembers& members, ScriptStep& out) {
         if (text.size() > kMaxSwipeText) {
             return members.Fail("text is longer than " + std::to_string(kMaxSwipeText) + " bytes");
         }
-        out.event = kSwipeEvent;
+        out.event = busevent::kSwipe;
         out.bytes = SwipePayload(text);
         return true;
     }

@@ -17,9 +17,6 @@
 
 namespace truckhost {
 
-// The bus events the "speed" and "swipe" steps stand for.
-constexpr int kSpeedEvent = 0x118A;
-constexpr int kSwipeEvent = 0x4004;
 // The swipe notification's body length has 23 bits and the body is 13 bytes besides the text.
 constexpr size_t kMaxSwipeText = 0x7FFFFF - 13;
 
