@@ -6,12 +6,11 @@
 #include <algorithm>
 #include <fstream>
 #include <map>
-#include <memory>
 #include <regex>
-#include <sstream>
 
 #include "BusEvents.h"
 #include "HostScript.h"
+#include "HostText.h"
 #include "MediaDecode.h"
 
 namespace truckhost {
@@ -20,15 +19,6 @@ namespace {
 
 constexpr size_t kLogRecordSize = 236;
 constexpr size_t kLogTextOffset = 12, kLogTextSize = 128;
-
-std::string Compact(const Json::Value& value) {
-    Json::StreamWriterBuilder builder;
-    builder["indentation"] = "";
-    // Text outside ASCII is written as \u escapes: every line stays readable whatever the
-    // plug-in sent.
-    builder["emitUTF8"] = false;
-    return Json::writeString(builder, value);
-}
 
 std::string Hex(const std::vector<uint8_t>& bytes) {
     static const char kDigits[] = "0123456789abcdef";
@@ -161,11 +151,8 @@ void BusLogWriter::WriteRun(const RunInfo& run) {
     // The store as a document of its own, so that the log stays one object per line; it was
     // checked to be JSON before the run.
     Json::Value params;
-    Json::CharReaderBuilder builder;
-    std::unique_ptr<Json::CharReader> reader(builder.newCharReader());
-    if (run.paramsText.empty() ||
-        !reader->parse(run.paramsText.data(), run.paramsText.data() + run.paramsText.size(), &params,
-                       nullptr)) {
+    std::string ignored;
+    if (run.paramsText.empty() || !ReadJson(run.paramsText, params, ignored)) {
         params = Json::Value();
     }
     Put("{\"t_ms\": 0, \"kind\": \"run\", \"start_time\": " +
@@ -250,8 +237,6 @@ bool ReadRecording(const std::string& path, Recording& out, std::string& error) 
         error = "cannot read the recording '" + path + "': " + strerror(errno);
         return false;
     }
-    Json::CharReaderBuilder builder;
-    std::unique_ptr<Json::CharReader> reader(builder.newCharReader());
     Recording recording;
     std::string steps;
     std::string text;
@@ -262,8 +247,8 @@ bool ReadRecording(const std::string& path, Recording& out, std::string& error) 
         const std::string where = "recording " + path + ": line " + std::to_string(number) + ": ";
         Json::Value line;
         std::string reason;
-        if (!reader->parse(text.data(), text.data() + text.size(), &line, &reason) || !line.isObject() ||
-            !line["t_ms"].isUInt64() || !line["kind"].isString()) {
+        if (!ReadJson(text, line, reason) || !line.isObject() || !line["t_ms"].isUInt64() ||
+            !line["kind"].isString()) {
             error = where + "not a line of a bus log";
             return false;
         }

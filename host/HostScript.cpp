@@ -6,53 +6,23 @@
 #include <sys/prctl.h>
 
 #include <algorithm>
-#include <exception>
 #include <limits>
-#include <memory>
-#include <sstream>
 #include <utility>
 
 #include <json/json.h>
 
 #include "BusEvents.h"
+#include "HostText.h"
 #include "NvxControl.h"
 
 namespace truckhost {
 
 namespace {
 
-bool ReadJson(const std::string& text, Json::Value& root, std::string& errors) {
-    Json::CharReaderBuilder builder;
-    builder["collectComments"] = false;
-    builder["failIfExtra"] = true;
-    // A step that names a member twice has no one meaning.
-    builder["rejectDupKeys"] = true;
-    std::unique_ptr<Json::CharReader> reader(builder.newCharReader());
-    try {
-        return reader->parse(text.data(), text.data() + text.size(), &root, &errors);
-    } catch (const std::exception& e) {
-        errors = e.what();
-        return false;
-    }
-}
-
-std::string Compact(const Json::Value& value) {
-    Json::StreamWriterBuilder builder;
-    builder["indentation"] = "";
-    builder["emitUTF8"] = true;
-    return Json::writeString(builder, value);
-}
-
-// The reader's message on one line, without its bullets: "Line 2, Column 1 Missing ...".
-std::string OneLine(const std::string& text) {
-    std::string line;
-    std::istringstream words(text);
-    for (std::string word; words >> word;) {
-        if (word != "*") {
-            line += (line.empty() ? "" : " ") + word;
-        }
-    }
-    return line;
+// Strict: a step that names a member twice has no one meaning. The reader's message is one
+// line of words: "Line 2, Column 1 Missing ...".
+bool ReadScriptJson(const std::string& text, Json::Value& root, std::string& error) {
+    return ReadJson(text, root, error, true, " ");
 }
 
 void PutLe32(std::vector<uint8_t>& bytes, size_t at, uint32_t value) {
@@ -144,8 +114,8 @@ public:
         Json::Value parsed;
         std::string errors;
         if (value->isString()) {
-            if (!ReadJson(value->asString(), parsed, errors)) {
-                return Fail(std::string(name) + " is not JSON: " + OneLine(errors));
+            if (!ReadScriptJson(value->asString(), parsed, errors)) {
+                return Fail(std::string(name) + " is not JSON: " + errors);
             }
             value = &parsed;
         } else if (!value->isObject()) {
@@ -262,8 +232,8 @@ ParsedScript ParseScript(const std::string& text) {
     ParsedScript parsed;
     Json::Value root;
     std::string errors;
-    if (!ReadJson(text, root, errors)) {
-        parsed.error = "not JSON: " + OneLine(errors);
+    if (!ReadScriptJson(text, root, errors)) {
+        parsed.error = "not JSON: " + errors;
         return parsed;
     }
     if (!root.isArray()) {

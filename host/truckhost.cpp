@@ -33,6 +33,7 @@
 
 #include "BusRecord.h"
 #include "HostScript.h"
+#include "HostText.h"
 #include "HostView.h"
 #include "MediaSide.h"
 #include "NvxControl.h"
@@ -112,27 +113,6 @@ bool ReadWholeFile(const std::string& path, const char* what, std::string& text,
     }
     text = bytes.str();
     return true;
-}
-
-bool ParseJsonText(const std::string& text, Json::Value& value, std::string& error) {
-    Json::CharReaderBuilder builder;
-    builder["collectComments"] = false;
-    std::unique_ptr<Json::CharReader> reader(builder.newCharReader());
-    std::string told;
-    if (reader->parse(text.data(), text.data() + text.size(), &value, &told)) {
-        return true;
-    }
-    // The parser tells "* Line 1, Column 15\n  Syntax error: ...\n"; a refusal is one line:
-    // "Line 1, Column 15: Syntax error: ...".
-    std::istringstream lines(told);
-    error.clear();
-    for (std::string line; std::getline(lines, line);) {
-        line.erase(0, line.find_first_not_of(" *"));
-        if (!line.empty()) {
-            error += (error.empty() ? "" : ": ") + line;
-        }
-    }
-    return false;
 }
 
 std::string BesideSelf(const char* file) {
@@ -594,7 +574,7 @@ bool PrepareDevice(Options& options, Device& device, std::string& error) {
         if (!ReadWholeFile(store, "parameter store", text, error)) {
             return false;
         }
-        if (!ParseJsonText(text, doc, reason)) {
+        if (!truckhost::ReadJson(text, doc, reason)) {
             error = "parameter store '" + store + "' is not JSON: " + reason;
             return false;
         }
@@ -612,8 +592,9 @@ std::string NothingDrawnReason(const std::string& sysroot) {
     std::string text, error;
     Json::Value config;
     const std::string path = sysroot + "/usr/local/cfg/truckbusiness.jsn";
-    if (!ReadWholeFile(path, "business configuration", text, error) || !ParseJsonText(text, config, error) ||
-        !config.isObject() || !config["BUSINESS_CONFIG"].isArray()) {
+    if (!ReadWholeFile(path, "business configuration", text, error) ||
+        !truckhost::ReadJson(text, config, error) || !config.isObject() ||
+        !config["BUSINESS_CONFIG"].isArray()) {
         return "nothing drawn: the device's business configuration cannot be read";
     }
     bool drawing = false;
@@ -626,7 +607,7 @@ std::string NothingDrawnReason(const std::string& sysroot) {
         return "nothing drawn: the device has no enabled business that draws (the OSD business, id 7)";
     }
     Json::Value store;
-    if (!ParseJsonText(nvx::ParamStoreText(), store, error) || !store.isObject()) {
+    if (!truckhost::ReadJson(nvx::ParamStoreText(), store, error) || !store.isObject()) {
         return "nothing drawn: the parameter store cannot be read";
     }
     const Json::Value& groups = store["PARAMETER"]["MDVR"];
