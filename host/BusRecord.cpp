@@ -9,7 +9,6 @@
 #include <regex>
 
 #include "BusEvents.h"
-#include "HostScript.h"
 #include "HostText.h"
 #include "MediaDecode.h"
 
@@ -19,32 +18,6 @@ namespace {
 
 constexpr size_t kLogRecordSize = 236;
 constexpr size_t kLogTextOffset = 12, kLogTextSize = 128;
-
-std::string Hex(const std::vector<uint8_t>& bytes) {
-    static const char kDigits[] = "0123456789abcdef";
-    std::string out;
-    out.reserve(bytes.size() * 2);
-    for (uint8_t b : bytes) {
-        out.push_back(kDigits[b >> 4]);
-        out.push_back(kDigits[b & 15]);
-    }
-    return out;
-}
-
-bool FromHex(const std::string& text, std::vector<uint8_t>& bytes) {
-    if (text.size() % 2 != 0) {
-        return false;
-    }
-    bytes.clear();
-    for (size_t i = 0; i < text.size(); i += 2) {
-        const int high = HexDigit(text[i]), low = HexDigit(text[i + 1]);
-        if (high < 0 || low < 0) {
-            return false;
-        }
-        bytes.push_back(static_cast<uint8_t>(high << 4 | low));
-    }
-    return true;
-}
 
 uint32_t U32At(const std::vector<uint8_t>& bytes, size_t at) {
     return static_cast<uint32_t>(bytes[at]) | static_cast<uint32_t>(bytes[at + 1]) << 8 |
@@ -168,7 +141,7 @@ void BusLogWriter::WriteBus(uint64_t tMs, const nvx::BusMessage& message) {
                        ", \"source\": " + std::to_string(message.source) +
                        ", \"event\": " + std::to_string(message.event) +
                        ", \"len\": " + std::to_string(message.payload.size()) + ", \"hex\": \"" +
-                       Hex(message.payload) + "\"";
+                       HexText(message.payload) + "\"";
     Json::Value fields;
     const std::string name = DecodeBusMessage(message.event, message.payload, fields);
     if (!name.empty()) {
@@ -372,7 +345,7 @@ std::map<std::string, std::vector<Entry>> Sequences(const std::vector<RecordedMe
             if (entry.isTime) {
                 entry.timeText = fields["text"].asString();
             } else {
-                entry.state += " " + Hex(m.payload);
+                entry.state += " " + HexText(m.payload);
             }
             entry.told =
                 (fields["text"].isNull() ? std::string("(removed)") : Compact(fields["text"])) + ", " + place;
@@ -385,7 +358,7 @@ std::map<std::string, std::vector<Entry>> Sequences(const std::vector<RecordedMe
         }
         char event[16];
         snprintf(event, sizeof(event), "0x%04X", static_cast<unsigned>(m.event));
-        entry.state = Hex(m.payload);
+        entry.state = HexText(m.payload);
         entry.told = name.empty() ? entry.state : Compact(fields);
         sequences[std::string("event ") + event + (name.empty() ? "" : " (" + name + ")")].push_back(entry);
     }

@@ -77,20 +77,15 @@ public:
         if (!Text(name, text)) {
             return false;
         }
-        if (text.size() % 2 != 0) {
+        size_t bad = 0;
+        if (FromHex(text, out, &bad)) {
+            return true;
+        }
+        if (bad == text.size()) {
             return Fail(std::string(name) + " must have an even number of hexadecimal digits");
         }
-        out.clear();
-        for (size_t i = 0; i < text.size(); i += 2) {
-            const int high = HexDigit(text[i]);
-            const int low = HexDigit(text[i + 1]);
-            if (high < 0 || low < 0) {
-                return Fail(std::string(name) + " has a character that is not a hexadecimal digit at " +
-                            std::to_string(high < 0 ? i : i + 1));
-            }
-            out.push_back(static_cast<uint8_t>(high << 4 | low));
-        }
-        return true;
+        return Fail(std::string(name) + " has a character that is not a hexadecimal digit at " +
+                    std::to_string(bad));
     }
 
     bool Time(const char* name, int64_t& out) {
@@ -263,74 +258,6 @@ ParsedScript ParseScript(const std::string& text) {
     std::stable_sort(parsed.steps.begin(), parsed.steps.end(),
                      [](const ScriptStep& a, const ScriptStep& b) { return a.atMs < b.atMs; });
     return parsed;
-}
-
-int HexDigit(char c) {
-    if (c >= '0' && c <= '9') {
-        return c - '0';
-    }
-    c = static_cast<char>(tolower(static_cast<unsigned char>(c)));
-    return c >= 'a' && c <= 'f' ? c - 'a' + 10 : -1;
-}
-
-// Counted on 64 bits rather than through gmtime_r: the device build's time_t ends in 2038,
-// and the device clock runs to 2099.
-std::string DeviceTimeText(int64_t seconds, char separator) {
-    if (seconds < 0) {
-        return "?";
-    }
-    // Days from 0000-03-01, whose years put the leap day at their end; 400 years hold 146097 days.
-    const int64_t days = seconds / 86400 + 719468;
-    const int64_t inDay = seconds % 86400;
-    const int64_t era = days / 146097;
-    const int64_t dayOfEra = days % 146097;
-    const int64_t yearOfEra = (dayOfEra - dayOfEra / 1460 + dayOfEra / 36524 - dayOfEra / 146096) / 365;
-    const int64_t dayOfYear = dayOfEra - (365 * yearOfEra + yearOfEra / 4 - yearOfEra / 100);
-    const int64_t monthFromMarch = (5 * dayOfYear + 2) / 153;
-    const int64_t month = monthFromMarch < 10 ? monthFromMarch + 3 : monthFromMarch - 9;
-    const int64_t year = era * 400 + yearOfEra + (month <= 2 ? 1 : 0);
-    char text[48];
-    snprintf(text, sizeof(text), "%04lld-%02lld-%02lld%c%02lld:%02lld:%02lld", static_cast<long long>(year),
-             static_cast<long long>(month),
-             static_cast<long long>(dayOfYear - (153 * monthFromMarch + 2) / 5 + 1), separator,
-             static_cast<long long>(inDay / 3600), static_cast<long long>(inDay / 60 % 60),
-             static_cast<long long>(inDay % 60));
-    return text;
-}
-
-bool ParseDeviceTime(const std::string& text, int64_t& seconds) {
-    static const char kShape[] = "dddd-dd-ddTdd:dd:dd";
-    if (text.size() != sizeof(kShape) - 1) {
-        return false;
-    }
-    for (size_t i = 0; i < text.size(); ++i) {
-        const bool digit = isdigit(static_cast<unsigned char>(text[i])) != 0;
-        if (kShape[i] == 'd' ? !digit : text[i] != kShape[i]) {
-            return false;
-        }
-    }
-    auto field = [&text](size_t at, size_t length) { return atoi(text.substr(at, length).c_str()); };
-    const int year = field(0, 4);
-    const int month = field(5, 2);
-    const int day = field(8, 2);
-    const int hour = field(11, 2);
-    const int minute = field(14, 2);
-    const int second = field(17, 2);
-    // Counted here on 64 bits, not through timegm: the device build's time_t ends in 2038, and
-    // the device's records run to 2099.
-    static const int kDays[12] = {31, 28, 31, 30, 31, 30, 31, 31, 30, 31, 30, 31};
-    const bool leap = (year % 4 == 0 && year % 100 != 0) || year % 400 == 0;
-    if (year < 1970 || year > 2099 || month < 1 || month > 12 || day < 1 ||
-        day > kDays[month - 1] + (month == 2 && leap ? 1 : 0) || hour > 23 || minute > 59 || second > 59) {
-        return false;
-    }
-    // Counting years from 1 March puts the leap day at a year's end; 1970-03-01 is day 59, and
-    // every fourth year from 1972 to 2096 is a leap year.
-    const int64_t marchYear = month > 2 ? year : year - 1;
-    const int64_t days = 59 + (marchYear - 1970) * 365 + (marchYear - 1968) / 4 +
-                         (153 * (month > 2 ? month - 3 : month + 9) + 2) / 5 + day - 1;
-    seconds = days * 86400 + int64_t{hour} * 3600 + minute * 60 + second;
-    return true;
 }
 
 std::vector<uint8_t> SpeedPayload(uint32_t speed, uint8_t unit) {

@@ -47,16 +47,6 @@ struct ParsedScript {
 
 ParsedScript ParseScript(const std::string& text);
 
-// "YYYY-MM-DDTHH:MM:SS" read without a zone, as seconds since 1970. False for anything else
-// and for a time outside 1970..2099 (the device's records end with 2099).
-bool ParseDeviceTime(const std::string& text, int64_t& seconds);
-// The other way: "YYYY-MM-DD<separator>HH:MM:SS" on 64 bits, to 2099 on either build; "?"
-// before 1970.
-std::string DeviceTimeText(int64_t seconds, char separator = 'T');
-
-// 0..15 for a hexadecimal digit of either case, else -1.
-int HexDigit(char c);
-
 std::vector<uint8_t> SpeedPayload(uint32_t speed, uint8_t unit);
 // `text` is at most kMaxSwipeText bytes.
 std::vector<uint8_t> SwipePayload(const std::string& text);

@@ -100,21 +100,6 @@ std::string SystemReason() {
     return strerror(errno);
 }
 
-// `what` names the file in the message: "cannot read the script 'x': No such file or directory".
-bool ReadWholeFile(const std::string& path, const char* what, std::string& text, std::string& error) {
-    std::ifstream file(path, std::ios::binary);
-    std::stringstream bytes;
-    if (file) {
-        bytes << file.rdbuf();
-    }
-    if (!file || file.bad()) {
-        error = std::string("cannot read the ") + what + " '" + path + "': " + SystemReason();
-        return false;
-    }
-    text = bytes.str();
-    return true;
-}
-
 std::string BesideSelf(const char* file) {
     char self[PATH_MAX];
     ssize_t n = readlink("/proc/self/exe", self, sizeof(self) - 1);
@@ -140,7 +125,7 @@ struct OptionSpec {
 
 bool ReadScriptFile(const std::string& path, Options& options, std::string& error) {
     std::string text;
-    if (!ReadWholeFile(path, "script", text, error)) {
+    if (!truckhost::ReadWholeFile(path, "script", text, error)) {
         return false;
     }
     truckhost::ParsedScript parsed = truckhost::ParseScript(text);
@@ -435,7 +420,7 @@ int ParseOptions(int argc, char** argv, Options& options) {
 // architecture answers too.
 bool ReadPluginVersion(const std::string& path, std::string& line, std::string& error) {
     std::string bytes;
-    if (!ReadWholeFile(path, "plug-in", bytes, error)) {
+    if (!truckhost::ReadWholeFile(path, "plug-in", bytes, error)) {
         return false;
     }
     // Another text of the module may start with the same word; the line's version starts with
@@ -571,7 +556,7 @@ bool PrepareDevice(Options& options, Device& device, std::string& error) {
         std::string text;
         Json::Value doc;
         std::string reason;
-        if (!ReadWholeFile(store, "parameter store", text, error)) {
+        if (!truckhost::ReadWholeFile(store, "parameter store", text, error)) {
             return false;
         }
         if (!truckhost::ReadJson(text, doc, reason)) {
@@ -592,7 +577,7 @@ std::string NothingDrawnReason(const std::string& sysroot) {
     std::string text, error;
     Json::Value config;
     const std::string path = sysroot + "/usr/local/cfg/truckbusiness.jsn";
-    if (!ReadWholeFile(path, "business configuration", text, error) ||
+    if (!truckhost::ReadWholeFile(path, "business configuration", text, error) ||
         !truckhost::ReadJson(text, config, error) || !config.isObject() ||
         !config["BUSINESS_CONFIG"].isArray()) {
         return "nothing drawn: the device's business configuration cannot be read";

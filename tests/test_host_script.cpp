@@ -7,6 +7,7 @@
 #include <vector>
 
 #include "HostScript.h"
+#include "HostText.h"
 #include "JQ_SDK_Device.h"
 #include "MsgClientManage.h"
 #include "TestSupport.h"
