@@ -1,7 +1,6 @@
 #include "HostScript.h"
 
-#include <ctype.h>
-#include <stdlib.h>
+#include <stdio.h>
 #include <string.h>
 #include <sys/prctl.h>
 
@@ -37,6 +36,7 @@ public:
     explicit StepMembers(const Json::Value& step) : m_step(step) {}
 
     const std::string& problem() const { return m_problem; }
+    bool Has(const char* name) const { return m_step.isMember(name); }
 
     bool Fail(std::string problem) {
         m_problem = std::move(problem);
@@ -138,6 +138,97 @@ private:
     std::string m_problem;
 };
 
+// One row a step kind: its name, its line of --help (its members, then what the device gets)
+// and the reader that fills a step from its members. Parsing and --help both go by this table.
+struct StepKind {
+    const char* name;
+    const char* help;
+    bool (*read)(StepMembers& members, ScriptStep& out);
+};
+
+const StepKind kStepKinds[] = {
+    {"speed", "speed (u32), unit (u8): bus event 0x118A",
+     [](StepMembers& members, ScriptStep& out) {
+         int64_t speed = 0, unit = 0;
+         if (!members.Integer("speed", 0, 0xFFFFFFFF, speed) || !members.Integer("unit", 0, 0xFF, unit)) {
+             return false;
+         }
+         out.event = busevent::kSpeed;
+         out.bytes = SpeedPayload(static_cast<uint32_t>(speed), static_cast<uint8_t>(unit));
+         return true;
+     }},
+    {"swipe", "text: a card-swipe notification, bus event 0x4004",
+     [](StepMembers& members, ScriptStep& out) {
+         std::string text;
+         if (!members.Text("text", text)) {
+             return false;
+         }
+         if (text.size() > kMaxSwipeText) {
+             return members.Fail("text is longer than " + std::to_string(kMaxSwipeText) + " bytes");
+         }
+         out.event = busevent::kSwipe;
+         out.bytes = SwipePayload(text);
+         return true;
+     }},
+    {"bus", "event, hex: any payload to the handlers of an event",
+     [](StepMembers& members, ScriptStep& out) {
+         int64_t event = 0;
+         if (!members.Integer("event", 0, std::numeric_limits<int>::max(), event) ||
+             !members.Hex("hex", out.bytes)) {
+             return false;
+         }
+         out.event = static_cast<int>(event);
+         return true;
+     }},
+    {"io", "text: a device-signal record, e.g. {\"SIGNAL\":{\"TURN\":{\"SOURCE\":0,\"VALUE\":1}}}",
+     [](StepMembers& members, ScriptStep& out) {
+         out.injection = Injection::kDevSignal;
+         std::string text;
+         if (!members.Text("text", text)) {
+             return false;
+         }
+         out.bytes.assign(text.begin(), text.end());
+         return true;
+     }},
+    {"can", "hex: a record of the vehicle-bus port",
+     [](StepMembers& members, ScriptStep& out) {
+         out.injection = Injection::kCanRecord;
+         return members.Hex("hex", out.bytes);
+     }},
+    {"param", "doc (object or string): {\"PARAMETER\":{\"MDVR\":{...}}}, merged and notified",
+     [](StepMembers& members, ScriptStep& out) {
+         out.injection = Injection::kParameters;
+         return members.Document("doc", out.text);
+     }},
+    {"clock", "set (YYYY-MM-DDTHH:MM:SS): the wall clock jumps there",
+     [](StepMembers& members, ScriptStep& out) {
+         out.injection = Injection::kWallClock;
+         return members.Time("set", out.seconds);
+     }},
+    {"storage", "result (int), path: a storage report",
+     [](StepMembers& members, ScriptStep& out) {
+         out.injection = Injection::kStorageReport;
+         int64_t result = 0;
+         if (!members.Integer("result", std::numeric_limits<int32_t>::min(),
+                              std::numeric_limits<int32_t>::max(), result) ||
+             !members.Text("path", out.text)) {
+             return false;
+         }
+         out.result = static_cast<int32_t>(result);
+         return true;
+     }},
+    {"restart", "gap_ms (optional, default 0): stop the plug-in and start it again",
+     [](StepMembers& members, ScriptStep& out) {
+         out.injection = Injection::kRestart;
+         int64_t gap = 0;
+         if (members.Has("gap_ms") && !members.Integer("gap_ms", 0, kMaxRestartGapMs, gap)) {
+             return false;
+         }
+         out.gapMs = static_cast<uint64_t>(gap);
+         return true;
+     }},
+};
+
 // Fills `out` from `step`; false with the problem in `members`.
 bool ReadStep(const Json::Value& step, StepMembers& members, ScriptStep& out) {
     int64_t atMs = 0;
@@ -148,80 +239,25 @@ bool ReadStep(const Json::Value& step, StepMembers& members, ScriptStep& out) {
     }
     out.atMs = static_cast<uint64_t>(atMs);
     out.source = Compact(step);
-    int64_t number = 0;
-    int64_t unit = 0;
-    std::string text;
-    if (kind == "speed") {
-        if (!members.Integer("speed", 0, 0xFFFFFFFF, number) || !members.Integer("unit", 0, 0xFF, unit)) {
-            return false;
+    for (const StepKind& known : kStepKinds) {
+        if (kind == known.name) {
+            return known.read(members, out);
         }
-        out.event = busevent::kSpeed;
-        out.bytes = SpeedPayload(static_cast<uint32_t>(number), static_cast<uint8_t>(unit));
-        return true;
-    }
-    if (kind == "swipe") {
-        if (!members.Text("text", text)) {
-            return false;
-        }
-        if (text.size() > kMaxSwipeText) {
-            return members.Fail("text is longer than " + std::to_string(kMaxSwipeText) + " bytes");
-        }
-        out.event = busevent::kSwipe;
-        out.bytes = SwipePayload(text);
-        return true;
-    }
-    if (kind == "bus") {
-        if (!members.Integer("event", 0, std::numeric_limits<int>::max(), number) ||
-            !members.Hex("hex", out.bytes)) {
-            return false;
-        }
-        out.event = static_cast<int>(number);
-        return true;
-    }
-    if (kind == "io") {
-        out.injection = Injection::kDevSignal;
-        if (!members.Text("text", text)) {
-            return false;
-        }
-        out.bytes.assign(text.begin(), text.end());
-        return true;
-    }
-    if (kind == "can") {
-        out.injection = Injection::kCanRecord;
-        return members.Hex("hex", out.bytes);
-    }
-    if (kind == "param") {
-        out.injection = Injection::kParameters;
-        return members.Document("doc", out.text);
-    }
-    if (kind == "clock") {
-        out.injection = Injection::kWallClock;
-        return members.Time("set", out.seconds);
-    }
-    if (kind == "storage") {
-        out.injection = Injection::kStorageReport;
-        if (!members.Integer("result", std::numeric_limits<int32_t>::min(),
-                             std::numeric_limits<int32_t>::max(), number) ||
-            !members.Text("path", out.text)) {
-            return false;
-        }
-        out.result = static_cast<int32_t>(number);
-        return true;
-    }
-    if (kind == "restart") {
-        out.injection = Injection::kRestart;
-        if (step.isMember("gap_ms")) {
-            if (!members.Integer("gap_ms", 0, kMaxRestartGapMs, number)) {
-                return false;
-            }
-            out.gapMs = static_cast<uint64_t>(number);
-        }
-        return true;
     }
     return members.Fail("kind '" + kind + "' is unknown");
 }
 
 }  // namespace
+
+std::string ScriptKindsHelp() {
+    std::string help;
+    for (const StepKind& kind : kStepKinds) {
+        char name[16];
+        snprintf(name, sizeof(name), "  %-8s ", kind.name);
+        help += name + std::string(kind.help) + "\n";
+    }
+    return help;
+}
 
 ParsedScript ParseScript(const std::string& text) {
     ParsedScript parsed;

@@ -46,6 +46,8 @@ struct ParsedScript {
 };
 
 ParsedScript ParseScript(const std::string& text);
+// The step kinds ParseScript knows, a line each as --help lists them: "  speed    speed (u32), ...".
+std::string ScriptKindsHelp();
 
 std::vector<uint8_t> SpeedPayload(uint32_t speed, uint8_t unit);
 // `text` is at most kMaxSwipeText bytes.

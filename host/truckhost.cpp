@@ -303,18 +303,11 @@ const OptionSpec kOptions[] = {
      }},
 };
 
-const char kScriptHelp[] =
+// Around the script's kinds, which their table in HostScript.cpp lists.
+const char kScriptHelpHead[] =
     "A script is a JSON array of {\"at_ms\": N, \"kind\": K, ...}, run N ms after the host started\n"
-    "(the clock of --duration); steps due at the end of --duration or later do not run. Kinds:\n"
-    "  speed    speed (u32), unit (u8): bus event 0x118A\n"
-    "  swipe    text: a card-swipe notification, bus event 0x4004\n"
-    "  bus      event, hex: any payload to the handlers of an event\n"
-    "  io       text: a device-signal record, e.g. {\"SIGNAL\":{\"TURN\":{\"SOURCE\":0,\"VALUE\":1}}}\n"
-    "  can      hex: a record of the vehicle-bus port\n"
-    "  param    doc (object or string): {\"PARAMETER\":{\"MDVR\":{...}}}, merged and notified\n"
-    "  clock    set (YYYY-MM-DDTHH:MM:SS): the wall clock jumps there\n"
-    "  storage  result (int), path: a storage report\n"
-    "  restart  gap_ms (optional, default 0): stop the plug-in and start it again\n"
+    "(the clock of --duration); steps due at the end of --duration or later do not run. Kinds:\n";
+const char kScriptHelpTail[] =
     "A malformed script is refused before start, naming the step (from 1).\n"
     "\n"
     "On a terminal, standard output shows a status panel of the media side, redrawn in place,\n"
@@ -344,7 +337,7 @@ void Usage(FILE* out) {
             fprintf(out, "%-22s%s\n", head.c_str(), help.c_str());
         }
     }
-    fprintf(out, "\n%s", kScriptHelp);
+    fprintf(out, "\n%s%s%s", kScriptHelpHead, truckhost::ScriptKindsHelp().c_str(), kScriptHelpTail);
 }
 
 // -1 to go on, else the exit status (0 after --help, 2 with a message for a bad option).
