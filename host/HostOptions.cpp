@@ -39,6 +39,19 @@ struct OptionSpec {
     Handler handle;
 };
 
+// The handlers of a value kept as given and of a switch.
+template <std::string Options::*field>
+bool Keep(const std::string& value, Options& options, std::string&) {
+    options.*field = value;
+    return true;
+}
+
+template <bool Options::*flag>
+bool Switch(const std::string&, Options& options, std::string&) {
+    options.*flag = true;
+    return true;
+}
+
 bool ReadScriptFile(const std::string& path, Options& options, std::string& error) {
     std::string text;
     if (!ReadWholeFile(path, "script", text, error)) {
@@ -90,10 +103,7 @@ bool ParseFrameSize(const std::string& text, int& width, int& height) {
 
 const OptionSpec kOptions[] = {
     {"plugin", "PATH", "service plug-in to load (default: libtruckservice.so beside truckhost)",
-     [](const std::string& v, Options& o, std::string&) {
-         o.plugin = v;
-         return true;
-     }},
+     Keep<&Options::plugin>},
     {"sysroot", "DIR", "folder that stands for the device's / (default: the bundled demo device)",
      [](const std::string& v, Options& o, std::string&) {
          o.sysroot = v;
@@ -103,17 +113,11 @@ const OptionSpec kOptions[] = {
     {"device", "FILE",
      "the device's identity: {\"product_type\", \"system_type\", \"video_inputs\", \"ip_channels\",\n"
      "\"serial_number\"}, every key optional (default: device.json in the --sysroot folder, if there)",
-     [](const std::string& v, Options& o, std::string&) {
-         o.deviceFile = v;
-         return true;
-     }},
+     Keep<&Options::deviceFile>},
     {"param-store", "FILE",
      "start from this parameter store (default: the demo store with the demo device, else the\n"
      "store of the given device folder)",
-     [](const std::string& v, Options& o, std::string&) {
-         o.paramStore = v;
-         return true;
-     }},
+     Keep<&Options::paramStore>},
     {"duration", "SECONDS", "run that long, then stop (default: until SIGINT or SIGTERM)",
      [](const std::string& v, Options& o, std::string& error) {
          char* end = nullptr;
@@ -140,24 +144,15 @@ const OptionSpec kOptions[] = {
      "run the device, parameter store, clock and script steps that the bus log FILE recorded, at\n"
      "their times and for as long (so it takes no --sysroot, --device, --param-store, --start-time\n"
      "or --script; a shorter --duration is compared over the span it ran)",
-     [](const std::string& v, Options& o, std::string&) {
-         o.replay = v;
-         return true;
-     }},
+     Keep<&Options::replay>},
     {"check", nullptr,
      "with --replay: compare what the plug-in sends with what FILE recorded; exit 0 when they\n"
      "agree, 1 with the first difference",
-     [](const std::string&, Options& o, std::string&) {
-         o.check = true;
-         return true;
-     }},
+     Switch<&Options::check>},
     {"bus-log", "FILE",
      "record the run: a first line with the device, then every bus message sent (decoded),\n"
      "parameter write and script step, one JSON object per line",
-     [](const std::string& v, Options& o, std::string&) {
-         o.busLog = v;
-         return true;
-     }},
+     Keep<&Options::busLog>},
     {"log-level", "N", "platform log lines up to level N go to standard error (0..4, default 2)",
      [](const std::string& v, Options& o, std::string& error) {
          char* end = nullptr;
@@ -172,10 +167,7 @@ const OptionSpec kOptions[] = {
     {"frames", "DIR",
      "write PNG frames of what the media side would draw: one per second of the run and one at\n"
      "exit, DIR/ch<N>_<second>.png and DIR/ch<N>_exit.png (earlier frames there are removed)",
-     [](const std::string& v, Options& o, std::string&) {
-         o.framesDir = v;
-         return true;
-     }},
+     Keep<&Options::framesDir>},
     {"channel", "N", "a channel to draw, from 0 (repeat or list as 0,4; default 0)",
      [](const std::string& v, Options& o, std::string& error) {
          if (!ParseChannels(v, o.channels)) {
@@ -198,25 +190,11 @@ const OptionSpec kOptions[] = {
     {"summary", "FILE",
      "write one JSON object at exit: exit status, seconds, each thread's wakeups and processor\n"
      "time, messages sent by event, frames and overlaps",
-     [](const std::string& v, Options& o, std::string&) {
-         o.summary = v;
-         return true;
-     }},
-    {"stats", nullptr, "print the same as a table on standard error at exit",
-     [](const std::string&, Options& o, std::string&) {
-         o.stats = true;
-         return true;
-     }},
+     Keep<&Options::summary>},
+    {"stats", nullptr, "print the same as a table on standard error at exit", Switch<&Options::stats>},
     {"version", nullptr, "print truckhost's version and the plug-in's, read from its file, and exit",
-     [](const std::string&, Options& o, std::string&) {
-         o.showVersion = true;
-         return true;
-     }},
-    {"help", nullptr, "this text",
-     [](const std::string&, Options& o, std::string&) {
-         o.showHelp = true;
-         return true;
-     }},
+     Switch<&Options::showVersion>},
+    {"help", nullptr, "this text", Switch<&Options::showHelp>},
 };
 
 // Around the script's kinds, which their table in HostScript.cpp lists.
