@@ -195,9 +195,7 @@ bool ReadRun(const Json::Value& line, RunInfo& run, std::string& error) {
     run.plugin = line["plugin"].isString() ? line["plugin"].asString() : std::string();
     run.version = line["version"].isString() ? line["version"].asString() : std::string();
     if (line["params"].isObject()) {
-        Json::StreamWriterBuilder builder;
-        builder["emitUTF8"] = true;
-        run.paramsText = Json::writeString(builder, line["params"]) + "\n";
+        run.paramsText = Compact(line["params"]) + "\n";
     }
     return true;
 }
