@@ -138,16 +138,18 @@ private:
     std::string m_problem;
 };
 
-// One row a step kind: its name, its line of --help (its members, then what the device gets)
-// and the reader that fills a step from its members. Parsing and --help both go by this table.
+// One row a step kind: its name, how it reaches the device, its line of --help (its members,
+// then what the device gets) and the reader that fills a step from its members. Parsing and
+// --help both go by this table.
 struct StepKind {
     const char* name;
+    Injection injection;
     const char* help;
     bool (*read)(StepMembers& members, ScriptStep& out);
 };
 
 const StepKind kStepKinds[] = {
-    {"speed", "speed (u32), unit (u8): bus event 0x118A",
+    {"speed", Injection::kBusEvent, "speed (u32), unit (u8): bus event 0x118A",
      [](StepMembers& members, ScriptStep& out) {
          int64_t speed = 0, unit = 0;
          if (!members.Integer("speed", 0, 0xFFFFFFFF, speed) || !members.Integer("unit", 0, 0xFF, unit)) {
@@ -157,7 +159,7 @@ const StepKind kStepKinds[] = {
          out.bytes = SpeedPayload(static_cast<uint32_t>(speed), static_cast<uint8_t>(unit));
          return true;
      }},
-    {"swipe", "text: a card-swipe notification, bus event 0x4004",
+    {"swipe", Injection::kBusEvent, "text: a card-swipe notification, bus event 0x4004",
      [](StepMembers& members, ScriptStep& out) {
          std::string text;
          if (!members.Text("text", text)) {
@@ -170,7 +172,7 @@ const StepKind kStepKinds[] = {
          out.bytes = SwipePayload(text);
          return true;
      }},
-    {"bus", "event, hex: any payload to the handlers of an event",
+    {"bus", Injection::kBusEvent, "event, hex: any payload to the handlers of an event",
      [](StepMembers& members, ScriptStep& out) {
          int64_t event = 0;
          if (!members.Integer("event", 0, std::numeric_limits<int>::max(), event) ||
@@ -180,9 +182,9 @@ const StepKind kStepKinds[] = {
          out.event = static_cast<int>(event);
          return true;
      }},
-    {"io", "text: a device-signal record, e.g. {\"SIGNAL\":{\"TURN\":{\"SOURCE\":0,\"VALUE\":1}}}",
+    {"io", Injection::kDevSignal,
+     "text: a device-signal record, e.g. {\"SIGNAL\":{\"TURN\":{\"SOURCE\":0,\"VALUE\":1}}}",
      [](StepMembers& members, ScriptStep& out) {
-         out.injection = Injection::kDevSignal;
          std::string text;
          if (!members.Text("text", text)) {
              return false;
@@ -190,24 +192,15 @@ const StepKind kStepKinds[] = {
          out.bytes.assign(text.begin(), text.end());
          return true;
      }},
-    {"can", "hex: a record of the vehicle-bus port",
+    {"can", Injection::kCanRecord, "hex: a record of the vehicle-bus port",
+     [](StepMembers& members, ScriptStep& out) { return members.Hex("hex", out.bytes); }},
+    {"param", Injection::kParameters,
+     "doc (object or string): {\"PARAMETER\":{\"MDVR\":{...}}}, merged and notified",
+     [](StepMembers& members, ScriptStep& out) { return members.Document("doc", out.text); }},
+    {"clock", Injection::kWallClock, "set (YYYY-MM-DDTHH:MM:SS): the wall clock jumps there",
+     [](StepMembers& members, ScriptStep& out) { return members.Time("set", out.seconds); }},
+    {"storage", Injection::kStorageReport, "result (int), path: a storage report",
      [](StepMembers& members, ScriptStep& out) {
-         out.injection = Injection::kCanRecord;
-         return members.Hex("hex", out.bytes);
-     }},
-    {"param", "doc (object or string): {\"PARAMETER\":{\"MDVR\":{...}}}, merged and notified",
-     [](StepMembers& members, ScriptStep& out) {
-         out.injection = Injection::kParameters;
-         return members.Document("doc", out.text);
-     }},
-    {"clock", "set (YYYY-MM-DDTHH:MM:SS): the wall clock jumps there",
-     [](StepMembers& members, ScriptStep& out) {
-         out.injection = Injection::kWallClock;
-         return members.Time("set", out.seconds);
-     }},
-    {"storage", "result (int), path: a storage report",
-     [](StepMembers& members, ScriptStep& out) {
-         out.injection = Injection::kStorageReport;
          int64_t result = 0;
          if (!members.Integer("result", std::numeric_limits<int32_t>::min(),
                               std::numeric_limits<int32_t>::max(), result) ||
@@ -217,9 +210,8 @@ const StepKind kStepKinds[] = {
          out.result = static_cast<int32_t>(result);
          return true;
      }},
-    {"restart", "gap_ms (optional, default 0): stop the plug-in and start it again",
+    {"restart", Injection::kRestart, "gap_ms (optional, default 0): stop the plug-in and start it again",
      [](StepMembers& members, ScriptStep& out) {
-         out.injection = Injection::kRestart;
          int64_t gap = 0;
          if (members.Has("gap_ms") && !members.Integer("gap_ms", 0, kMaxRestartGapMs, gap)) {
              return false;
@@ -241,6 +233,7 @@ bool ReadStep(const Json::Value& step, StepMembers& members, ScriptStep& out) {
     out.source = Compact(step);
     for (const StepKind& known : kStepKinds) {
         if (kind == known.name) {
+            out.injection = known.injection;
             return known.read(members, out);
         }
     }
