@@ -134,8 +134,7 @@ bool CheckDst(const uint8_t* p, size_t size) {
     return read;
 }
 
-const int kEvents[] = {media::kOverlayEvent, media::kCardRecordEvent, media::kIoTurnEvent,
-                       media::kDstStateEvent};
+const int kEvents[] = {busevent::kOverlay, busevent::kCardRecord, busevent::kIoTurn, busevent::kDstState};
 
 // The side and the counts it must show, made again every kRound inputs. Change lines are taken
 // less often than a round has inputs, so the queue fills and drops within a round.

@@ -6,55 +6,18 @@
 #include <algorithm>
 #include <fstream>
 #include <map>
-#include <memory>
 #include <regex>
-#include <sstream>
 
-#include "HostScript.h"
+#include "BusEvents.h"
+#include "HostText.h"
 #include "MediaDecode.h"
 
 namespace truckhost {
 
 namespace {
 
-constexpr int kSystemLogEvent = 0x1134;
 constexpr size_t kLogRecordSize = 236;
 constexpr size_t kLogTextOffset = 12, kLogTextSize = 128;
-
-std::string Compact(const Json::Value& value) {
-    Json::StreamWriterBuilder builder;
-    builder["indentation"] = "";
-    // Text outside ASCII is written as \u escapes: every line stays readable whatever the
-    // plug-in sent.
-    builder["emitUTF8"] = false;
-    return Json::writeString(builder, value);
-}
-
-std::string Hex(const std::vector<uint8_t>& bytes) {
-    static const char kDigits[] = "0123456789abcdef";
-    std::string out;
-    out.reserve(bytes.size() * 2);
-    for (uint8_t b : bytes) {
-        out.push_back(kDigits[b >> 4]);
-        out.push_back(kDigits[b & 15]);
-    }
-    return out;
-}
-
-bool FromHex(const std::string& text, std::vector<uint8_t>& bytes) {
-    if (text.size() % 2 != 0) {
-        return false;
-    }
-    bytes.clear();
-    for (size_t i = 0; i < text.size(); i += 2) {
-        const int high = HexDigit(text[i]), low = HexDigit(text[i + 1]);
-        if (high < 0 || low < 0) {
-            return false;
-        }
-        bytes.push_back(static_cast<uint8_t>(high << 4 | low));
-    }
-    return true;
-}
 
 uint32_t U32At(const std::vector<uint8_t>& bytes, size_t at) {
     return static_cast<uint32_t>(bytes[at]) | static_cast<uint32_t>(bytes[at + 1]) << 8 |
@@ -91,7 +54,7 @@ std::string DecodeBusMessage(int event, const std::vector<uint8_t>& payload, Jso
     std::string problem;
     std::string name;
     bool read = false;
-    if (event == media::kOverlayEvent) {
+    if (event == busevent::kOverlay) {
         name = "overlay";
         media::Overlay o;
         if ((read = media::DecodeOverlay(payload.data(), payload.size(), o, problem))) {
@@ -103,7 +66,7 @@ std::string DecodeBusMessage(int event, const std::vector<uint8_t>& payload, Jso
             // An overlay without text takes its item off the channels of the mask.
             fields["text"] = o.hasText ? Json::Value(media::Printable(o.text)) : Json::Value();
         }
-    } else if (event == media::kCardRecordEvent) {
+    } else if (event == busevent::kCardRecord) {
         name = "card_record";
         media::CardRecord card;
         if ((read = media::DecodeCardRecord(payload.data(), payload.size(), card, problem))) {
@@ -111,21 +74,21 @@ std::string DecodeBusMessage(int event, const std::vector<uint8_t>& payload, Jso
             fields["y"] = card.y;
             fields["text"] = media::Printable(card.text);
         }
-    } else if (event == media::kIoTurnEvent) {
+    } else if (event == busevent::kIoTurn) {
         name = "io_turn";
         uint8_t state = 0;
         if ((read = media::DecodeIoTurn(payload.data(), payload.size(), state, problem))) {
             fields["state"] = state;
             fields["turn"] = media::TurnName(state);
         }
-    } else if (event == media::kDstStateEvent) {
+    } else if (event == busevent::kDstState) {
         name = "dst_state";
         media::DstState dst;
         if ((read = media::DecodeDstState(payload.data(), payload.size(), dst, problem))) {
             fields["state"] = dst.state;
             fields["shift"] = dst.shiftHours;
         }
-    } else if (event == kSystemLogEvent) {
+    } else if (event == busevent::kSystemLog) {
         name = "system_log";
         read = DecodeSystemLog(payload, fields, problem);
     }
@@ -161,11 +124,8 @@ void BusLogWriter::WriteRun(const RunInfo& run) {
     // The store as a document of its own, so that the log stays one object per line; it was
     // checked to be JSON before the run.
     Json::Value params;
-    Json::CharReaderBuilder builder;
-    std::unique_ptr<Json::CharReader> reader(builder.newCharReader());
-    if (run.paramsText.empty() ||
-        !reader->parse(run.paramsText.data(), run.paramsText.data() + run.paramsText.size(), &params,
-                       nullptr)) {
+    std::string ignored;
+    if (run.paramsText.empty() || !ReadJson(run.paramsText, params, ignored)) {
         params = Json::Value();
     }
     Put("{\"t_ms\": 0, \"kind\": \"run\", \"start_time\": " +
@@ -181,7 +141,7 @@ void BusLogWriter::WriteBus(uint64_t tMs, const nvx::BusMessage& message) {
                        ", \"source\": " + std::to_string(message.source) +
                        ", \"event\": " + std::to_string(message.event) +
                        ", \"len\": " + std::to_string(message.payload.size()) + ", \"hex\": \"" +
-                       Hex(message.payload) + "\"";
+                       HexText(message.payload) + "\"";
     Json::Value fields;
     const std::string name = DecodeBusMessage(message.event, message.payload, fields);
     if (!name.empty()) {
@@ -235,9 +195,7 @@ bool ReadRun(const Json::Value& line, RunInfo& run, std::string& error) {
     run.plugin = line["plugin"].isString() ? line["plugin"].asString() : std::string();
     run.version = line["version"].isString() ? line["version"].asString() : std::string();
     if (line["params"].isObject()) {
-        Json::StreamWriterBuilder builder;
-        builder["emitUTF8"] = true;
-        run.paramsText = Json::writeString(builder, line["params"]) + "\n";
+        run.paramsText = Compact(line["params"]) + "\n";
     }
     return true;
 }
@@ -250,8 +208,6 @@ bool ReadRecording(const std::string& path, Recording& out, std::string& error) 
         error = "cannot read the recording '" + path + "': " + strerror(errno);
         return false;
     }
-    Json::CharReaderBuilder builder;
-    std::unique_ptr<Json::CharReader> reader(builder.newCharReader());
     Recording recording;
     std::string steps;
     std::string text;
@@ -262,8 +218,8 @@ bool ReadRecording(const std::string& path, Recording& out, std::string& error) 
         const std::string where = "recording " + path + ": line " + std::to_string(number) + ": ";
         Json::Value line;
         std::string reason;
-        if (!reader->parse(text.data(), text.data() + text.size(), &line, &reason) || !line.isObject() ||
-            !line["t_ms"].isUInt64() || !line["kind"].isString()) {
+        if (!ReadJson(text, line, reason) || !line.isObject() || !line["t_ms"].isUInt64() ||
+            !line["kind"].isString()) {
             error = where + "not a line of a bus log";
             return false;
         }
@@ -387,7 +343,7 @@ std::map<std::string, std::vector<Entry>> Sequences(const std::vector<RecordedMe
             if (entry.isTime) {
                 entry.timeText = fields["text"].asString();
             } else {
-                entry.state += " " + Hex(m.payload);
+                entry.state += " " + HexText(m.payload);
             }
             entry.told =
                 (fields["text"].isNull() ? std::string("(removed)") : Compact(fields["text"])) + ", " + place;
@@ -400,7 +356,7 @@ std::map<std::string, std::vector<Entry>> Sequences(const std::vector<RecordedMe
         }
         char event[16];
         snprintf(event, sizeof(event), "0x%04X", static_cast<unsigned>(m.event));
-        entry.state = Hex(m.payload);
+        entry.state = HexText(m.payload);
         entry.told = name.empty() ? entry.state : Compact(fields);
         sequences[std::string("event ") + event + (name.empty() ? "" : " (" + name + ")")].push_back(entry);
     }

@@ -1,57 +1,27 @@
 #include "HostScript.h"
 
-#include <ctype.h>
-#include <stdlib.h>
+#include <stdio.h>
 #include <string.h>
 #include <sys/prctl.h>
 
 #include <algorithm>
-#include <exception>
 #include <limits>
-#include <memory>
-#include <sstream>
 #include <utility>
 
 #include <json/json.h>
 
+#include "BusEvents.h"
+#include "HostText.h"
 #include "NvxControl.h"
 
 namespace truckhost {
 
 namespace {
 
-bool ReadJson(const std::string& text, Json::Value& root, std::string& errors) {
-    Json::CharReaderBuilder builder;
-    builder["collectComments"] = false;
-    builder["failIfExtra"] = true;
-    // A step that names a member twice has no one meaning.
-    builder["rejectDupKeys"] = true;
-    std::unique_ptr<Json::CharReader> reader(builder.newCharReader());
-    try {
-        return reader->parse(text.data(), text.data() + text.size(), &root, &errors);
-    } catch (const std::exception& e) {
-        errors = e.what();
-        return false;
-    }
-}
-
-std::string Compact(const Json::Value& value) {
-    Json::StreamWriterBuilder builder;
-    builder["indentation"] = "";
-    builder["emitUTF8"] = true;
-    return Json::writeString(builder, value);
-}
-
-// The reader's message on one line, without its bullets: "Line 2, Column 1 Missing ...".
-std::string OneLine(const std::string& text) {
-    std::string line;
-    std::istringstream words(text);
-    for (std::string word; words >> word;) {
-        if (word != "*") {
-            line += (line.empty() ? "" : " ") + word;
-        }
-    }
-    return line;
+// Strict: a step that names a member twice has no one meaning. The reader's message is one
+// line of words: "Line 2, Column 1 Missing ...".
+bool ReadScriptJson(const std::string& text, Json::Value& root, std::string& error) {
+    return ReadJson(text, root, error, true, " ");
 }
 
 void PutLe32(std::vector<uint8_t>& bytes, size_t at, uint32_t value) {
@@ -66,6 +36,7 @@ public:
     explicit StepMembers(const Json::Value& step) : m_step(step) {}
 
     const std::string& problem() const { return m_problem; }
+    bool Has(const char* name) const { return m_step.isMember(name); }
 
     bool Fail(std::string problem) {
         m_problem = std::move(problem);
@@ -106,20 +77,15 @@ public:
         if (!Text(name, text)) {
             return false;
         }
-        if (text.size() % 2 != 0) {
+        size_t bad = 0;
+        if (FromHex(text, out, &bad)) {
+            return true;
+        }
+        if (bad == text.size()) {
             return Fail(std::string(name) + " must have an even number of hexadecimal digits");
         }
-        out.clear();
-        for (size_t i = 0; i < text.size(); i += 2) {
-            const int high = HexDigit(text[i]);
-            const int low = HexDigit(text[i + 1]);
-            if (high < 0 || low < 0) {
-                return Fail(std::string(name) + " has a character that is not a hexadecimal digit at " +
-                            std::to_string(high < 0 ? i : i + 1));
-            }
-            out.push_back(static_cast<uint8_t>(high << 4 | low));
-        }
-        return true;
+        return Fail(std::string(name) + " has a character that is not a hexadecimal digit at " +
+                    std::to_string(bad));
     }
 
     bool Time(const char* name, int64_t& out) {
@@ -143,8 +109,8 @@ public:
         Json::Value parsed;
         std::string errors;
         if (value->isString()) {
-            if (!ReadJson(value->asString(), parsed, errors)) {
-                return Fail(std::string(name) + " is not JSON: " + OneLine(errors));
+            if (!ReadScriptJson(value->asString(), parsed, errors)) {
+                return Fail(std::string(name) + " is not JSON: " + errors);
             }
             value = &parsed;
         } else if (!value->isObject()) {
@@ -172,6 +138,89 @@ private:
     std::string m_problem;
 };
 
+// One row a step kind: its name, how it reaches the device, its line of --help (its members,
+// then what the device gets) and the reader that fills a step from its members. Parsing and
+// --help both go by this table.
+struct StepKind {
+    const char* name;
+    Injection injection;
+    const char* help;
+    bool (*read)(StepMembers& members, ScriptStep& out);
+};
+
+const StepKind kStepKinds[] = {
+    {"speed", Injection::kBusEvent, "speed (u32), unit (u8): bus event 0x118A",
+     [](StepMembers& members, ScriptStep& out) {
+         int64_t speed = 0, unit = 0;
+         if (!members.Integer("speed", 0, 0xFFFFFFFF, speed) || !members.Integer("unit", 0, 0xFF, unit)) {
+             return false;
+         }
+         out.event = busevent::kSpeed;
+         out.bytes = SpeedPayload(static_cast<uint32_t>(speed), static_cast<uint8_t>(unit));
+         return true;
+     }},
+    {"swipe", Injection::kBusEvent, "text: a card-swipe notification, bus event 0x4004",
+     [](StepMembers& members, ScriptStep& out) {
+         std::string text;
+         if (!members.Text("text", text)) {
+             return false;
+         }
+         if (text.size() > kMaxSwipeText) {
+             return members.Fail("text is longer than " + std::to_string(kMaxSwipeText) + " bytes");
+         }
+         out.event = busevent::kSwipe;
+         out.bytes = SwipePayload(text);
+         return true;
+     }},
+    {"bus", Injection::kBusEvent, "event, hex: any payload to the handlers of an event",
+     [](StepMembers& members, ScriptStep& out) {
+         int64_t event = 0;
+         if (!members.Integer("event", 0, std::numeric_limits<int>::max(), event) ||
+             !members.Hex("hex", out.bytes)) {
+             return false;
+         }
+         out.event = static_cast<int>(event);
+         return true;
+     }},
+    {"io", Injection::kDevSignal,
+     "text: a device-signal record, e.g. {\"SIGNAL\":{\"TURN\":{\"SOURCE\":0,\"VALUE\":1}}}",
+     [](StepMembers& members, ScriptStep& out) {
+         std::string text;
+         if (!members.Text("text", text)) {
+             return false;
+         }
+         out.bytes.assign(text.begin(), text.end());
+         return true;
+     }},
+    {"can", Injection::kCanRecord, "hex: a record of the vehicle-bus port",
+     [](StepMembers& members, ScriptStep& out) { return members.Hex("hex", out.bytes); }},
+    {"param", Injection::kParameters,
+     "doc (object or string): {\"PARAMETER\":{\"MDVR\":{...}}}, merged and notified",
+     [](StepMembers& members, ScriptStep& out) { return members.Document("doc", out.text); }},
+    {"clock", Injection::kWallClock, "set (YYYY-MM-DDTHH:MM:SS): the wall clock jumps there",
+     [](StepMembers& members, ScriptStep& out) { return members.Time("set", out.seconds); }},
+    {"storage", Injection::kStorageReport, "result (int), path: a storage report",
+     [](StepMembers& members, ScriptStep& out) {
+         int64_t result = 0;
+         if (!members.Integer("result", std::numeric_limits<int32_t>::min(),
+                              std::numeric_limits<int32_t>::max(), result) ||
+             !members.Text("path", out.text)) {
+             return false;
+         }
+         out.result = static_cast<int32_t>(result);
+         return true;
+     }},
+    {"restart", Injection::kRestart, "gap_ms (optional, default 0): stop the plug-in and start it again",
+     [](StepMembers& members, ScriptStep& out) {
+         int64_t gap = 0;
+         if (members.Has("gap_ms") && !members.Integer("gap_ms", 0, kMaxRestartGapMs, gap)) {
+             return false;
+         }
+         out.gapMs = static_cast<uint64_t>(gap);
+         return true;
+     }},
+};
+
 // Fills `out` from `step`; false with the problem in `members`.
 bool ReadStep(const Json::Value& step, StepMembers& members, ScriptStep& out) {
     int64_t atMs = 0;
@@ -182,87 +231,33 @@ bool ReadStep(const Json::Value& step, StepMembers& members, ScriptStep& out) {
     }
     out.atMs = static_cast<uint64_t>(atMs);
     out.source = Compact(step);
-    int64_t number = 0;
-    int64_t unit = 0;
-    std::string text;
-    if (kind == "speed") {
-        if (!members.Integer("speed", 0, 0xFFFFFFFF, number) || !members.Integer("unit", 0, 0xFF, unit)) {
-            return false;
+    for (const StepKind& known : kStepKinds) {
+        if (kind == known.name) {
+            out.injection = known.injection;
+            return known.read(members, out);
         }
-        out.event = kSpeedEvent;
-        out.bytes = SpeedPayload(static_cast<uint32_t>(number), static_cast<uint8_t>(unit));
-        return true;
-    }
-    if (kind == "swipe") {
-        if (!members.Text("text", text)) {
-            return false;
-        }
-        if (text.size() > kMaxSwipeText) {
-            return members.Fail("text is longer than " + std::to_string(kMaxSwipeText) + " bytes");
-        }
-        out.event = kSwipeEvent;
-        out.bytes = SwipePayload(text);
-        return true;
-    }
-    if (kind == "bus") {
-        if (!members.Integer("event", 0, std::numeric_limits<int>::max(), number) ||
-            !members.Hex("hex", out.bytes)) {
-            return false;
-        }
-        out.event = static_cast<int>(number);
-        return true;
-    }
-    if (kind == "io") {
-        out.injection = Injection::kDevSignal;
-        if (!members.Text("text", text)) {
-            return false;
-        }
-        out.bytes.assign(text.begin(), text.end());
-        return true;
-    }
-    if (kind == "can") {
-        out.injection = Injection::kCanRecord;
-        return members.Hex("hex", out.bytes);
-    }
-    if (kind == "param") {
-        out.injection = Injection::kParameters;
-        return members.Document("doc", out.text);
-    }
-    if (kind == "clock") {
-        out.injection = Injection::kWallClock;
-        return members.Time("set", out.seconds);
-    }
-    if (kind == "storage") {
-        out.injection = Injection::kStorageReport;
-        if (!members.Integer("result", std::numeric_limits<int32_t>::min(),
-                             std::numeric_limits<int32_t>::max(), number) ||
-            !members.Text("path", out.text)) {
-            return false;
-        }
-        out.result = static_cast<int32_t>(number);
-        return true;
-    }
-    if (kind == "restart") {
-        out.injection = Injection::kRestart;
-        if (step.isMember("gap_ms")) {
-            if (!members.Integer("gap_ms", 0, kMaxRestartGapMs, number)) {
-                return false;
-            }
-            out.gapMs = static_cast<uint64_t>(number);
-        }
-        return true;
     }
     return members.Fail("kind '" + kind + "' is unknown");
 }
 
 }  // namespace
 
+std::string ScriptKindsHelp() {
+    std::string help;
+    for (const StepKind& kind : kStepKinds) {
+        char name[16];
+        snprintf(name, sizeof(name), "  %-8s ", kind.name);
+        help += name + std::string(kind.help) + "\n";
+    }
+    return help;
+}
+
 ParsedScript ParseScript(const std::string& text) {
     ParsedScript parsed;
     Json::Value root;
     std::string errors;
-    if (!ReadJson(text, root, errors)) {
-        parsed.error = "not JSON: " + OneLine(errors);
+    if (!ReadScriptJson(text, root, errors)) {
+        parsed.error = "not JSON: " + errors;
         return parsed;
     }
     if (!root.isArray()) {
@@ -292,74 +287,6 @@ ParsedScript ParseScript(const std::string& text) {
     std::stable_sort(parsed.steps.begin(), parsed.steps.end(),
                      [](const ScriptStep& a, const ScriptStep& b) { return a.atMs < b.atMs; });
     return parsed;
-}
-
-int HexDigit(char c) {
-    if (c >= '0' && c <= '9') {
-        return c - '0';
-    }
-    c = static_cast<char>(tolower(static_cast<unsigned char>(c)));
-    return c >= 'a' && c <= 'f' ? c - 'a' + 10 : -1;
-}
-
-// Counted on 64 bits rather than through gmtime_r: the device build's time_t ends in 2038,
-// and the device clock runs to 2099.
-std::string DeviceTimeText(int64_t seconds, char separator) {
-    if (seconds < 0) {
-        return "?";
-    }
-    // Days from 0000-03-01, whose years put the leap day at their end; 400 years hold 146097 days.
-    const int64_t days = seconds / 86400 + 719468;
-    const int64_t inDay = seconds % 86400;
-    const int64_t era = days / 146097;
-    const int64_t dayOfEra = days % 146097;
-    const int64_t yearOfEra = (dayOfEra - dayOfEra / 1460 + dayOfEra / 36524 - dayOfEra / 146096) / 365;
-    const int64_t dayOfYear = dayOfEra - (365 * yearOfEra + yearOfEra / 4 - yearOfEra / 100);
-    const int64_t monthFromMarch = (5 * dayOfYear + 2) / 153;
-    const int64_t month = monthFromMarch < 10 ? monthFromMarch + 3 : monthFromMarch - 9;
-    const int64_t year = era * 400 + yearOfEra + (month <= 2 ? 1 : 0);
-    char text[48];
-    snprintf(text, sizeof(text), "%04lld-%02lld-%02lld%c%02lld:%02lld:%02lld", static_cast<long long>(year),
-             static_cast<long long>(month),
-             static_cast<long long>(dayOfYear - (153 * monthFromMarch + 2) / 5 + 1), separator,
-             static_cast<long long>(inDay / 3600), static_cast<long long>(inDay / 60 % 60),
-             static_cast<long long>(inDay % 60));
-    return text;
-}
-
-bool ParseDeviceTime(const std::string& text, int64_t& seconds) {
-    static const char kShape[] = "dddd-dd-ddTdd:dd:dd";
-    if (text.size() != sizeof(kShape) - 1) {
-        return false;
-    }
-    for (size_t i = 0; i < text.size(); ++i) {
-        const bool digit = isdigit(static_cast<unsigned char>(text[i])) != 0;
-        if (kShape[i] == 'd' ? !digit : text[i] != kShape[i]) {
-            return false;
-        }
-    }
-    auto field = [&text](size_t at, size_t length) { return atoi(text.substr(at, length).c_str()); };
-    const int year = field(0, 4);
-    const int month = field(5, 2);
-    const int day = field(8, 2);
-    const int hour = field(11, 2);
-    const int minute = field(14, 2);
-    const int second = field(17, 2);
-    // Counted here on 64 bits, not through timegm: the device build's time_t ends in 2038, and
-    // the device's records run to 2099.
-    static const int kDays[12] = {31, 28, 31, 30, 31, 30, 31, 31, 30, 31, 30, 31};
-    const bool leap = (year % 4 == 0 && year % 100 != 0) || year % 400 == 0;
-    if (year < 1970 || year > 2099 || month < 1 || month > 12 || day < 1 ||
-        day > kDays[month - 1] + (month == 2 && leap ? 1 : 0) || hour > 23 || minute > 59 || second > 59) {
-        return false;
-    }
-    // Counting years from 1 March puts the leap day at a year's end; 1970-03-01 is day 59, and
-    // every fourth year from 1972 to 2096 is a leap year.
-    const int64_t marchYear = month > 2 ? year : year - 1;
-    const int64_t days = 59 + (marchYear - 1970) * 365 + (marchYear - 1968) / 4 +
-                         (153 * (month > 2 ? month - 3 : month + 9) + 2) / 5 + day - 1;
-    seconds = days * 86400 + int64_t{hour} * 3600 + minute * 60 + second;
-    return true;
 }
 
 std::vector<uint8_t> SpeedPayload(uint32_t speed, uint8_t unit) {

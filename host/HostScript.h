@@ -17,9 +17,6 @@
 
 namespace truckhost {
 
-// The bus events the "speed" and "swipe" steps stand for.
-constexpr int kSpeedEvent = 0x118A;
-constexpr int kSwipeEvent = 0x4004;
 // The swipe notification's body length has 23 bits and the body is 13 bytes besides the text.
 constexpr size_t kMaxSwipeText = 0x7FFFFF - 13;
 
@@ -49,16 +46,8 @@ struct ParsedScript {
 };
 
 ParsedScript ParseScript(const std::string& text);
-
-// "YYYY-MM-DDTHH:MM:SS" read without a zone, as seconds since 1970. False for anything else
-// and for a time outside 1970..2099 (the device's records end with 2099).
-bool ParseDeviceTime(const std::string& text, int64_t& seconds);
-// The other way: "YYYY-MM-DD<separator>HH:MM:SS" on 64 bits, to 2099 on either build; "?"
-// before 1970.
-std::string DeviceTimeText(int64_t seconds, char separator = 'T');
-
-// 0..15 for a hexadecimal digit of either case, else -1.
-int HexDigit(char c);
+// The step kinds ParseScript knows, a line each as --help lists them: "  speed    speed (u32), ...".
+std::string ScriptKindsHelp();
 
 std::vector<uint8_t> SpeedPayload(uint32_t speed, uint8_t unit);
 // `text` is at most kMaxSwipeText bytes.

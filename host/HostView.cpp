@@ -14,7 +14,7 @@
 #include <chrono>
 #include <iterator>
 
-#include "HostScript.h"
+#include "HostText.h"
 #include "NvxControl.h"
 
 #ifdef TRUCK_HOST_FRAMES
@@ -62,19 +62,17 @@ std::string ItemLine(const std::string& channels, uint8_t kind, uint16_t x, uint
            Quoted(text);
 }
 
-// Makes `dir` and its missing parents.
-bool MakeFolders(const std::string& dir) {
-    for (size_t at = 1; at <= dir.size(); ++at) {
-        if (at != dir.size() && dir[at] != '/') {
-            continue;
-        }
-        const std::string part = dir.substr(0, at);
-        if (mkdir(part.c_str(), 0777) != 0 && errno != EEXIST) {
-            return false;
-        }
-    }
+// Makes `dir` and its missing parents; false, with errno set, when it is not a folder after.
+bool MakeFramesFolder(const std::string& dir) {
     struct stat info;
-    return stat(dir.c_str(), &info) == 0 && S_ISDIR(info.st_mode);
+    if (!nvx::MakeFolders(dir, 0777) || stat(dir.c_str(), &info) != 0) {
+        return false;
+    }
+    if (!S_ISDIR(info.st_mode)) {
+        errno = EEXIST;
+        return false;
+    }
+    return true;
 }
 
 // A previous run's frames would mix with this run's: "ch<N>_<tag>.png" files go, and
@@ -247,7 +245,7 @@ bool HostView::Prepare(std::string& error) {
         return true;
     }
 #ifdef TRUCK_HOST_FRAMES
-    if (!MakeFolders(m_options.framesDir)) {
+    if (!MakeFramesFolder(m_options.framesDir)) {
         error = "cannot make the frames folder '" + m_options.framesDir + "': " + strerror(errno);
         return false;
     }
@@ -262,7 +260,7 @@ bool HostView::Prepare(std::string& error) {
         "in " + m_options.framesDir + " (" + channels + Format(", %dx%d)", m_options.width, m_options.height);
     return true;
 #else
-    (void)MakeFolders;
+    (void)MakeFramesFolder;
     (void)RemoveEarlierFrames;
     error = "this truckhost was built without frames (TRUCK_HOST_FRAMES off)";
     return false;

@@ -10,12 +10,9 @@
 
 #include <string>
 
-namespace media {
+#include "BusEvents.h"
 
-constexpr int kOverlayEvent = 0x1210;     // one overlay item on a set of channels
-constexpr int kCardRecordEvent = 0x1263;  // the card-swipe text with the line's position
-constexpr int kIoTurnEvent = 0x401E;      // the turn state of the IO inputs, one byte
-constexpr int kDstStateEvent = 0x402F;    // daylight-saving state of the time line
+namespace media {
 
 constexpr uint32_t kOverlayCommand = 0x1200;
 constexpr size_t kOverlayHeaderSize = 36;

@@ -91,19 +91,19 @@ std::string ChannelList(uint32_t mask) {
 void MediaSide::OnBusMessage(uint64_t tMs, int event, const uint8_t* data, size_t size) {
     std::lock_guard<std::mutex> lock(m_mutex);
     ++m_state.messages;
-    if (event != kOverlayEvent && event != kCardRecordEvent && event != kIoTurnEvent &&
-        event != kDstStateEvent) {
+    if (event != busevent::kOverlay && event != busevent::kCardRecord && event != busevent::kIoTurn &&
+        event != busevent::kDstState) {
         return;
     }
     std::string problem;
     bool read = false;
-    if (event == kOverlayEvent) {
+    if (event == busevent::kOverlay) {
         Overlay o;
         read = DecodeOverlay(data, size, o, problem);
         if (read) {
             ApplyOverlay(tMs, o);
         }
-    } else if (event == kCardRecordEvent) {
+    } else if (event == busevent::kCardRecord) {
         CardRecord r;
         read = DecodeCardRecord(data, size, r, problem);
         if (read && (!m_state.hasCard || r.x != m_state.card.x || r.y != m_state.card.y ||
@@ -116,7 +116,7 @@ void MediaSide::OnBusMessage(uint64_t tMs, int event, const uint8_t* data, size_
             m_state.card = std::move(r);
             CheckOverlaps(tMs);
         }
-    } else if (event == kIoTurnEvent) {
+    } else if (event == busevent::kIoTurn) {
         uint8_t turn = 0;
         read = DecodeIoTurn(data, size, turn, problem);
         if (read && (!m_state.hasIoTurn || turn != m_state.ioTurn)) {

@@ -14,6 +14,8 @@
 #include <charconv>
 #include <cmath>
 
+#include "HostText.h"
+
 namespace truckhost {
 
 // One thread's counters as read from /proc at `at` (seconds since boot).
@@ -122,24 +124,6 @@ std::string EventKey(int event) {
     char buf[16];
     snprintf(buf, sizeof buf, "0x%04X", static_cast<unsigned>(event));
     return buf;
-}
-
-// Thread names are whatever a thread set, quotes and control bytes included.
-std::string JsonString(const std::string& s) {
-    std::string out = "\"";
-    for (unsigned char c : s) {
-        if (c == '"' || c == '\\') {
-            out += '\\';
-            out += static_cast<char>(c);
-        } else if (c < 0x20) {
-            char buf[8];
-            snprintf(buf, sizeof buf, "\\u%04x", c);
-            out += buf;
-        } else {
-            out += static_cast<char>(c);
-        }
-    }
-    return out + "\"";
 }
 
 }  // namespace
@@ -274,7 +258,10 @@ std::string SummaryJson(const RunSummary& s) {
     for (size_t i = 0; i < s.threads.size(); ++i) {
         const ThreadFigures& t = s.threads[i];
         out += (i == 0 ? "" : ", ");
-        out += "{\"name\": " + JsonString(t.name) + ", \"owner\": " + JsonString(t.owner) +
+        // Thread names are whatever a thread set, quotes, control bytes and a UTF-8 sequence cut
+        // short at 15 bytes included.
+        out += "{\"name\": " + Compact(Json::Value(t.name)) +
+               ", \"owner\": " + Compact(Json::Value(t.owner)) +
                ", \"wakeups_per_s\": " + Fixed(t.wakeupsPerSecond, 1) +
                ", \"cpu_percent\": " + Fixed(t.cpuPercent, 2) + "}";
     }

@@ -69,6 +69,11 @@ def refusals():
 
     rc, out, _ = run("--help")
     check(rc == 0 and "--opt=value" in out and all(f"  {s}  " in out for s in "0123"), "--help lists the exit statuses", out)
+    # The step kinds of --help come from the parser's own table; the README's table follows it.
+    kinds = [line.split()[0] for line in out.split(" Kinds:\n")[1].split("A malformed")[0].splitlines()]
+    with open(os.path.join(DEMO, os.pardir, "README.md")) as f:
+        rows = f.read().split("| kind | members |")[1].split("\n\n")[0].splitlines()[2:]
+    check(kinds and kinds == [row.split("`")[1] for row in rows], "the README's table lists the kinds of --help", kinds)
 
 
 # A product variant is one identity file away: 113 shows no speed line; 8 inputs and 4 IP

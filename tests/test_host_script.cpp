@@ -7,6 +7,7 @@
 #include <vector>
 
 #include "HostScript.h"
+#include "HostText.h"
 #include "JQ_SDK_Device.h"
 #include "MsgClientManage.h"
 #include "TestSupport.h"
@@ -103,6 +104,10 @@ TEST(HostScript, RawStepsCarryTheirBytesAndValuesAsWritten) {
         EXPECT_EQ(param.injection, Injection::kParameters);
         EXPECT_EQ(param.text, compact);
     }
+
+    // The step as the logs tell it: compact and ASCII, whatever bytes the script held.
+    EXPECT_EQ(OnlyStep("{\"at_ms\": 0, \"kind\": \"swipe\", \"text\": \"\xC3\xA9 \xE9\"}").source,
+              R"({"at_ms":0,"kind":"swipe","text":"\u00e9 \ufffd"})");
 
     const ScriptStep clock = OnlyStep(R"({"at_ms": 0, "kind": "clock", "set": "2026-01-02T03:04:05"})");
     EXPECT_EQ(clock.injection, Injection::kWallClock);

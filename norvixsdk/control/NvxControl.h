@@ -5,6 +5,7 @@
 
 #include <stddef.h>
 #include <stdint.h>
+#include <sys/types.h>
 #include <time.h>
 
 #include <functional>
@@ -48,6 +49,9 @@ void SetMsgInitFails(bool fails);
 void SetSystemRoot(const std::string& dir);
 std::string SystemRoot();
 std::string ResolveDevicePath(const char* devicePath);
+// Makes `dir` and its missing parents with `mode`, as mkdir -p does; false, with errno set,
+// when one cannot be made. A file standing where the folder should be is not found out here.
+bool MakeFolders(const std::string& dir, mode_t mode);
 
 // ---- message bus ----
 struct BusMessage {
@@ -132,6 +136,18 @@ void ReleaseWallClock();
 // of UTC, as decimal text) moves the clock by the difference. Off by default and after Reset,
 // so that only SetWallClock moves it.
 void SetLocalTimeFollowsZone(bool follows);
+// The device's calendar: proleptic Gregorian on 64 bits on every build, seconds since 1970 with
+// no zone. A 32-bit time_t ends in 2038 and the device's records in 2099, so no date of the
+// device goes through the C library.
+struct CivilTime {
+    int64_t year = 1970;
+    int month = 1, day = 1, hour = 0, minute = 0, second = 0;
+    int weekday = 4;  // 0 Sunday
+};
+CivilTime CivilFromSeconds(int64_t seconds);
+// Days since 1970-01-01 of a date; the fields are not checked.
+int64_t DaysFromCivil(int64_t year, int month, int day);
+int DaysInMonth(int64_t year, int month);
 
 // ---- platform calls and threads ----
 // How often an operation of the SDK was called since the last reset, by its name

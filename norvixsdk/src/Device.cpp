@@ -1,7 +1,9 @@
 // Device profile, injected failures, call counters, wall clock and system root.
 #include "Device.h"
 
+#include <errno.h>
 #include <stdlib.h>
+#include <sys/stat.h>
 #include <time.h>
 
 #include <atomic>
@@ -153,6 +155,19 @@ std::string ResolveDevicePath(const char* devicePath) {
         path.pop_back();
     }
     return path + (devicePath != nullptr ? devicePath : "");
+}
+
+bool MakeFolders(const std::string& dir, mode_t mode) {
+    for (size_t at = 1; at <= dir.size(); ++at) {
+        if (at != dir.size() && dir[at] != '/') {
+            continue;
+        }
+        const std::string prefix = dir.substr(0, at);
+        if (mkdir(prefix.c_str(), mode) != 0 && errno != EEXIST) {
+            return false;
+        }
+    }
+    return true;
 }
 
 void SetWallClock(int64_t seconds) {

@@ -250,20 +250,6 @@ bool ReadStoreFile(const std::string& path, Json::Value& document, const char*& 
     return true;
 }
 
-// Creates the missing folders of `folder`, like mkdir -p.
-bool MakeFolders(const std::string& folder) {
-    for (size_t at = 1; at <= folder.size(); ++at) {
-        if (at != folder.size() && folder[at] != '/') {
-            continue;
-        }
-        const std::string prefix = folder.substr(0, at);
-        if (mkdir(prefix.c_str(), 0755) != 0 && errno != EEXIST) {
-            return false;
-        }
-    }
-    return true;
-}
-
 bool WriteAll(int fd, const std::string& text) {
     errno = 0;
     size_t done = 0;
@@ -284,7 +270,7 @@ bool WriteAll(int fd, const std::string& text) {
 // text goes to a temporary file in the same folder, which then takes the name. 0 or errno.
 int WriteFileAtomically(const std::string& path, const std::string& text) {
     const size_t slash = path.rfind('/');
-    if (slash != std::string::npos && slash > 0 && !MakeFolders(path.substr(0, slash))) {
+    if (slash != std::string::npos && slash > 0 && !MakeFolders(path.substr(0, slash), 0755)) {
         return errno;
     }
     std::string name = path + ".XXXXXX";

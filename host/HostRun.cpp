@@ -1,0 +1,240 @@
+#include "HostRun.h"
+
+#include <signal.h>
+#include <stdio.h>
+#include <string.h>
+#include <unistd.h>
+
+#include <limits>
+#include <thread>
+
+#include "NvxControl.h"
+
+namespace truckhost {
+
+namespace {
+
+volatile sig_atomic_t g_stopRequested = 0;
+
+void OnSignal(int) {
+    g_stopRequested = 1;
+}
+
+ViewOptions ViewOptionsOf(const Options& options) {
+    ViewOptions view;
+    view.panel = isatty(STDOUT_FILENO) != 0;
+    view.framesDir = options.framesDir;
+    if (!options.channels.empty()) {
+        view.channels = options.channels;
+    }
+    view.width = options.frameWidth;
+    view.height = options.frameHeight;
+    return view;
+}
+
+}  // namespace
+
+HostRun::HostRun(const Options& options, const Device& device)
+    : m_options(options),
+      m_device(device),
+      m_started(std::chrono::steady_clock::now()),
+      m_view(m_media, ViewOptionsOf(options), [this] { return SinceStart(); }) {}
+
+uint64_t HostRun::SinceStart() const {
+    return static_cast<uint64_t>(
+        std::chrono::duration_cast<std::chrono::milliseconds>(std::chrono::steady_clock::now() - m_started)
+            .count());
+}
+
+bool HostRun::SetUp(std::string& error) {
+    nvx::SetLogLevel(m_options.logLevel);
+    nvx::SetSystemRoot(m_options.sysroot);
+    nvx::SetDeviceProfile(m_device.profile);
+    nvx::SetParamStoreSource(m_device.paramStore);
+    // The simulated recorder boots with its hard disk mounted.
+    nvx::SetStorageMount(0, "/mnt/hd1");
+    // Set also when not given: the device's seconds then turn a whole number of seconds
+    // after this moment, in a run and in its replay alike.
+    nvx::SetWallClock(m_options.startTimeGiven ? m_options.startTime : nvx::WallClock());
+    // A time-zone change moves the simulated device's local time, as the recorder's own
+    // date-time service does.
+    nvx::SetLocalTimeFollowsZone(true);
+    if (!m_options.busLog.empty() && !OpenBusLog(error)) {
+        return false;
+    }
+    if (!m_view.Prepare(error)) {
+        return false;
+    }
+    // The media side sees exactly what leaves the plug-in on the bus, as the recorder's
+    // media process would.
+    nvx::SetSendObserver([this](const nvx::BusMessage& m) {
+        const uint64_t now = SinceStart();
+        if (m_logBus) {
+            m_busLog.WriteBus(now, m);
+        }
+        {
+            std::lock_guard<std::mutex> lock(m_sentMutex);
+            ++m_messageCounts[m.event];
+            if (m_options.check) {
+                m_sent.push_back(RecordedMessage{now, m.event, m.payload});
+            }
+        }
+        m_media.OnBusMessage(now, m.event, m.payload.data(), m.payload.size());
+    });
+    nvx::SetParamWriteObserver([this](const std::string& text) {
+        const uint64_t now = SinceStart();
+        if (m_logBus) {
+            m_busLog.WriteParameter(now, text);
+        }
+        m_media.OnParameterWrite(now, text);
+    });
+    if (!m_plugin.Open(m_options.plugin, error)) {
+        return false;
+    }
+    struct sigaction action;
+    memset(&action, 0, sizeof(action));
+    action.sa_handler = OnSignal;
+    sigaction(SIGINT, &action, nullptr);
+    sigaction(SIGTERM, &action, nullptr);
+    m_sampling = !m_options.summary.empty() || m_options.stats;
+    if (m_sampling) {
+        m_sampler.Start();
+    }
+    return true;
+}
+
+bool HostRun::OpenBusLog(std::string& error) {
+    if (!m_busLog.Open(m_options.busLog, error)) {
+        return false;
+    }
+    m_logBus = true;
+    RunInfo run;
+    // The clock as it stands now, given or not, so that a replay starts from the same second.
+    run.startTime = nvx::WallClock();
+    run.sysroot = m_options.sysroot;
+    run.device = m_device.profile;
+    run.plugin = m_options.plugin;
+    std::string ignored;
+    ReadPluginVersion(m_options.plugin, run.version, ignored);
+    run.paramsText = m_device.paramStoreText;
+    m_busLog.WriteRun(run);
+    return true;
+}
+
+RunResult HostRun::Run() {
+    RunResult result;
+    // The panel owns the terminal while it runs: status lines wait for its end, platform
+    // log lines go to its foot. A failed start keeps its lines on standard error, where
+    // they stay readable.
+    const bool panel = isatty(STDOUT_FILENO) != 0;
+    m_plugin.HoldStatusLines(panel);
+    m_plugin.Load();
+    const int startRc = m_plugin.Start();
+    if (startRc != 0) {
+        m_plugin.HoldStatusLines(false);
+        result.status = kExitRunFailed;
+        return result;
+    }
+    if (panel) {
+        const int shownLevel = m_options.logLevel;
+        nvx::SetLogObserver([this, shownLevel](const nvx::LogLine& line) {
+            if (line.level <= shownLevel) {
+                m_view.OnLog(line.level, line.text);
+            }
+        });
+        nvx::SetLogLevel(-1);
+    }
+    m_view.Start();
+    StartScript(panel);
+    uint64_t nextNoteMs = 0;
+    std::string framesFailure;
+    while (g_stopRequested == 0 && !Ended() && !m_restartFailed) {
+        if (m_view.FramesFailed(framesFailure)) {
+            break;
+        }
+        if (SinceStart() >= nextNoteMs) {
+            UpdateNote();
+            nextNoteMs = SinceStart() + 1000;
+        }
+        std::this_thread::sleep_for(std::chrono::milliseconds(20));
+    }
+    // Nothing is injected into a plug-in that is stopping.
+    m_timeline.Stop();
+    SampleThreads();
+    m_plugin.Stop();
+    m_view.Stop();
+    m_plugin.HoldStatusLines(false);
+    if (panel) {
+        nvx::SetLogObserver(nullptr);
+        nvx::SetLogLevel(m_options.logLevel);
+    }
+    if (!framesFailure.empty() || m_view.FramesFailed(framesFailure)) {
+        result.status = kExitRunFailed;
+        result.failure = framesFailure;
+    }
+    if (m_restartFailed) {
+        result.status = kExitRunFailed;
+        result.failure = "the plug-in did not start again after the script's restart";
+    }
+    return result;
+}
+
+bool HostRun::Ended() const {
+    return m_options.duration >= 0 && static_cast<double>(SinceStart()) >= m_options.duration * 1000.0;
+}
+
+void HostRun::StartScript(bool panel) {
+    if (m_options.script.empty()) {
+        return;
+    }
+    const double durationMs = m_options.duration * 1000.0;
+    const uint64_t endMs = m_options.duration < 0 || durationMs >= 1e18 ? std::numeric_limits<uint64_t>::max()
+                                                                        : static_cast<uint64_t>(durationMs);
+    const bool logStderr = m_options.logLevel >= 3 && !panel;
+    // Steps are written to the logs before they run: what the plug-in sends in answer
+    // comes after its cause.
+    m_timeline.Start(m_options.script, m_started, endMs, [this, logStderr](const ScriptStep& step) {
+        const uint64_t now = SinceStart();
+        if (m_logBus) {
+            m_busLog.WriteStep(now, step.number, step.source);
+        }
+        if (logStderr) {
+            fprintf(stderr, "truckhost: %llu ms: script step %zu: %s\n", static_cast<unsigned long long>(now),
+                    step.number, step.source.c_str());
+        }
+        m_view.OnStep(step.source);
+        if (step.injection == Injection::kRestart) {
+            // The stopping run's threads keep their figures up to the stop; the next
+            // run's threads are told apart by its number.
+            SampleThreads();
+            if (!m_plugin.Restart(step.gapMs, [this] {
+                    if (m_sampling) {
+                        m_sampler.NextRun();
+                    }
+                })) {
+                m_restartFailed = true;
+            }
+            return;
+        }
+        RunStep(step);
+    });
+}
+
+// The plug-in's threads end at a stop: their last figures are taken just before it.
+void HostRun::SampleThreads() {
+    if (m_sampling) {
+        m_sampler.SampleNow();
+    }
+}
+
+// Said while nothing is drawn and the device's files tell why.
+void HostRun::UpdateNote() {
+    const media::Snapshot snapshot = m_media.Take();
+    bool drawn = snapshot.hasCard;
+    for (const auto& channel : snapshot.channels) {
+        drawn = drawn || !channel.second.empty();
+    }
+    m_view.SetNote(drawn ? std::string() : NothingDrawnReason(m_options.sysroot));
+}
+
+}  // namespace truckhost
