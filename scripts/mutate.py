@@ -303,6 +303,10 @@ class SuiteTest:
     seconds: float = 1.0
 
 
+# Labels tests/CMakeLists.txt gives to several suites.
+SHARED_LABELS = ("threaded", "soak")
+
+
 def list_tests(build_dir):
     out = subprocess.run(["ctest", "--test-dir", build_dir, "--show-only=json-v1", "-LE", "soak"],
                          check=True, capture_output=True, text=True).stdout
@@ -310,9 +314,10 @@ def list_tests(build_dir):
     for entry in json.loads(out)["tests"]:
         props = {p["name"]: p["value"] for p in entry.get("properties", [])}
         env = dict(item.split("=", 1) for item in props.get("ENVIRONMENT", []))
-        labels = props.get("LABELS", [""])
+        # A suite's own label is its name; the shared ones (threaded, soak) name no suite.
+        suite = [label for label in props.get("LABELS", []) if label not in SHARED_LABELS] or [""]
         tests.append(SuiteTest(entry["name"], entry["command"], props.get("WORKING_DIRECTORY", build_dir),
-                               labels[0], env))
+                               suite[0], env))
     return tests
 
 
