@@ -237,8 +237,8 @@ TEST_F(MediaSideTest, OnlyChangesGiveLines) {
 }
 
 // A text box is as high as the font's cell (code 24 is unknown: 32 px) and 1233/2384 of
-// that per character wide: ten characters at X 100 end at 265.5, one at X 84 at 100.55. Boxes that touch do not
-// overlap; the card line counts on every channel that shows items, at the Seven line's size.
+// that per character wide: ten characters at X 100 end at 265.5, one at X 84 at 100.55. Boxes that touch do
+// not overlap; the card line counts on every channel that shows items, at the Seven line's size.
 TEST_F(MediaSideTest, OverlapsAreToldWhenTheyBeginChangeAndEnd) {
     Send(0x1210, Shown(0x1, 6, "ABCDEFGHIJ", 100, 100));
     Send(0x1210, Shown(0x1, 2, "12345", 265, 131));
@@ -254,12 +254,11 @@ TEST_F(MediaSideTest, OverlapsAreToldWhenTheyBeginChangeAndEnd) {
     lines.erase(std::remove_if(lines.begin(), lines.end(),
                                [](const std::string& l) { return l.find("overlap") == std::string::npos; }),
                 lines.end());
-    EXPECT_EQ(lines, (std::vector<std::string>{"   1.0s  overlap: speed and seven on ch 0",
-                                               "   1.0s  overlap ended: speed and seven",
-                                               "   1.0s  overlap: speed and seven on ch 0",
-                                               "   1.0s  overlap ended: speed and seven",
-                                               "   1.0s  overlap: seven and card on ch 0",
-                                               "   1.0s  overlap: seven and card on ch 0-1"}));
+    EXPECT_EQ(lines,
+              (std::vector<std::string>{
+                  "   1.0s  overlap: speed and seven on ch 0", "   1.0s  overlap ended: speed and seven",
+                  "   1.0s  overlap: speed and seven on ch 0", "   1.0s  overlap ended: speed and seven",
+                  "   1.0s  overlap: seven and card on ch 0", "   1.0s  overlap: seven and card on ch 0-1"}));
     media::Snapshot s = side.Take();
     EXPECT_EQ(s.overlapsSeen, 3u);
     EXPECT_EQ(s.overlaps, std::vector<std::string>{"seven and card on ch 0-1"});
