@@ -16,7 +16,7 @@
 
 #include "CommonDefine.h"
 #include "CycleRunner.h"
-#include "OsdDecode.h"
+#include "OsdRecords.h"
 #include "TestSupport.h"
 #include "TruckOsdService.h"
 
