@@ -22,4 +22,8 @@ for area in include 'truck_*' norvixsdk host bench fuzz scripts cmake CMakeLists
 done
 tests=$(lines tests)
 printf '%-16s %6d\n' code "$code" tests "$tests"
-awk -v t="$tests" -v c="$code" 'BEGIN { printf "test share: %.1f %% of the code (tests / code)\n", 100 * t / c }'
+awk -v t="$tests" -v c="$code" 'BEGIN {
+  printf "test share: %.1f %% of the code (tests / code)\n", 100 * t / c
+  over = t - int(c / 3)
+  if (over > 0) printf "a third of the code is %d lines of tests: %d over\n", int(c / 3), over
+}'
