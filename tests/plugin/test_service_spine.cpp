@@ -2,7 +2,6 @@
 // start and stop, the main cycle, businesses on their own thread or on the main cycle's, and
 // the faults (wiring, stalled, throwing or failing platform calls, late threads).
 #include <string.h>
-#include <sys/prctl.h>
 
 #include <atomic>
 #include <condition_variable>
@@ -22,12 +21,6 @@
 #include "TruckServiceManage.h"
 
 namespace {
-
-std::string ThreadName() {
-    char name[17] = {0};
-    prctl(PR_GET_NAME, name, 0, 0, 0);
-    return name;
-}
 
 std::atomic<int> g_destroyed{0};
 
