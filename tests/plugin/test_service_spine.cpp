@@ -100,14 +100,15 @@ public:
     std::string eventText, eventThread, queuedText, queuedThread;
 
 private:
-    static Json::Value& NoParam() {
-        static Json::Value none;
-        return none;
-    }
     unsigned long long m_cycleMs;
 };
 
-using ServiceObject = DeviceTest;
+// The host's block for the service, not yet running.
+class ServiceObject : public DeviceTest {
+protected:
+    ServiceObject() { param.ucRunning.store(0); }
+    tag_ServiceParam param;
+};
 using Business = DeviceTest;
 using MainCycle = DeviceTest;
 
@@ -158,7 +159,6 @@ TEST_F(ServiceObject, NullBlocksAreRefusedWithoutSideEffects) {
     EXPECT_EQ(service->ServeLoad(nullptr), -1);
     EXPECT_EQ(service->ServeStart(nullptr), -1);
 
-    tag_ServiceParam param;
     param.ucRunning.store(7);
     EXPECT_EQ(JQ_SDK_Service_Stop(&param), 0);  // never started: nothing to do
     EXPECT_EQ(param.ucRunning.load(), 7);
@@ -167,8 +167,6 @@ TEST_F(ServiceObject, NullBlocksAreRefusedWithoutSideEffects) {
 }
 
 TEST_F(ServiceObject, FailedGlobalInitialisationStartsNothing) {
-    tag_ServiceParam param;
-    param.ucRunning.store(0);
     // No global configuration, no room for the manager, or an exception on the way.
     for (const int cause : {0, 1, 2}) {
         nvx::SetGlobalInitFails(cause == 0);
@@ -185,8 +183,6 @@ TEST_F(ServiceObject, FailedGlobalInitialisationStartsNothing) {
 }
 
 TEST_F(ServiceObject, StartRunsTheMainCycleAndStopEndsIt) {
-    tag_ServiceParam param;
-    param.ucRunning.store(0);
     ASSERT_EQ(JQ_SDK_Service_Start(&param), 0);
     EXPECT_TRUE(Eventually([&] { return param.ucRunning.load() == 1; }));
     EXPECT_TRUE(nvx::WaitForWatchdogFeeds("truckbusiness.02", 3, kGenerousMs));
@@ -215,8 +211,6 @@ TEST_F(ServiceObject, StartRunsTheMainCycleAndStopEndsIt) {
 }
 
 TEST_F(ServiceObject, StopRightAfterStartStillReleasesTheBasicSdk) {
-    tag_ServiceParam param;
-    param.ucRunning.store(0);
     for (int i = 0; i < 20; ++i) {
         ASSERT_EQ(JQ_SDK_Service_Start(&param), 0);
         ASSERT_EQ(JQ_SDK_Service_Stop(&param), 0);
