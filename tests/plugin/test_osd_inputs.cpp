@@ -28,6 +28,8 @@ TEST_F(OsdInputs, SpeedUnitAndTurnMarksFromBothSourcesCombineAndBadRecordsAreRef
          {std::pair<int, int>{-1, 0}, {0, 0}, {1, 1}, {30, 0x3FFFFFFF}, {31, 0x7FFFFFFF}, {32, 0x7FFFFFFF}}) {
         EXPECT_EQ(business->GetVideoChannalMask(count), mask) << count;
     }
+    business->OSDDataSendSpeed();  // nothing heard yet
+    EXPECT_EQ(Last(kSpeed).text, "0KM/H");
     // 0 a speed, 1 a signal text (with the IO state it announces), 2 a J1939 record; the line shown.
     const std::tuple<int, Bytes, std::string, const char*> steps[] = {
         {0, Speed(63, 0), "", "63KM/H"},
@@ -98,6 +100,16 @@ TEST_F(OsdInputs, SpeedUnitAndTurnMarksFromBothSourcesCombineAndBadRecordsAreRef
     // The groups are asked for at once, not at the first retry; the lines go out twice a second.
     EXPECT_TRUE(nvx::CallCount("JQ_SDK_Global_GetParameter") == asked + 1 &&
                 alone->business_get_cycle_time() == 500);
+    // Card swipes are taken by the two card readers alone, and let go of with the speed.
+    for (const uint32_t customer : {42u, 43u, 44u, 45u}) {
+        auto reader = Direct(customer);
+        reader->RegisterMessage();
+        EXPECT_EQ(Inject(kEventSwipe, Swipe("")) * 2 + Inject(kEventSpeed, Speed(1, 0)),
+                  customer == 43 || customer == 44 ? 3 : 1)
+            << customer;
+        reader->UnregisterMessage();
+        EXPECT_EQ(Inject(kEventSwipe, Swipe("")) + Inject(kEventSpeed, Speed(1, 0)), 0) << customer;
+    }
     business->OSDDataSendSpeed();
     EXPECT_EQ(Last(kSpeed).text, "120KM/H (L)");
     EXPECT_TRUE(Payloads(kEventIoTurn).empty());
@@ -152,14 +164,20 @@ TEST_F(OsdInputs, ASwipeIsCheckedFieldByFieldAndBoundedByItsPayload) {
         const std::vector<Bytes> cards = Payloads(kEventCardText);
         ASSERT_TRUE(seven.size() == (taken ? 1u : 0u) && cards.size() == seven.size()) << shown;
         if (taken) {
+            EXPECT_EQ(nvx::SentMessages().back().event, kEventCardText);  // after the line
             // The label's channels are never set on card readers.
             EXPECT_TRUE(seven[0].text == shown && !seven[0].cancel && seven[0].mask == 0 &&
                         seven[0].x == 410 && seven[0].y == 90 && seven[0].font == 2);
             EXPECT_EQ(cards[0], CardRecord(410, 90, shown));
         }
     }
-    // Switched off, a swipe blanks the line and the record, and shows once switched on.
+    // Switching the line off cancels it where it was (on no channel: card readers have no label);
+    // a swipe then blanks the line and the record, and shows once switched on.
+    nvx::ClearSentMessages();
     Apply(*business, Doc(R"("EOSD":[{"COSD":[{"EN":0}]}])"));
+    const Overlay off = Last(kSeven);
+    EXPECT_TRUE(Overlays(kSeven).size() == 1u && off.cancel && off.mask == 0 && off.x == 410 && off.y == 90 &&
+                off.font == 2);
     nvx::ClearSentMessages();
     const Bytes hidden = Swipe("HIDDEN");
     business->OnSwipeInfoNotify(reinterpret_cast<const char*>(hidden.data()),
@@ -196,14 +214,15 @@ TEST_F(OsdInputs, ACardReaderTakesSwipesAndSpeedsFromTheBusUntilItStops) {
 
 TEST_F(OsdInputs, AnOverlayWithoutMemoryIsLoggedWithItsTextAndNotSent) {
     auto business = Direct();
-    Apply(*business, Doc(R"("TIMEP":{"TIMEZ":"480"})"));
+    Apply(*business, Doc(R"("TIMEP":{"TIMEZ":"480","LDST":{"DSTS":1}})"));
     nvx::ClearSentMessages();
-    g_refusedAllocations.store(3);  // the three overlay records
+    g_refusedAllocations.store(3);  // the three overlay records, not the shift's announcement
     business->OSDDataSendTime();
     business->OSDDataSendSeven("DRIVER 0042");
     business->OSDDataDeleteIPCSeven("gone");
     EXPECT_EQ(g_refusedAllocations.load(), 0);
-    EXPECT_TRUE(Payloads(kEventOverlay).empty());
+    EXPECT_TRUE(Payloads(kEventOverlay).empty() &&
+                Payloads(kEventDstState) == std::vector<Bytes>{DstState(1, 1)});
     const std::vector<nvx::LogLine> logs = nvx::CapturedLogs();
     EXPECT_TRUE(std::any_of(logs.begin(), logs.end(), [](const nvx::LogLine& line) {
         return line.level == 0 && Like(line.text, "malloc osd data error, timestr = ##/##/#### ##:##:##\n");

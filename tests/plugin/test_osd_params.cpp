@@ -43,6 +43,8 @@ TEST_F(OsdParams, TheCycleWaitsForBothGroupsRetriesEveryTwoSecondsAndShiftsTheWh
     business->business_cycle_running(t0);
     uint64_t asked = requests();
     // The time of each call, and whether it asks again (pending) or shifts the wheel (running).
+    // While pending the wheel stands still, however long.
+    const uint32_t still = TimeWheel::GetInstance()->GetCurrent();
     const std::pair<unsigned long long, bool> pending[] = {
         {1999, false}, {2000, true}, {3999, false}, {4000, true}};
     for (const auto& [at, asks] : pending) {
@@ -50,11 +52,15 @@ TEST_F(OsdParams, TheCycleWaitsForBothGroupsRetriesEveryTwoSecondsAndShiftsTheWh
         EXPECT_EQ(requests(), asked + asks) << at;
         asked = requests();
     }
+    EXPECT_EQ(TimeWheel::GetInstance()->GetCurrent(), still);
     for (const char* eosd : {R"("EOSD":{"TX":5})", R"("EOSD":[])"}) {  // the positions not yet
         Apply(*business, Doc(std::string(kTimep) + eosd));
     }
     business->business_cycle_running(t0 + 6000);
     EXPECT_EQ(requests(), ++asked);
+    auto eosdOnly = Direct();  // the other way round: the positions alone do not start it either
+    Apply(*eosdOnly, Doc(kPlaces));
+    eosdOnly->business_cycle_running(t0 + 6001);
     EXPECT_TRUE(Overlays(kTime).empty() && Overlays(kSpeed).empty());
 
     // The first node alone, its time group first: the label is cancelled (still off), then shown.
@@ -79,6 +85,9 @@ TEST_F(OsdParams, TheCycleWaitsForBothGroupsRetriesEveryTwoSecondsAndShiftsTheWh
     }
     EXPECT_EQ(requests(), asked);
     EXPECT_TRUE(Overlays(kTime).size() == 6u && Overlays(kSpeed).size() == 6u);
+    const std::vector<Bytes> lines = Payloads(kEventOverlay);  // each cycle the time, then the speed
+    EXPECT_TRUE(DecodeOverlay(lines[lines.size() - 2]).kind == kTime &&
+                DecodeOverlay(lines.back()).kind == kSpeed);
     const Overlay time = Last(kTime), speed = Last(kSpeed);
     EXPECT_TRUE(time.mask == 0x3F && time.x == 101 && time.y == 21 && time.font == 3);
     EXPECT_TRUE(speed.mask == 0x3F && speed.x == 901 && speed.y == 41 && speed.font == 3);
@@ -105,7 +114,7 @@ TEST_F(OsdParams, SwitchingTheWatermarkOnWritesTheNormalThenTheWatermarkLayout) 
         std::lock_guard<std::mutex> lock(m_mutex);
         m_writes.emplace_back(text, slot);
     });
-    Start(Doc(kTimep + std::string(R"("EOSD":[{"WME":1,"TX":100,"COSD":[{"X":400,"Y":80,"EN":1}]}])")));
+    Start(Doc(kTimep + std::string(R"("EOSD":[{"TX":100,"COSD":[{"X":400,"Y":80,"EN":1}]}])")));
     ASSERT_TRUE(WaitOverlay(kTime, [](const Overlay& o) { return o.x == 100; }));
     const std::string groups = R"({"EOSD":"?","TIMEP":"?"})";
     EXPECT_EQ(nvx::ParamGetRequests().at(0), R"({"PARAMETER":{"MDVR":)" + groups + "}}\n");
@@ -113,12 +122,14 @@ TEST_F(OsdParams, SwitchingTheWatermarkOnWritesTheNormalThenTheWatermarkLayout) 
     EXPECT_TRUE(
         Logged("TRUCK", 1, "m_videoInNum = 4, m_videoIpNum = 2, m_customerType = 0, m_productType = 20\n"));
     EXPECT_EQ(Inject(kEventSwipe, Swipe("NOT A CARD READER")), 0);
-    // Off, not 1, on: the switching document's positions are not taken, the layouts' follow.
-    const std::string docs[] = {Doc(R"("EOSD":[{"WME":0,"TX":101}])"), Doc(R"("EOSD":[{"WME":2,"TX":102}])"),
-                                Doc(R"("EOSD":[{"WME":1,"TX":777,"COSD":[{"X":777}]}])")};
-    for (int i = 0; i < 3; ++i) {
+    // The first switch seen (the start had none) only sets; then off (a text reads as 0), not 1,
+    // on: the switching document's positions are not taken, the layouts' follow.
+    const std::string docs[] = {
+        Doc(R"("EOSD":[{"WME":1,"TX":101}])"), Doc(R"("EOSD":[{"WME":"1","TX":102}])"),
+        Doc(R"("EOSD":[{"WME":2,"TX":103}])"), Doc(R"("EOSD":[{"WME":1,"TX":777,"COSD":[{"X":777}]}])")};
+    for (int i = 0; i < 4; ++i) {
         ASSERT_EQ(nvx::SetParameterDocument(docs[i]), 0);
-        ASSERT_TRUE(i == 2 || WaitOverlay(kTime, [i](const Overlay& o) { return o.x == 101 + i; }));
+        ASSERT_TRUE(i == 3 || WaitOverlay(kTime, [i](const Overlay& o) { return o.x == 101 + i; }));
     }
     EXPECT_TRUE(WaitOverlay(kTime, [](const Overlay& o) { return o.x == 250 && o.y == 768; }));
     for (const char* change : {"isFirst:1, m_ucWaterEn:[0]->[1].\n", "isFirst:0, m_ucWaterEn:[1]->[0].\n",
@@ -126,19 +137,19 @@ TEST_F(OsdParams, SwitchingTheWatermarkOnWritesTheNormalThenTheWatermarkLayout) 
         EXPECT_TRUE(Logged("TRUCK", 1, change)) << change;
     }
 
-    // The first switch seen only set; the store's notices of the layouts write nothing more.
+    // The store's notices of the layouts write nothing more.
     std::lock_guard<std::mutex> lock(m_mutex);
-    ASSERT_EQ(m_writes.size(), 5u);
+    ASSERT_EQ(m_writes.size(), 6u);
     EXPECT_EQ(
-        Parse(m_writes[3].first),
+        Parse(m_writes[4].first),
         Parse(Doc(R"("EOSD":[{"COSD":[{"X":400,"Y":80},{"X":15,"Y":380}],"DX":30,"DY":180,"GX":35,)"
                   R"("GY":700,"NX":30,"NY":105,"SX":1024,"SY":30,"TX":300,"TY":30,"VX":30,"VY":35}])")));
     EXPECT_EQ(
-        Parse(m_writes[4].first),
+        Parse(m_writes[5].first),
         Parse(Doc(R"("EOSD":[{"COSD":[{"X":180,"Y":768},{"X":1024,"Y":768}],"DX":465,"DY":768,"GX":0,)"
                   R"("GY":768,"NX":545,"NY":768,"SX":610,"SY":768,"TX":250,"TY":768,"VX":385,"VY":768}])")));
     // A timer of interval 1 runs on the second shift after it was filed.
-    EXPECT_EQ(m_writes[4].second - m_writes[3].second, 2u);
+    EXPECT_EQ(m_writes[5].second - m_writes[4].second, 2u);
     for (const nvx::BusMessage& m : nvx::SentMessages()) {
         const bool line = m.event == kEventOverlay;
         EXPECT_TRUE(!line || (m.source == nvx::SourceIdOf("truckosd") && m.flag == 0 &&
@@ -153,6 +164,7 @@ TEST_F(OsdParams, ANotificationTheQueueRefusesIsAskedForAgainOnTheNextCycle) {
     const std::string doc = Doc(kTimep + std::string(kPlaces));
     Apply(*business, doc);  // nothing pending: the cycle's own retry stays out of the count
     OSDParamCallback(doc.data(), 0, business->LiveToken(), nullptr);  // dropped, not queued
+    OSDParamCallback(nullptr, 5, business->LiveToken(), nullptr);
     for (int i = 0; i < 1024; ++i) {
         OSDParamCallback(doc.data(), static_cast<int>(doc.size()), business->LiveToken(), nullptr);
     }

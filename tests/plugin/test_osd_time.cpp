@@ -41,10 +41,10 @@ TEST_F(OsdTime, EveryDateFormatAndTheTwelveHourClockAroundMidnightAndNoon) {
         {nullptr, "2024-07-03 12:00:00", "07/03/2024 12:00:00 PM"},
         {nullptr, "2024-12-31 23:59:59", "12/31/2024 11:59:59 PM"},
         {R"({"DATEM":2})", "2024-07-03 13:30:00", "03/07/2024 01:30:00 PM"},  // the clock's format kept
-        {R"({"TIMEM":0})", "2024-07-03 00:05:09", "03/07/2024 00:05:09"},     // the date's format kept
+        {R"({"DATEM":"2","TIMEM":"1"})", "2024-07-03 13:30:00", "07/03/2024 13:30:00"},  // not numbers: 0
         {R"({"DATEM":1})", "2024-07-03 00:05:09", "2024-07-03 00:05:09"},
-        {R"({"DATEM":3,"TIMEM":2})", "2099-01-02 13:04:05", "2099-01-02 13:04:05"},
-        {R"({"DATEM":"2","TIMEM":"1"})", "2024-07-03 13:30:00", "07/03/2024 13:30:00"}};  // not numbers: 0
+        {R"({"TIMEM":1})", "2024-07-03 00:05:09", "2024-07-03 12:05:09 AM"},  // the date's format kept
+        {R"({"DATEM":3,"TIMEM":2})", "2099-01-02 13:04:05", "2099-01-02 13:04:05"}};
     char out[128];
     for (const auto& [timep, date, shown] : rows) {
         if (timep != nullptr) {
@@ -55,7 +55,7 @@ TEST_F(OsdTime, EveryDateFormatAndTheTwelveHourClockAroundMidnightAndNoon) {
     }
     EXPECT_TRUE(Logged("TRUCK", 3, "date_time_str = 07/03/2024, txt = 07/03/2024 13:30:00\n"));
     EXPECT_EQ(business->FormatTimeTxt(Date("2024-07-03 13:30:00"), out, 6), 0);
-    EXPECT_STREQ(out, "07/03");
+    EXPECT_STREQ(out, "2024-");
 }
 
 TEST_F(OsdTime, TheLabelAndTheOffsetOfEachZoneAndTheChannelsOfUtcMode) {
@@ -79,7 +79,8 @@ TEST_F(OsdTime, TheLabelAndTheOffsetOfEachZoneAndTheChannelsOfUtcMode) {
         {R"({"TIMEZ":"-300","TIMEZEX":"600","ENU":1})", "07/03/2024 12:00:##", "GMT+10:00", 0x0F},
         {R"({"TIMEZ":"-300","TIMEZEX":"600","ENU":"1"})", "07/03/2024 02:00:##", "GMT-05:00", 0x3F},
         {R"({"TIMEZ":0,"TIMEZEX":"60"})", "07/03/2024 02:00:##", "GMT-05:00", 0x3F},  // not a text: kept
-        {R"({"TIMEZ":"zero","TIMEZEX":"60"})", "07/03/2024 03:00:##", "GMT+01:00", 0x0F}};
+        // A zone text of no digits is 0; an ENU text leaves UTC mode to the zone.
+        {R"({"TIMEZ":"zero","TIMEZEX":"60","ENU":"0"})", "07/03/2024 03:00:##", "GMT+01:00", 0x0F}};
     for (const auto& [timep, shown, label, mask] : rows) {
         nvx::ClearSentMessages();
         Apply(*business, Timep(timep));
@@ -87,6 +88,9 @@ TEST_F(OsdTime, TheLabelAndTheOffsetOfEachZoneAndTheChannelsOfUtcMode) {
         ASSERT_EQ(seven.size(), mask == 0x0F ? 2u : 1u) << timep;
         EXPECT_TRUE(mask == 0x3F || (seven[0].mask == 0x30 && !seven[0].cancel && seven[0].text.empty()));
         EXPECT_TRUE(seven.back().mask == mask && seven.back().text == label) << timep;
+        for (const Overlay& line : seven) {
+            EXPECT_TRUE(line.x == 400 && line.y == 80 && line.font == 2) << timep;
+        }
         business->OSDDataSendTime();
         EXPECT_TRUE(Like(Last(kTime).text, shown)) << timep << " shows " << Last(kTime).text;
     }
@@ -103,17 +107,20 @@ TEST_F(OsdTime, TheLabelAndTheOffsetOfEachZoneAndTheChannelsOfUtcMode) {
     nvx::ClearSentMessages();
     Apply(*business, Timep("{}"));
     Apply(*business, Timep(R"({"DATEM":0})"));
-    EXPECT_TRUE(Overlays(kSeven).size() == 1u && business->m_timeZoneParam.szTimeZone[0] == '\0');
+    EXPECT_TRUE(Overlays(kSeven).size() == 1u && business->m_timeZoneParam.szTimeZone[0] == '\0' &&
+                business->m_timeZoneParam.szTimeZoneEx[0] == '\0');
     // Card readers (43 and 44, not their neighbours) follow the same offset on their time line;
-    // their Seven line is left to the swipes.
+    // their Seven line is left to the swipes. A new business's zones are 0 until given: UTC mode.
     for (uint32_t customer : {42u, 43u, 44u, 45u}) {
         auto reader = Direct(customer);
         Apply(*reader, Doc(kEosd));
         nvx::ClearSentMessages();
-        Apply(*reader, Timep(R"({"TIMEZ":"0","TIMEZEX":"570"})"));
-        EXPECT_EQ(Overlays(kSeven).empty(), customer == 43 || customer == 44) << customer;
+        const bool card = customer == 43 || customer == 44;
+        Apply(*reader, Timep(card ? R"({"TIMEZ":"0","TIMEZEX":"570"})" : R"({"DATEM":0})"));
+        EXPECT_TRUE(card ? Overlays(kSeven).empty() : Last(kSeven).mask == 0x0F) << customer;
         reader->OSDDataSendTime();
-        EXPECT_TRUE(Like(Last(kTime).text, "07/03/2024 11:30:##")) << customer << ": " << Last(kTime).text;
+        EXPECT_TRUE(Like(Last(kTime).text, card ? "07/03/2024 11:30:##" : "07/03/2024 02:00:##"))
+            << customer << ": " << Last(kTime).text;
     }
 }
 
@@ -202,8 +209,15 @@ TEST_F(OsdTime, TheTimeLineMovesByTheShiftInsideTheRuleAndAnnouncesEachChangeOnc
     business->OSDDataSendTime();
     EXPECT_EQ(Payloads(kEventDstState),
               (std::vector<Bytes>{DstState(1, 2), DstState(0, 2), DstState(1, 2), DstState(1, 3)}));
-    for (const char* line : {"ldst state 1->1, ldst offset 0->2\n", "ldst state 1->0, ldst offset 2->2\n",
-                             "ldst state 0->1, ldst offset 2->2\n", "ldst state 1->1, ldst offset 2->3\n"}) {
+    // Each announcement goes out before the line that it comes with.
+    const std::vector<nvx::BusMessage> sent = nvx::SentMessages();
+    for (size_t i = 0; i < sent.size(); ++i) {
+        EXPECT_TRUE(sent[i].event != kEventDstState ||
+                    (i + 1 < sent.size() && DecodeOverlay(sent[i + 1].payload).kind == kTime));
+    }
+    for (const char* line : {"change m_enableUtc : 0 -> 0\n", "ldst state 1->1, ldst offset 0->2\n",
+                             "ldst state 1->0, ldst offset 2->2\n", "ldst state 0->1, ldst offset 2->2\n",
+                             "ldst state 1->1, ldst offset 2->3\n"}) {
         EXPECT_TRUE(Logged("TRUCK", 1, line)) << line;
     }
 }

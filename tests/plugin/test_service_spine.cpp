@@ -580,7 +580,8 @@ TEST_F(ServiceFaults, AStopIsBoundedWhateverAFirstPassCallDoes) {
         EXPECT_TRUE(Logged("TRUCK", 1, kStillInUse));
         EXPECT_TRUE(Logged("TRUCK", 1, "Service manage of the last run is still in use\n"));
         ASSERT_TRUE(nvx::WaitForThreadsToEnd(kGenerousMs));
-        EXPECT_EQ(CTruckServiceManage::basic_live_count(), 0);
+        // A parameter reply to a business_init that ran late may still hold it for a moment.
+        EXPECT_TRUE(Eventually([] { return CTruckServiceManage::basic_live_count() == 0; })) << stuck;
         if (std::string(stuck) == "CAsynCallback") {
             EXPECT_EQ(nvx::CallCount("OsUtilsCreateThread"), 1u) << "no business thread";
             EXPECT_EQ(nvx::CallCount("JQ_SDK_Device_MonitorDevSignalData"), 0u);

@@ -22,6 +22,7 @@
 #include <unordered_set>
 #include <vector>
 
+#include "TruckLockCheck.h"
 #include "HCTimeWheel.h"
 #include "JQ_SDK_MSG.h"
 
@@ -127,7 +128,7 @@ private:
     std::deque<Event*> events;
     std::thread* schedThread;
     JQ_MSG_HANDLE mMsgHandle;
-    std::recursive_mutex mutex;
+    TruckRecursiveMutex mutex;
     std::atomic<bool> running;
     uint32_t lastHeartbeat;  // scheduler thread only
     uint32_t lastShift;      // scheduler thread only

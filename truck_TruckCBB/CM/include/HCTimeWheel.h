@@ -26,6 +26,7 @@
 #include <utility>
 #include <vector>
 
+#include "TruckLockCheck.h"
 #include "cbb_mempool.h"
 
 // A bound call with an interval in ticks and a number of runs. The wheel reads and writes the
@@ -93,7 +94,7 @@ public:
         if (Refused("AddTimer")) {
             return nullptr;
         }
-        std::lock_guard<std::recursive_mutex> lock(m_mutex);
+        std::lock_guard<TruckRecursiveMutex> lock(m_mutex);
         void* memory = m_pPool->JQ_CBB_Alloc(sizeof(CTimerNode), false);
         if (memory == nullptr) {
             return nullptr;
@@ -132,7 +133,7 @@ private:
 
     std::vector<Slot> m_slots;
     uint32_t m_uiCurrent;
-    mutable std::recursive_mutex m_mutex;
+    mutable TruckRecursiveMutex m_mutex;
     uint32_t m_uiSlotCount;
     uint32_t m_uiMask;
     JQ_CBB_Mempool* m_pPool;

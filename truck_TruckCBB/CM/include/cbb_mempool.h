@@ -72,6 +72,10 @@ public:
         m_owner.store(self, std::memory_order_relaxed);
         m_depth = 1;
     }
+    // Whether the calling thread holds the lock, for the checks of debug builds.
+    bool HeldByThisThread() const {
+        return pthread_equal(m_owner.load(std::memory_order_relaxed), pthread_self());
+    }
     void unlock() {
         if (--m_depth == 0) {
             m_owner.store(pthread_t(), std::memory_order_relaxed);

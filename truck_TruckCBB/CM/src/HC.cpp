@@ -91,7 +91,7 @@ MsgManager::~MsgManager() {
     if (mMsgHandle != nullptr) {
         JQ_SDK_MSG_Uninitialize(mMsgHandle);
     }
-    std::lock_guard<std::recursive_mutex> lock(mutex);
+    std::lock_guard<TruckRecursiveMutex> lock(mutex);
     for (Event* ev : events) {
         FreeEvent(ev);
     }
@@ -140,7 +140,7 @@ int MsgManager::schedule() {
     while (running.load()) {
         size_t waiting = 0;
         {
-            std::lock_guard<std::recursive_mutex> lock(mutex);
+            std::lock_guard<TruckRecursiveMutex> lock(mutex);
             waiting = events.size();
             if (waiting > 0) {
                 Event* ev = events.front();
@@ -184,6 +184,7 @@ void MsgManager::ShiftWheel(uint32_t now) {
 }
 
 void MsgManager::Dispatch(Event* ev) {
+    TRUCK_CHECK(mutex.HeldByThisThread());
     // Whatever a delivery throws, the record and its copy go back to the pool.
     try {
         if (ev->event > HC_LAST_BUS_EVENT) {
@@ -203,6 +204,7 @@ void MsgManager::Dispatch(Event* ev) {
 }
 
 void MsgManager::CallSubscribers(const SubscriberMap& subscribers, int event, const char* data, int length) {
+    TRUCK_CHECK(mutex.HeldByThisThread());
     // A call may subscribe (the map may rehash) or unsubscribe, so the delivery walks a copy
     // and skips whoever left meanwhile; a subscriber that joins during it waits for the next.
     std::vector<Subscriber*> called;
@@ -253,7 +255,7 @@ void MsgManager::do_callback(const char* data, int length, void* user) {
     if (registration == nullptr) {
         return;
     }
-    std::lock_guard<std::recursive_mutex> lock(mutex);
+    std::lock_guard<TruckRecursiveMutex> lock(mutex);
     CallSubscribers(busSubscribers, registration->event, data, length);
 }
 
@@ -261,7 +263,7 @@ int MsgManager::Subscribe(int event, Subscriber* subscriber) {
     if (subscriber == nullptr) {
         return -1;
     }
-    std::lock_guard<std::recursive_mutex> lock(mutex);
+    std::lock_guard<TruckRecursiveMutex> lock(mutex);
     // Taking one the hub already holds would have it deleted twice.
     if (owned.count(subscriber) != 0 ||
         std::find(retired.begin(), retired.end(), subscriber) != retired.end()) {
@@ -301,7 +303,7 @@ int MsgManager::Subscribe(int event, void (*fn)(const char*, int, void*)) {
 
 int MsgManager::UnSubscribe(int event, void* key) {
     const pthread_t self = pthread_self();
-    std::lock_guard<std::recursive_mutex> lock(mutex);
+    std::lock_guard<TruckRecursiveMutex> lock(mutex);
     SubscriberMap& subscribers = event > HC_LAST_BUS_EVENT ? localSubscribers : busSubscribers;
     auto range = subscribers.equal_range(event);
     for (auto it = range.first; it != range.second;) {
@@ -320,6 +322,7 @@ int MsgManager::UnSubscribe(int event, void* key) {
 }
 
 void MsgManager::Retire(Subscriber* subscriber) {
+    TRUCK_CHECK(mutex.HeldByThisThread());
     owned.erase(subscriber);
     if (delivering > 0) {
         retired.push_back(subscriber);
@@ -329,7 +332,7 @@ void MsgManager::Retire(Subscriber* subscriber) {
 }
 
 int MsgManager::Publish(int session, int event, const char* data, int length, MSG_TYPE_E type, int source) {
-    std::lock_guard<std::recursive_mutex> lock(mutex);
+    std::lock_guard<TruckRecursiveMutex> lock(mutex);
     if (event > HC_LAST_BUS_EVENT && localSubscribers.count(event) == 0) {
         return 0;
     }
@@ -375,6 +378,7 @@ int MsgManager::Publish(int session, int event, const char* data, int length, MS
 }
 
 void MsgManager::FreeEvent(Event* ev) {
+    TRUCK_CHECK(mutex.HeldByThisThread());
     if (ev->data != nullptr && ev->length > 0) {
         Pool()->JQ_CBB_Free(ev->data);
     }

@@ -59,7 +59,7 @@ TimeWheel::TimeWheel()
       m_uiDeferredShifts(0) {}
 
 TimeWheel::~TimeWheel() {
-    std::lock_guard<std::recursive_mutex> lock(m_mutex);
+    std::lock_guard<TruckRecursiveMutex> lock(m_mutex);
     for (Slot& slot : m_slots) {
         for (CTimerNode* node : slot) {
             Retire(node);
@@ -69,6 +69,7 @@ TimeWheel::~TimeWheel() {
 }
 
 uint32_t TimeWheel::Place(CTimerNode* node) const {
+    TRUCK_CHECK(m_mutex.HeldByThisThread());
     uint32_t ticks = static_cast<uint32_t>(node->m_iInterval);
     node->m_iRounds += static_cast<int32_t>(ticks / m_uiSlotCount);
     ticks %= m_uiSlotCount;
@@ -85,6 +86,7 @@ bool TimeWheel::FileNew(CTimerNode* node) {
 }
 
 void TimeWheel::Retire(CTimerNode* node) {
+    TRUCK_CHECK(m_mutex.HeldByThisThread());
     node->m_func.reset();
     node->~CTimerNode();
     m_pPool->JQ_CBB_Free(node);
@@ -94,7 +96,7 @@ void TimeWheel::TimerShift() {
     if (Refused("TimerShift")) {
         return;
     }
-    std::lock_guard<std::recursive_mutex> lock(m_mutex);
+    std::lock_guard<TruckRecursiveMutex> lock(m_mutex);
     if (m_bShifting) {
         ++m_uiDeferredShifts;
         return;
@@ -117,6 +119,7 @@ void TimeWheel::TimerShift() {
 }
 
 void TimeWheel::WalkSlot(uint32_t slot, std::exception_ptr& first) {
+    TRUCK_CHECK(m_mutex.HeldByThisThread());
     Slot& list = m_slots[slot];
     if (list.empty()) {
         return;
@@ -166,7 +169,7 @@ uint32_t TimeWheel::GetCurrent() const {
     if (Refused("GetCurrent")) {
         return 0;
     }
-    std::lock_guard<std::recursive_mutex> lock(m_mutex);
+    std::lock_guard<TruckRecursiveMutex> lock(m_mutex);
     return m_uiCurrent;
 }
 
@@ -174,7 +177,7 @@ size_t TimeWheel::GetPendingCount() const {
     if (Refused("GetPendingCount")) {
         return 0;
     }
-    std::lock_guard<std::recursive_mutex> lock(m_mutex);
+    std::lock_guard<TruckRecursiveMutex> lock(m_mutex);
     size_t count = 0;
     for (const Slot& slot : m_slots) {
         count += slot.size();
@@ -186,6 +189,6 @@ size_t TimeWheel::GetSlotPendingCount(uint32_t slot) const {
     if (Refused("GetSlotPendingCount")) {
         return 0;
     }
-    std::lock_guard<std::recursive_mutex> lock(m_mutex);
+    std::lock_guard<TruckRecursiveMutex> lock(m_mutex);
     return m_slots[slot & m_uiMask].size();
 }

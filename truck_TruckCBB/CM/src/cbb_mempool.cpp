@@ -1,6 +1,8 @@
 // The block pool. Its invariants and its lock are described at the top of cbb_mempool.h.
 #include "cbb_mempool.h"
 
+#include "TruckLockCheck.h"
+
 #include <stdio.h>
 #include <stdlib.h>
 #include <string.h>
@@ -243,6 +245,7 @@ POOL_HOT void* JQ_CBB_Mempool::alloc_block(unsigned int size, bool /*align*/, ui
 
 // Called with m_mutex held, when no block from the current one on has room for `size`.
 void* JQ_CBB_Mempool::new_block(unsigned int size, uint32_t owner) {
+    TRUCK_CHECK(m_mutex.HeldByThisThread());
     if (size > m_uiBlockSize - kHeaderSize) {
         return nullptr;
     }

@@ -59,19 +59,10 @@ bool TruckTakeThreadTicket(void* number, TruckThreadTicket& out) {
 }
 
 bool TruckWithdrawThreadTicket(void* number) {
+    // Taken in the thread's place; the share of the manager goes when `withdrawn` does, outside
+    // the office's lock, since it may be the last one.
     TruckThreadTicket withdrawn;
-    {
-        TicketOffice& office = Tickets();
-        std::lock_guard<std::mutex> lock(office.mutex);
-        auto found = office.filed.find(reinterpret_cast<uintptr_t>(number));
-        if (found == office.filed.end()) {
-            return false;
-        }
-        withdrawn = std::move(found->second);
-        office.filed.erase(found);
-    }
-    // The share of the manager goes here, outside the office's lock: it may be the last one.
-    return true;
+    return TruckTakeThreadTicket(number, withdrawn);
 }
 
 void TruckPassFaults::Failed(const char* what) noexcept {

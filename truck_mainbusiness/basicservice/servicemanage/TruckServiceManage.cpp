@@ -9,6 +9,7 @@
 
 #include "CommonDefine.h"
 #include "OsUtils.h"
+#include "TruckLockCheck.h"
 #include "TruckServiceBase.h"
 
 namespace {
@@ -197,6 +198,7 @@ CTruckServiceManage::CTruckServiceManage(tagGlobalConfig* globalConfig)
       m_uiRemoteTaskListState(0),
       m_iThreadState(kTruckThreadStopped),
       m_pCycleTicket(nullptr),
+      m_cycleThread(pthread_t()),
       m_basicSDKHandle(nullptr),
       m_bBusinessLoaded(false),
       m_bStopRequested(false) {
@@ -273,7 +275,14 @@ std::vector<CTruckServiceBase*> CTruckServiceManage::basic_business_list() {
     return list;
 }
 
+bool CTruckServiceManage::basic_may_write_map() const {
+    const int32_t state = m_iThreadState.load();
+    return state == kTruckThreadStopped || state == kTruckThreadStarting ||
+           pthread_equal(m_cycleThread.load(), pthread_self());
+}
+
 int CTruckServiceManage::basic_register_business(unsigned int id, CTruckServiceBase* business) {
+    TRUCK_CHECK(basic_may_write_map());
     MutexLocker locker(m_runStateMutex);
     if (business == nullptr || m_mapBusiness.count(id) != 0 || m_bStopRequested) {
         return -1;
@@ -327,6 +336,7 @@ int CTruckServiceManage::basic_thread_cycle(tag_ServiceParam* param) {
             m_iThreadState.store(kTruckThreadStopped);
             return 0;
         }
+        m_cycleThread.store(pthread_self());
         m_iThreadState.store(kTruckThreadRunning);
     }
     TruckGuardThread("basic_init", [this] { basic_init(); });
@@ -379,6 +389,7 @@ int CTruckServiceManage::basic_thread_cycle(tag_ServiceParam* param) {
 // first whether a stop has come, and a pass that returns after the stop starts and registers
 // nothing more (a business started meanwhile is stopped by basic_start_business).
 void CTruckServiceManage::basic_first_pass() {
+    TRUCK_CHECK(pthread_equal(m_cycleThread.load(), pthread_self()));
     m_bBusinessLoaded = true;
     if (basic_stop_requested()) {
         return;

@@ -301,6 +301,7 @@ private:
     std::atomic<uint32_t> m_uiRemoteTaskListState;  // set and read by businesses on any thread
     std::atomic<int32_t> m_iThreadState;            // kTruckThreadStarting .. kTruckThreadStopped
     void* m_pCycleTicket;                           // the main cycle thread's ticket
+    std::atomic<pthread_t> m_cycleThread;           // the running cycle's thread, for checks
     // Set by the main cycle's thread, read by businesses; taken by whoever releases it.
     std::atomic<JQ_BASIC_HANDLE> m_basicSDKHandle;
 
@@ -314,6 +315,8 @@ private:
     bool m_bStopRequested;  // guarded by m_runStateMutex
 
     void basic_first_pass();
+    // No cycle runs, or the caller is its thread: the map's writers.
+    bool basic_may_write_map() const;
     std::vector<CTruckServiceBase*> basic_business_list();
     unsigned char* NewLogBatch(uint32_t groupMaskWord, size_t count);
     void SendLogBatch(const unsigned char* buffer, size_t length);

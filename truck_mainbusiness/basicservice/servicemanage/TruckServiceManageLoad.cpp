@@ -6,6 +6,7 @@
 #include <new>
 
 #include "CommonDefine.h"
+#include "TruckLockCheck.h"
 #include "TruckOsdService.h"
 #include "TruckServiceBase.h"
 #include "TruckServiceManage.h"
@@ -88,6 +89,7 @@ int CTruckServiceManage::basic_load_business() {
 
 int CTruckServiceManage::basic_start_business(unsigned int id, char* name, unsigned char type, bool bThread,
                                               Json::Value& param) {
+    TRUCK_CHECK(basic_may_write_map());
     if (m_mapBusiness.count(id) != 0) {
         TRUCK_LOG(2, "Business id[%d, %s] is alardy created, and continue\n", static_cast<int>(id), name);
         return 0;
