@@ -28,26 +28,7 @@ add_custom_target(truckservice_version
 target_sources(truckservice PRIVATE ${PROJECT_SOURCE_DIR}/truck_main/common/src/CommonVersion.cpp)
 target_include_directories(truckservice PRIVATE ${TRUCK_VERSION_DIR})
 add_dependencies(truckservice truckservice_version)
-if(TRUCK_BUILD_TESTS)
-  enable_testing()
-  string(REPLACE ";" "|" truck_emulator "${CMAKE_CROSSCOMPILING_EMULATOR}")
-  add_test(NAME module_version_line
-    COMMAND ${CMAKE_COMMAND} -DMODULE=$<TARGET_FILE:truckservice> -DVERSION=${PROJECT_VERSION}
-            -DHOST=$<TARGET_FILE:truckhost> -DEMULATOR=${truck_emulator}
-            -P ${PROJECT_SOURCE_DIR}/cmake/CheckVersionLine.cmake)
-  # The module carries no search path, and the runtime-needs check refuses one that does.
-  add_test(NAME module_no_runpath
-    COMMAND ${PROJECT_SOURCE_DIR}/scripts/runtime-needs.sh $<TARGET_FILE:truckservice>)
-  set_tests_properties(module_no_runpath PROPERTIES
-    PASS_REGULAR_EXPRESSION "export JQ_SDK_Service_Load" FAIL_REGULAR_EXPRESSION "runpath")
-  file(CONFIGURE OUTPUT ${TRUCK_VERSION_DIR}/runpath_probe.c CONTENT "int truck_runpath_probe;\n")
-  add_library(truck_runpath_probe MODULE ${TRUCK_VERSION_DIR}/runpath_probe.c)
-  set_target_properties(truck_runpath_probe PROPERTIES BUILD_RPATH /opt/vendor/lib)
-  add_test(NAME runtime_needs_refuses_runpath
-    COMMAND ${PROJECT_SOURCE_DIR}/scripts/runtime-needs.sh --check $<TARGET_FILE:truck_runpath_probe>)
-  set_tests_properties(runtime_needs_refuses_runpath PROPERTIES
-    PASS_REGULAR_EXPRESSION "runtime-needs: the module carries a search path \\(RUNPATH /opt/vendor/lib\\)")
-endif()
+# Its checks (the version line, no search path) are with the suites, in tests/CMakeLists.txt.
 
 # The build's module keeps its debug information for the desk. Beside it, in <build>/ship, each
 # link leaves the stripped copy that is installed and the debug information in a file of its

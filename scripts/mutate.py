@@ -23,6 +23,7 @@ import shutil
 import signal
 import subprocess
 import sys
+import tempfile
 import time
 from dataclasses import dataclass, field
 
@@ -301,6 +302,13 @@ class SuiteTest:
     label: str
     env: dict = field(default_factory=dict)
     seconds: float = 1.0
+    # A test judged by its output, as CTest judges it, rather than by its exit status.
+    pass_rx: list = field(default_factory=list)
+    fail_rx: list = field(default_factory=list)
+
+
+# Labels tests/CMakeLists.txt gives to several suites.
+SHARED_LABELS = ("threaded", "soak")
 
 
 def list_tests(build_dir):
@@ -310,16 +318,35 @@ def list_tests(build_dir):
     for entry in json.loads(out)["tests"]:
         props = {p["name"]: p["value"] for p in entry.get("properties", [])}
         env = dict(item.split("=", 1) for item in props.get("ENVIRONMENT", []))
-        labels = props.get("LABELS", [""])
+        # A suite's own label is its name; the shared ones (threaded, soak) name no suite.
+        suite = [label for label in props.get("LABELS", []) if label not in SHARED_LABELS] or [""]
         tests.append(SuiteTest(entry["name"], entry["command"], props.get("WORKING_DIRECTORY", build_dir),
-                               labels[0], env))
+                               suite[0], env, pass_rx=props.get("PASS_REGULAR_EXPRESSION", []),
+                               fail_rx=props.get("FAIL_REGULAR_EXPRESSION", [])))
     return tests
 
 
 def start(test):
-    """The test in a process group of its own, so that a time-out ends its children too."""
-    return subprocess.Popen(test.command, cwd=test.cwd, env=dict(os.environ, **test.env),
-                            stdout=subprocess.DEVNULL, stderr=subprocess.DEVNULL, start_new_session=True)
+    """The test in a process group of its own, so that a time-out ends its children too; its
+    output is kept only when its verdict is read from it."""
+    output = tempfile.TemporaryFile() if test.pass_rx or test.fail_rx else None
+    proc = subprocess.Popen(test.command, cwd=test.cwd, env=dict(os.environ, **test.env),
+                            stdout=output or subprocess.DEVNULL,
+                            stderr=subprocess.STDOUT if output else subprocess.DEVNULL, start_new_session=True)
+    proc.output = output
+    return proc
+
+
+def passed(test, proc, code):
+    """CTest's verdict: a match of a fail expression fails, pass expressions replace the exit status."""
+    if proc.output is None:
+        return code == 0
+    proc.output.seek(0)
+    text = proc.output.read().decode("utf-8", "replace")
+    proc.output.close()
+    if any(re.search(rx, text) for rx in test.fail_rx):
+        return False
+    return any(re.search(rx, text) for rx in test.pass_rx) if test.pass_rx else code == 0
 
 
 def run_one(test, timeout):
@@ -331,7 +358,7 @@ def run_one(test, timeout):
     except subprocess.TimeoutExpired:
         kill_group(proc)
         return "timeout", time.monotonic() - started
-    return ("pass" if code == 0 else "fail"), time.monotonic() - started
+    return ("pass" if passed(test, proc, code) else "fail"), time.monotonic() - started
 
 
 def kill_group(proc):
@@ -373,7 +400,7 @@ def run_until_failure(pending, running, jobs, timeout_of):
             if code is None:
                 still.append((proc, test, started))
                 continue
-            if code != 0 and outcome[0] == "pass":
+            if not passed(test, proc, code) and outcome[0] == "pass":
                 outcome = ("fail", test.name)
         running[:] = still
         if outcome[0] != "pass":

@@ -5,6 +5,7 @@
 #include <dirent.h>
 #include <gtest/gtest.h>
 #include <stdlib.h>
+#include <sys/prctl.h>
 
 #include <algorithm>
 #include <chrono>
@@ -32,6 +33,13 @@ bool Eventually(Pred pred, int timeoutMs = kGenerousMs) {
         std::this_thread::sleep_for(std::chrono::milliseconds(2));
     }
     return true;
+}
+
+// The name of the calling thread.
+inline std::string ThreadName() {
+    char name[17] = {0};
+    prctl(PR_GET_NAME, name, 0, 0, 0);
+    return name;
 }
 
 // Thread id and name of every thread of the process.

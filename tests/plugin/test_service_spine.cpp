@@ -1,7 +1,7 @@
-// The service spine inside the simulated device: the service object's start and stop, the
-// main cycle, and businesses on their own thread or on the main cycle's.
+// The service spine inside the simulated device, one section per fixture: the service object's
+// start and stop, the main cycle, businesses on their own thread or on the main cycle's, and
+// the faults (wiring, stalled, throwing or failing platform calls, late threads).
 #include <string.h>
-#include <sys/prctl.h>
 
 #include <atomic>
 #include <condition_variable>
@@ -21,12 +21,6 @@
 #include "TruckServiceManage.h"
 
 namespace {
-
-std::string ThreadName() {
-    char name[17] = {0};
-    prctl(PR_GET_NAME, name, 0, 0, 0);
-    return name;
-}
 
 std::atomic<int> g_destroyed{0};
 
@@ -106,14 +100,15 @@ public:
     std::string eventText, eventThread, queuedText, queuedThread;
 
 private:
-    static Json::Value& NoParam() {
-        static Json::Value none;
-        return none;
-    }
     unsigned long long m_cycleMs;
 };
 
-using ServiceObject = DeviceTest;
+// The host's block for the service, not yet running.
+class ServiceObject : public DeviceTest {
+protected:
+    ServiceObject() { param.ucRunning.store(0); }
+    tag_ServiceParam param;
+};
 using Business = DeviceTest;
 using MainCycle = DeviceTest;
 
@@ -150,6 +145,9 @@ protected:
 
 }  // namespace
 
+// ------------------------------------------------------------------------------------------------
+// The service object: the host's entry points, start and stop.
+
 TEST_F(ServiceObject, NullBlocksAreRefusedWithoutSideEffects) {
     const bool existed = CTruckService::ServeHasInstance();
     EXPECT_EQ(JQ_SDK_Service_Load(nullptr), 0);
@@ -161,7 +159,6 @@ TEST_F(ServiceObject, NullBlocksAreRefusedWithoutSideEffects) {
     EXPECT_EQ(service->ServeLoad(nullptr), -1);
     EXPECT_EQ(service->ServeStart(nullptr), -1);
 
-    tag_ServiceParam param;
     param.ucRunning.store(7);
     EXPECT_EQ(JQ_SDK_Service_Stop(&param), 0);  // never started: nothing to do
     EXPECT_EQ(param.ucRunning.load(), 7);
@@ -170,8 +167,6 @@ TEST_F(ServiceObject, NullBlocksAreRefusedWithoutSideEffects) {
 }
 
 TEST_F(ServiceObject, FailedGlobalInitialisationStartsNothing) {
-    tag_ServiceParam param;
-    param.ucRunning.store(0);
     // No global configuration, no room for the manager, or an exception on the way.
     for (const int cause : {0, 1, 2}) {
         nvx::SetGlobalInitFails(cause == 0);
@@ -188,8 +183,6 @@ TEST_F(ServiceObject, FailedGlobalInitialisationStartsNothing) {
 }
 
 TEST_F(ServiceObject, StartRunsTheMainCycleAndStopEndsIt) {
-    tag_ServiceParam param;
-    param.ucRunning.store(0);
     ASSERT_EQ(JQ_SDK_Service_Start(&param), 0);
     EXPECT_TRUE(Eventually([&] { return param.ucRunning.load() == 1; }));
     EXPECT_TRUE(nvx::WaitForWatchdogFeeds("truckbusiness.02", 3, kGenerousMs));
@@ -217,6 +210,19 @@ TEST_F(ServiceObject, StartRunsTheMainCycleAndStopEndsIt) {
     EXPECT_EQ(param.ucRunning.load(), 0);
 }
 
+TEST_F(ServiceObject, StopRightAfterStartStillReleasesTheBasicSdk) {
+    for (int i = 0; i < 20; ++i) {
+        ASSERT_EQ(JQ_SDK_Service_Start(&param), 0);
+        ASSERT_EQ(JQ_SDK_Service_Stop(&param), 0);
+        ASSERT_TRUE(nvx::WaitForThreadsToEnd(kGenerousMs));
+    }
+    EXPECT_EQ(nvx::CallCount("JQ_SDK_Basic_Initialize"), nvx::CallCount("JQ_SDK_Basic_Deinitialize"));
+    EXPECT_EQ(CTruckServiceManage::basic_live_count(), 0);
+}
+
+// ------------------------------------------------------------------------------------------------
+// The main cycle: the businesses it drives, its once-a-second step and its stop.
+
 TEST_F(MainCycle, RunsOnWithoutTheBasicSdk) {
     nvx::SetBasicInitFails(true);
     tag_ServiceParam param;
@@ -243,6 +249,151 @@ TEST_F(MainCycle, RunsOnWithoutTheBasicSdk) {
     JQ_SDK_Basic_Deinitialize(manage->GetBasicSDKHandle());
     manage.reset();
 }
+
+TEST_F(MainCycle, DrivesSharedBusinessesAndLeavesOwnThreadsAlone) {
+    tagGlobalConfig config = MakeGlobalConfig();
+    auto manage = std::make_shared<CTruckServiceManage>(&config);
+    auto* shared = new ProbeBusiness(manage.get(), manage->basic_get_msg_client(), 2, "shared_probe");
+    auto* own = new ProbeBusiness(manage.get(), nullptr, 9, "own_probe");
+    ASSERT_EQ(shared->business_start(), 0);
+    ASSERT_EQ(own->business_start(), 0);
+    ASSERT_EQ(manage->basic_register_business(2, shared), 0);
+    ASSERT_EQ(manage->basic_register_business(9, own), 0);
+    EXPECT_EQ(manage->basic_register_business(9, own), -1) << "one business per id";
+
+    g_destroyed = 0;
+    CycleRunner runner(manage);
+    shared->Queue("queued");
+    EXPECT_TRUE(Eventually([&] { return shared->cycles.load() >= 3 && own->cycles.load() >= 3; }));
+    EXPECT_EQ(nvx::InjectBusEvent(0x7001, "ev", 2), 2);
+    EXPECT_TRUE(Eventually([&] {
+        std::lock_guard<std::mutex> lock(shared->mutex);
+        return shared->eventText == "ev" && shared->queuedText == "queued";
+    }));
+    EXPECT_EQ(runner.param.ucRunning.load(), 1);
+
+    EXPECT_EQ(manage->basic_uninit(), 0);
+    EXPECT_EQ(manage->basic_get_thread_state(), 3);
+    EXPECT_EQ(shared->uninits.load(), 1);
+    EXPECT_EQ(own->uninits.load(), 1);
+    {
+        std::lock_guard<std::mutex> lock(shared->mutex);
+        EXPECT_EQ(shared->cycleThreads, std::set<std::string>{"truckservice"});
+        EXPECT_EQ(shared->eventThread, "truckservice");
+        EXPECT_EQ(shared->queuedThread, "truckservice");
+    }
+    {
+        std::lock_guard<std::mutex> lock(own->mutex);
+        EXPECT_EQ(own->cycleThreads, std::set<std::string>{"own_probe"});
+    }
+    manage.reset();
+    EXPECT_TRUE(nvx::WaitForThreadsToEnd(kGenerousMs));
+    EXPECT_EQ(g_destroyed.load(), 2);
+}
+
+// A business whose thread hangs in its cycle: the stop gives up after its bounded waits, and
+// nothing is destroyed until that thread has really left.
+TEST_F(MainCycle, StopIsBoundedAndNeverFreesUnderARunningThread) {
+    tagGlobalConfig config = MakeGlobalConfig();
+    auto manage = std::make_shared<CTruckServiceManage>(&config);
+    auto* stuck = new ProbeBusiness(manage.get(), nullptr, 4, "stuck_probe", 10);
+    stuck->holdCycle = true;
+    ASSERT_EQ(stuck->business_start(), 0);
+    ASSERT_EQ(manage->basic_register_business(4, stuck), 0);
+    g_destroyed = 0;
+    CycleRunner runner(manage);
+    ASSERT_TRUE(Eventually([&] { return stuck->cycles.load() == 1; }));
+
+    nvx::SetSleepsInstant(true);
+    EXPECT_EQ(stuck->business_stop(), 0);
+    EXPECT_EQ(nvx::SleepsOfThisThread(), std::vector<unsigned int>(101, 20)) << "101 polls of 20 ms";
+    EXPECT_EQ(manage->basic_uninit(), 0);
+    EXPECT_EQ(stuck->business_get_thread_state(), 2) << "the business thread is still in its cycle";
+
+    manage.reset();  // the owner lets go; the stuck thread still holds the manager
+    EXPECT_EQ(g_destroyed.load(), 0);
+    EXPECT_TRUE(nvx::HasClient("truckbusiness.02"));
+
+    stuck->Release();
+    EXPECT_TRUE(nvx::WaitForThreadsToEnd(kGenerousMs));
+    EXPECT_EQ(g_destroyed.load(), 1) << "destroyed by the last thread to leave";
+    EXPECT_FALSE(nvx::HasClient("truckbusiness.02"));
+}
+
+// A shared business stuck in its cycle keeps the main cycle in its pass past the stop: when
+// it comes free, the pass must not write into the host's block, which the host has freed.
+TEST_F(MainCycle, APassThatOutlivesTheStopLeavesTheHostBlockAlone) {
+    tagGlobalConfig config = MakeGlobalConfig();
+    auto manage = std::make_shared<CTruckServiceManage>(&config);
+    auto* stuck = new ProbeBusiness(manage.get(), manage->basic_get_msg_client(), 6, "stuck_shared");
+    stuck->holdCycle = true;
+    ASSERT_EQ(stuck->business_start(), 0);
+    ASSERT_EQ(manage->basic_register_business(6, stuck), 0);
+    auto* param = new tag_ServiceParam;
+    param->ucRunning.store(0);
+    manage->basic_launch_cycle(param);
+    ASSERT_TRUE(Eventually([&] { return stuck->cycles.load() == 1; }));
+
+    nvx::SetSleepsInstant(true);
+    EXPECT_EQ(manage->basic_uninit(), 0);
+    EXPECT_EQ(nvx::SleepsOfThisThread(), std::vector<unsigned int>(101, 20))
+        << "only the cycle is waited for";
+    EXPECT_EQ(stuck->uninits.load(), 1);
+    EXPECT_FALSE(manage->basic_threads_stopped());
+    delete param;  // the host's block is gone once stop has returned
+    g_destroyed = 0;
+    manage.reset();
+    stuck->Release();
+    EXPECT_TRUE(nvx::WaitForThreadsToEnd(kGenerousMs));
+    EXPECT_EQ(g_destroyed.load(), 1);
+    EXPECT_EQ(CTruckServiceManage::basic_live_count(), 0);
+}
+
+// The once-a-second step (device information, then the log queues) follows the tick both
+// ways, by absolute distance: more than 999 ms from the last step.
+TEST_F(MainCycle, OnceASecondStepFollowsTheDistanceOfTheTick) {
+    const unsigned long long t0 = 5000000000000ULL;  // far from any tick an earlier step kept
+    nvx::HoldTickCount(t0);
+    tagGlobalConfig config = MakeGlobalConfig();
+    auto manage = std::make_shared<CTruckServiceManage>(&config);
+    auto batches = [] {
+        size_t n = 0;
+        for (const nvx::BusMessage& m : nvx::SentMessages()) {
+            n += m.event == 0x1134 ? 1 : 0;
+        }
+        return n;
+    };
+    manage->basic_system_log_push(0x01, "first");
+    CycleRunner runner(manage);
+    ASSERT_TRUE(Eventually([&] { return batches() == 1; }));
+    EXPECT_EQ(manage->basic_get_serialnumber_info()->bValid, 1u) << "device information in the same step";
+    const struct {
+        unsigned long long tick;
+        size_t batches;
+    } steps[] = {{t0 + 999, 1}, {t0 + 1000, 2}, {t0 + 1, 2}, {t0, 3}, {t0 + 500, 3}};
+    for (const auto& step : steps) {
+        manage->basic_system_log_push(0x01, "next");
+        nvx::HoldTickCount(step.tick);
+        const uint64_t fed = nvx::WatchdogFeedCount("truckbusiness.02");
+        ASSERT_TRUE(nvx::WaitForWatchdogFeeds("truckbusiness.02", fed + 3, kGenerousMs));
+        EXPECT_EQ(batches(), step.batches) << "tick t0 + " << step.tick - t0;
+        EXPECT_EQ(nvx::LastWatchdogFeedTick("truckbusiness.02"), step.tick)
+            << "each feed gives its pass's tick";
+    }
+    EXPECT_EQ(nvx::CallCount("JQ_SDK_Device_GetDeviceSerialNumber"), 1u);
+    EXPECT_EQ(nvx::CallCount("JQ_SDK_Storage_GetFuseMntPath"), 1u) << "asked on the first pass only";
+    EXPECT_EQ(nvx::CallCount("JQ_SDK_Storage_MonitorFuseStatus"), 1u);
+    nvx::InjectStorageReport(0, "/mnt/sd1");  // the monitor reports into this manager
+    ASSERT_TRUE(nvx::WaitForStorageIdle(kGenerousMs));
+    char root[16] = "";
+    EXPECT_EQ(manage->basic_get_normal_file_root_dir(root, sizeof(root)), 0);
+    EXPECT_STREQ(root, "/mnt/sd1/");
+    manage->basic_uninit();
+    manage.reset();
+}
+
+// ------------------------------------------------------------------------------------------------
+// A business on the main cycle's thread or on its own.
 
 TEST_F(Business, SharedThreadRunsCallbacksAndCyclesOnTheCallersTicks) {
     tagGlobalConfig config = MakeGlobalConfig();
@@ -348,160 +499,6 @@ TEST_F(Business, OwnThreadRunsInitCallbacksEventsAndCyclesOnItsThread) {
     EXPECT_FALSE(Logged("TRUCK", 2, "Create business thread failed\n"));
 }
 
-TEST_F(MainCycle, DrivesSharedBusinessesAndLeavesOwnThreadsAlone) {
-    tagGlobalConfig config = MakeGlobalConfig();
-    auto manage = std::make_shared<CTruckServiceManage>(&config);
-    auto* shared = new ProbeBusiness(manage.get(), manage->basic_get_msg_client(), 2, "shared_probe");
-    auto* own = new ProbeBusiness(manage.get(), nullptr, 9, "own_probe");
-    ASSERT_EQ(shared->business_start(), 0);
-    ASSERT_EQ(own->business_start(), 0);
-    ASSERT_EQ(manage->basic_register_business(2, shared), 0);
-    ASSERT_EQ(manage->basic_register_business(9, own), 0);
-    EXPECT_EQ(manage->basic_register_business(9, own), -1) << "one business per id";
-
-    g_destroyed = 0;
-    CycleRunner runner(manage);
-    shared->Queue("queued");
-    EXPECT_TRUE(Eventually([&] { return shared->cycles.load() >= 3 && own->cycles.load() >= 3; }));
-    EXPECT_EQ(nvx::InjectBusEvent(0x7001, "ev", 2), 2);
-    EXPECT_TRUE(Eventually([&] {
-        std::lock_guard<std::mutex> lock(shared->mutex);
-        return shared->eventText == "ev" && shared->queuedText == "queued";
-    }));
-    EXPECT_EQ(runner.param.ucRunning.load(), 1);
-
-    EXPECT_EQ(manage->basic_uninit(), 0);
-    EXPECT_EQ(manage->basic_get_thread_state(), 3);
-    EXPECT_EQ(shared->uninits.load(), 1);
-    EXPECT_EQ(own->uninits.load(), 1);
-    {
-        std::lock_guard<std::mutex> lock(shared->mutex);
-        EXPECT_EQ(shared->cycleThreads, std::set<std::string>{"truckservice"});
-        EXPECT_EQ(shared->eventThread, "truckservice");
-        EXPECT_EQ(shared->queuedThread, "truckservice");
-    }
-    {
-        std::lock_guard<std::mutex> lock(own->mutex);
-        EXPECT_EQ(own->cycleThreads, std::set<std::string>{"own_probe"});
-    }
-    manage.reset();
-    EXPECT_TRUE(nvx::WaitForThreadsToEnd(kGenerousMs));
-    EXPECT_EQ(g_destroyed.load(), 2);
-}
-
-// A business whose thread hangs in its cycle: the stop gives up after its bounded waits, and
-// nothing is destroyed until that thread has really left.
-TEST_F(MainCycle, StopIsBoundedAndNeverFreesUnderARunningThread) {
-    tagGlobalConfig config = MakeGlobalConfig();
-    auto manage = std::make_shared<CTruckServiceManage>(&config);
-    auto* stuck = new ProbeBusiness(manage.get(), nullptr, 4, "stuck_probe", 10);
-    stuck->holdCycle = true;
-    ASSERT_EQ(stuck->business_start(), 0);
-    ASSERT_EQ(manage->basic_register_business(4, stuck), 0);
-    g_destroyed = 0;
-    CycleRunner runner(manage);
-    ASSERT_TRUE(Eventually([&] { return stuck->cycles.load() == 1; }));
-
-    nvx::SetSleepsInstant(true);
-    EXPECT_EQ(stuck->business_stop(), 0);
-    EXPECT_EQ(nvx::SleepsOfThisThread(), std::vector<unsigned int>(101, 20)) << "101 polls of 20 ms";
-    EXPECT_EQ(manage->basic_uninit(), 0);
-    EXPECT_EQ(stuck->business_get_thread_state(), 2) << "the business thread is still in its cycle";
-
-    manage.reset();  // the owner lets go; the stuck thread still holds the manager
-    EXPECT_EQ(g_destroyed.load(), 0);
-    EXPECT_TRUE(nvx::HasClient("truckbusiness.02"));
-
-    stuck->Release();
-    EXPECT_TRUE(nvx::WaitForThreadsToEnd(kGenerousMs));
-    EXPECT_EQ(g_destroyed.load(), 1) << "destroyed by the last thread to leave";
-    EXPECT_FALSE(nvx::HasClient("truckbusiness.02"));
-}
-
-TEST_F(ServiceObject, StopRightAfterStartStillReleasesTheBasicSdk) {
-    tag_ServiceParam param;
-    param.ucRunning.store(0);
-    for (int i = 0; i < 20; ++i) {
-        ASSERT_EQ(JQ_SDK_Service_Start(&param), 0);
-        ASSERT_EQ(JQ_SDK_Service_Stop(&param), 0);
-        ASSERT_TRUE(nvx::WaitForThreadsToEnd(kGenerousMs));
-    }
-    EXPECT_EQ(nvx::CallCount("JQ_SDK_Basic_Initialize"), nvx::CallCount("JQ_SDK_Basic_Deinitialize"));
-    EXPECT_EQ(CTruckServiceManage::basic_live_count(), 0);
-}
-
-// A shared business stuck in its cycle keeps the main cycle in its pass past the stop: when
-// it comes free, the pass must not write into the host's block, which the host has freed.
-TEST_F(MainCycle, APassThatOutlivesTheStopLeavesTheHostBlockAlone) {
-    tagGlobalConfig config = MakeGlobalConfig();
-    auto manage = std::make_shared<CTruckServiceManage>(&config);
-    auto* stuck = new ProbeBusiness(manage.get(), manage->basic_get_msg_client(), 6, "stuck_shared");
-    stuck->holdCycle = true;
-    ASSERT_EQ(stuck->business_start(), 0);
-    ASSERT_EQ(manage->basic_register_business(6, stuck), 0);
-    auto* param = new tag_ServiceParam;
-    param->ucRunning.store(0);
-    manage->basic_launch_cycle(param);
-    ASSERT_TRUE(Eventually([&] { return stuck->cycles.load() == 1; }));
-
-    nvx::SetSleepsInstant(true);
-    EXPECT_EQ(manage->basic_uninit(), 0);
-    EXPECT_EQ(nvx::SleepsOfThisThread(), std::vector<unsigned int>(101, 20))
-        << "only the cycle is waited for";
-    EXPECT_EQ(stuck->uninits.load(), 1);
-    EXPECT_FALSE(manage->basic_threads_stopped());
-    delete param;  // the host's block is gone once stop has returned
-    g_destroyed = 0;
-    manage.reset();
-    stuck->Release();
-    EXPECT_TRUE(nvx::WaitForThreadsToEnd(kGenerousMs));
-    EXPECT_EQ(g_destroyed.load(), 1);
-    EXPECT_EQ(CTruckServiceManage::basic_live_count(), 0);
-}
-
-// The once-a-second step (device information, then the log queues) follows the tick both
-// ways, by absolute distance: more than 999 ms from the last step.
-TEST_F(MainCycle, OnceASecondStepFollowsTheDistanceOfTheTick) {
-    const unsigned long long t0 = 5000000000000ULL;  // far from any tick an earlier step kept
-    nvx::HoldTickCount(t0);
-    tagGlobalConfig config = MakeGlobalConfig();
-    auto manage = std::make_shared<CTruckServiceManage>(&config);
-    auto batches = [] {
-        size_t n = 0;
-        for (const nvx::BusMessage& m : nvx::SentMessages()) {
-            n += m.event == 0x1134 ? 1 : 0;
-        }
-        return n;
-    };
-    manage->basic_system_log_push(0x01, "first");
-    CycleRunner runner(manage);
-    ASSERT_TRUE(Eventually([&] { return batches() == 1; }));
-    EXPECT_EQ(manage->basic_get_serialnumber_info()->bValid, 1u) << "device information in the same step";
-    const struct {
-        unsigned long long tick;
-        size_t batches;
-    } steps[] = {{t0 + 999, 1}, {t0 + 1000, 2}, {t0 + 1, 2}, {t0, 3}, {t0 + 500, 3}};
-    for (const auto& step : steps) {
-        manage->basic_system_log_push(0x01, "next");
-        nvx::HoldTickCount(step.tick);
-        const uint64_t fed = nvx::WatchdogFeedCount("truckbusiness.02");
-        ASSERT_TRUE(nvx::WaitForWatchdogFeeds("truckbusiness.02", fed + 3, kGenerousMs));
-        EXPECT_EQ(batches(), step.batches) << "tick t0 + " << step.tick - t0;
-        EXPECT_EQ(nvx::LastWatchdogFeedTick("truckbusiness.02"), step.tick)
-            << "each feed gives its pass's tick";
-    }
-    EXPECT_EQ(nvx::CallCount("JQ_SDK_Device_GetDeviceSerialNumber"), 1u);
-    EXPECT_EQ(nvx::CallCount("JQ_SDK_Storage_GetFuseMntPath"), 1u) << "asked on the first pass only";
-    EXPECT_EQ(nvx::CallCount("JQ_SDK_Storage_MonitorFuseStatus"), 1u);
-    nvx::InjectStorageReport(0, "/mnt/sd1");  // the monitor reports into this manager
-    ASSERT_TRUE(nvx::WaitForStorageIdle(kGenerousMs));
-    char root[16] = "";
-    EXPECT_EQ(manage->basic_get_normal_file_root_dir(root, sizeof(root)), 0);
-    EXPECT_STREQ(root, "/mnt/sd1/");
-    manage->basic_uninit();
-    manage.reset();
-}
-
 // The own thread waits 500 ms above a cycle of 500, 100 above 100, else the cycle time; it
 // calls the cycle once the tick is a whole cycle time away from the last call.
 TEST_F(Business, OwnThreadWaitAndCycleFollowTheCycleTime) {
@@ -540,6 +537,10 @@ TEST_F(Business, OwnThreadWaitAndCycleFollowTheCycleTime) {
     EXPECT_EQ(nvx::CreatedThreads(), (std::vector<std::pair<unsigned int, int>>(7, {0x80000, 1})));
     manage.reset();
 }
+
+// ------------------------------------------------------------------------------------------------
+// Faults: wiring that cannot work, platform calls that stall, throw or fail, threads that
+// start late.
 
 TEST(WiringFaults, EndTheProcessWithStatusOne) {
     // "fast" forks without exec: the device build runs under user-mode emulation, where a

@@ -13,11 +13,12 @@
 #include <vector>
 
 #include "BusRecord.h"
+#include "OsdRecords.h"
 
 namespace {
 
+using osd::Bytes;
 using truckhost::RecordedMessage;
-using Bytes = std::vector<uint8_t>;
 constexpr int kOverlay = 0x1210, kIoTurn = 0x401E;
 
 void Put(Bytes& b, size_t at, uint64_t value, int bytes) {
@@ -26,21 +27,9 @@ void Put(Bytes& b, size_t at, uint64_t value, int bytes) {
     }
 }
 
-// The overlay as the OSD business lays it out; no text gives the header-only removal.
 Bytes Overlay(uint8_t kind, uint32_t mask, uint16_t x, uint16_t y, uint8_t font, const char* text) {
-    const size_t n = text != nullptr ? strlen(text) + 1 : 0;
-    Bytes b(36 + n, 0);
-    Put(b, 0, 0x1200, 4);
-    Put(b, 4, mask, 4);
-    b[8] = kind;
-    b[13] = font;
-    Put(b, 20, x, 2);
-    Put(b, 22, y, 2);
-    b[28] = static_cast<uint8_t>(n);
-    if (n != 0) {
-        memcpy(&b[36], text, n);
-    }
-    return b;
+    const std::string shown = text != nullptr ? text : "";
+    return osd::OverlayRecord(mask, kind, text != nullptr ? &shown : nullptr, x, y, font);
 }
 
 RecordedMessage Speed(uint64_t t, const char* text) {

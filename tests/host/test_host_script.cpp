@@ -10,14 +10,15 @@
 #include "HostText.h"
 #include "JQ_SDK_Device.h"
 #include "MsgClientManage.h"
+#include "OsdRecords.h"
 #include "TestSupport.h"
 
 namespace {
 
+using osd::Bytes;
 using truckhost::Injection;
 using truckhost::ParseScript;
 using truckhost::ScriptStep;
-using Bytes = std::vector<uint8_t>;
 
 // The step of a script of one step that must be good.
 ScriptStep OnlyStep(const std::string& step) {
@@ -55,20 +56,11 @@ using HostScriptOnDevice = DeviceTest;
 TEST(HostScript, SpeedAndSwipeStepsBuildTheirPayloadsByteForByte) {
     const ScriptStep speed = OnlyStep(R"({"at_ms": 0, "kind": "speed", "speed": 305419896, "unit": 2})");
     EXPECT_EQ(speed.event, 0x118A);
-    Bytes expected(28, 0);
-    expected[20] = 2;
-    expected[24] = 0x78;
-    expected[25] = 0x56;
-    expected[26] = 0x34;
-    expected[27] = 0x12;
-    EXPECT_EQ(speed.bytes, expected);
+    EXPECT_EQ(speed.bytes, osd::Record(28, {{20, 2}, {24, 0x12345678}}));
 
     const ScriptStep swipe = OnlyStep(R"({"at_ms": 0, "kind": "swipe", "text": "AB"})");
     EXPECT_EQ(swipe.event, 0x4004);
-    expected.assign(35, 0);
-    expected[16] = 15;  // bytes 20..34
-    expected[24] = 160;
-    expected[28] = 1;
+    Bytes expected = osd::Record(35, {{16, 15}, {24, 160}, {28, 1}});  // a body of bytes 20..34
     expected[32] = 'A';
     expected[33] = 'B';
     EXPECT_EQ(swipe.bytes, expected);

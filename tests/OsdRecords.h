@@ -1,8 +1,9 @@
 // The OSD business's bus records, read and written byte by byte at their fixed little-endian
-// offsets, so that the tests share no code with the side that builds them: the overlay is
-// decoded, and the records of fixed size are compared whole with an image made here.
-#ifndef TRUCK_TESTS_OSDDECODE_H
-#define TRUCK_TESTS_OSDDECODE_H
+// offsets, so that the tests share no code with the sides that build or read them: the plug-in's
+// suites decode the overlay and compare the records of fixed size whole with an image made here;
+// the host's suites give its reader records made here.
+#ifndef TRUCK_TESTS_OSDRECORDS_H
+#define TRUCK_TESTS_OSDRECORDS_H
 
 #include <stddef.h>
 #include <stdint.h>
@@ -76,6 +77,21 @@ inline Bytes Record(size_t size, std::initializer_list<std::pair<size_t, uint32_
         for (size_t i = 0; i < 4; ++i) {
             b[word.first + i] = static_cast<uint8_t>(word.second >> (8 * i));
         }
+    }
+    return b;
+}
+
+// An overlay as the OSD business lays it out; no text gives the header-only removal.
+inline Bytes OverlayRecord(uint32_t mask, uint8_t kind, const std::string* text, uint16_t x, uint16_t y,
+                           uint8_t font = 24) {
+    Bytes b = Record(36, {{0, 0x1200}, {4, mask}, {20, x | uint32_t{y} << 16}});
+    b[8] = kind;
+    b[9] = b[10] = b[24] = b[27] = 1;
+    b[13] = font;
+    if (text != nullptr) {
+        b[28] = static_cast<uint8_t>(text->size() + 1);
+        b.insert(b.end(), text->begin(), text->end());
+        b.push_back(0);
     }
     return b;
 }

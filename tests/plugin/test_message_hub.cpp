@@ -5,7 +5,6 @@
 #include <sched.h>
 #include <stdio.h>
 #include <string.h>
-#include <sys/prctl.h>
 #include <unistd.h>
 
 #include <algorithm>
@@ -27,12 +26,6 @@
 #include "TruckServiceManage.h"
 
 namespace {
-
-std::string CurrentThreadName() {
-    char name[17] = {0};
-    prctl(PR_GET_NAME, name, 0, 0, 0);
-    return name;
-}
 
 // Raised once by one thread, waited for by another.
 struct Flag {
@@ -72,7 +65,7 @@ struct Inbox {
     void Put(const char* data, int length, void* user = nullptr) {
         std::lock_guard<std::mutex> lock(mutex);
         texts.emplace_back(data != nullptr ? std::string(data, static_cast<size_t>(length)) : std::string());
-        threads.push_back(CurrentThreadName());
+        threads.push_back(ThreadName());
         nullData += data == nullptr ? 1 : 0;
         withUser += user != nullptr ? 1 : 0;
         changed.notify_all();

@@ -24,6 +24,12 @@ struct CycleRunner {
     tag_ServiceParam param;
 };
 
+// The parameters of a business made by a test, which reads none; they outlive every business.
+inline Json::Value& NoParam() {
+    static Json::Value none;
+    return none;
+}
+
 inline tagGlobalConfig MakeGlobalConfig() {
     tagGlobalConfig config;
     memset(&config, 0, sizeof(config));

@@ -14,6 +14,7 @@
 #include <thread>
 
 #include "RunSummary.h"
+#include "TestSupport.h"
 
 namespace {
 
@@ -36,17 +37,6 @@ double ThreadCpuSeconds() {
     return static_cast<double>(ts.tv_sec) + static_cast<double>(ts.tv_nsec) / 1e9;
 }
 
-template <typename Condition>
-bool Until(Condition holds) {
-    for (auto deadline = steady_clock::now() + seconds(10); !holds();) {
-        if (steady_clock::now() > deadline) {
-            return false;
-        }
-        std::this_thread::yield();
-    }
-    return true;
-}
-
 // A named thread that burns some CPU time of its own, then sleeps on a condition variable.
 // Its only blocking wait is that one (the test takes the mutex only while it sleeps there), so
 // a rise in its voluntary switches means it slept there again: each Wake() returns after one
@@ -54,13 +44,13 @@ bool Until(Condition holds) {
 class Sleeper {
 public:
     Sleeper(const char* name, double burnSeconds) : thread_([=] { Run(name, burnSeconds); }) {
-        EXPECT_TRUE(Until([this] { return before_ != kUnset && VoluntarySwitches(tid_) > before_; }));
+        EXPECT_TRUE(Eventually([this] { return before_ != kUnset && VoluntarySwitches(tid_) > before_; }));
     }
     ~Sleeper() { End(); }
     bool Wake() {
         const uint64_t asleep = VoluntarySwitches(tid_);
         Signal([this] { ++wakes_; });
-        return Until([&] { return VoluntarySwitches(tid_) > asleep; });
+        return Eventually([&] { return VoluntarySwitches(tid_) > asleep; });
     }
     double End() {  // its own CPU time
         if (thread_.joinable()) {
@@ -203,7 +193,7 @@ TEST(ThreadSampler, KeepsAThreadThatEndedAndTwoOfOneNameApartByRun) {
     for (int i = 0; i < 6; ++i) {
         ASSERT_TRUE(first.Wake());
     }
-    ASSERT_TRUE(Until([&] {
+    ASSERT_TRUE(Eventually([&] {
         auto seen = Named(sampler.Figures(), "twin");
         return !seen.empty() && Wakeups(seen[0]) >= 6;
     })) << "the sampler never saw the first twin's last sleep";

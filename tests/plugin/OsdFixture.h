@@ -1,7 +1,7 @@
 // The OSD business inside a manager on the simulated device, run as the service runs it: the
 // main cycle loads it from the business configuration on its first pass, and it fetches its
 // parameter groups from the device's store. The helpers build what the device hands it and
-// wait for what it sends, checking every byte with the decoder of OsdDecode.h.
+// wait for what it sends, checking every byte with the decoder of OsdRecords.h.
 #ifndef TRUCK_TESTS_OSDFIXTURE_H
 #define TRUCK_TESTS_OSDFIXTURE_H
 
@@ -16,7 +16,7 @@
 
 #include "CommonDefine.h"
 #include "CycleRunner.h"
-#include "OsdDecode.h"
+#include "OsdRecords.h"
 #include "TestSupport.h"
 #include "TruckOsdService.h"
 

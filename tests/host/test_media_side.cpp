@@ -9,47 +9,18 @@
 #include <vector>
 
 #include "MediaSide.h"
+#include "OsdRecords.h"
 
 namespace {
 
-using Bytes = std::vector<uint8_t>;
+using osd::Bytes;
+using osd::CardRecord;
 
-void Put(Bytes& b, size_t at, uint64_t value, int bytes) {
-    for (int i = 0; i < bytes; ++i) {
-        b[at + i] = static_cast<uint8_t>(value >> (8 * i));
-    }
-}
-
-// An overlay message as the OSD business lays it out; no text gives the 36-byte removal.
-Bytes OverlayMsg(uint32_t mask, uint8_t kind, const std::string* text, uint16_t x, uint16_t y) {
-    Bytes b(36 + (text != nullptr ? text->size() + 1 : 0), 0);
-    Put(b, 0, 0x1200, 4);
-    Put(b, 4, mask, 4);
-    b[8] = kind;
-    b[9] = b[10] = b[24] = b[27] = 1;
-    b[13] = 24;
-    Put(b, 20, x, 2);
-    Put(b, 22, y, 2);
-    if (text != nullptr) {
-        b[28] = static_cast<uint8_t>(text->size() + 1);
-        std::copy(text->begin(), text->end(), b.begin() + 36);
-    }
-    return b;
-}
 Bytes Shown(uint32_t mask, uint8_t kind, const std::string& text, uint16_t x = 10, uint16_t y = 20) {
-    return OverlayMsg(mask, kind, &text, x, y);
+    return osd::OverlayRecord(mask, kind, &text, x, y);
 }
 Bytes Removal(uint32_t mask, uint8_t kind) {
-    return OverlayMsg(mask, kind, nullptr, 10, 20);
-}
-
-Bytes Card(uint32_t x, uint32_t y, const std::string& text) {
-    Bytes b(212, 0);
-    Put(b, 128, x, 4);
-    Put(b, 132, y, 4);
-    std::copy(text.begin(), text.end(), b.begin() + 136);
-    Put(b, 208, 3, 4);
-    return b;
+    return osd::OverlayRecord(mask, kind, nullptr, 10, 20);
 }
 
 // All fields of a read overlay in one line, or the problem of one that could not be read (and
@@ -90,7 +61,8 @@ TEST(MediaDecode, BrokenOverlaysGiveTheirProblemAndLeaveTheOutputAlone) {
     open[39] = 'd';
     trailing.resize(41);
     command[0] = 0x01;
-    Put(bigEndian, 0, 0x00120000, 4);
+    bigEndian[0] = bigEndian[1] = bigEndian[3] = 0;
+    bigEndian[2] = 0x12;
     Bytes removalTrailing = Removal(1, 6);
     removalTrailing.resize(37);
     EXPECT_EQ(Read(Bytes(good.begin(), good.begin() + 35)),
@@ -109,12 +81,12 @@ TEST(MediaDecode, CardIoAndDstRecordsHaveExactLengths) {
     media::CardRecord card;
     std::string problem;
     ASSERT_TRUE(
-        media::DecodeCardRecord(Card(0x12345678, 0xFFFFFFFF, "DRIVER 42").data(), 212, card, problem));
+        media::DecodeCardRecord(CardRecord(0x12345678, 0xFFFFFFFF, "DRIVER 42").data(), 212, card, problem));
     EXPECT_EQ(card.x, 0x12345678u);
     EXPECT_EQ(card.y, 0xFFFFFFFFu);
     EXPECT_EQ(card.text, "DRIVER 42");
     const std::string full(72, 'K');
-    Bytes filled = Card(1, 2, full);
+    Bytes filled = CardRecord(1, 2, full);
     filled[208] = 'X';  // right after the text field: must not be read as text
     ASSERT_TRUE(media::DecodeCardRecord(filled.data(), filled.size(), card, problem));
     EXPECT_EQ(card.text, full);
@@ -212,7 +184,7 @@ TEST_F(MediaSideTest, OverlaysPutAndRemoveItemsOnTheirMaskOnly) {
 TEST_F(MediaSideTest, OnlyChangesGiveLines) {
     for (int round = 0; round < 2; ++round) {
         Send(0x1210, Shown(0x1, 6, "A"));
-        Send(0x1263, Card(500, 600, "DRIVER"));
+        Send(0x1263, CardRecord(500, 600, "DRIVER"));
         Send(0x401E, Bytes{1});
         Send(0x402F, Bytes{0, 0, 0, 0, 1, 0, 0, 0});
     }
@@ -220,7 +192,7 @@ TEST_F(MediaSideTest, OnlyChangesGiveLines) {
     Send(0x1210, Shown(0x1, 6, "B"));
     Send(0x1210, Shown(0x1, 6, "B", 11));
     Send(0x1210, Shown(0x3, 6, "B", 11));
-    Send(0x1263, Card(500, 600, ""));
+    Send(0x1263, CardRecord(500, 600, ""));
     Send(0x401E, Bytes{3});
     Send(0x402F, Bytes{0xFF, 0xFF, 0xFF, 0xFF, 1, 0, 0, 0});
     const std::vector<std::string> lines = side.TakeChanges();
@@ -237,8 +209,8 @@ TEST_F(MediaSideTest, OnlyChangesGiveLines) {
 }
 
 // A text box is as high as the font's cell (code 24 is unknown: 32 px) and 1233/2384 of
-// that per character wide: ten characters at X 100 end at 265.5, one at X 84 at 100.55. Boxes that touch do not
-// overlap; the card line counts on every channel that shows items, at the Seven line's size.
+// that per character wide: ten characters at X 100 end at 265.5, one at X 84 at 100.55. Boxes that touch do
+// not overlap; the card line counts on every channel that shows items, at the Seven line's size.
 TEST_F(MediaSideTest, OverlapsAreToldWhenTheyBeginChangeAndEnd) {
     Send(0x1210, Shown(0x1, 6, "ABCDEFGHIJ", 100, 100));
     Send(0x1210, Shown(0x1, 2, "12345", 265, 131));
@@ -248,22 +220,21 @@ TEST_F(MediaSideTest, OverlapsAreToldWhenTheyBeginChangeAndEnd) {
     Send(0x1210, Shown(0x1, 2, "1", 83, 100));
     Send(0x1210, Shown(0x1, 2, "1", 84, 100));
     Send(0x1210, Removal(0x1, 2));
-    Send(0x1263, Card(100, 131, "X"));
+    Send(0x1263, CardRecord(100, 131, "X"));
     Send(0x1210, Shown(0x3, 6, "ABCDEFGHIJ", 100, 100));
     std::vector<std::string> lines = side.TakeChanges();
     lines.erase(std::remove_if(lines.begin(), lines.end(),
                                [](const std::string& l) { return l.find("overlap") == std::string::npos; }),
                 lines.end());
-    EXPECT_EQ(lines, (std::vector<std::string>{"   1.0s  overlap: speed and seven on ch 0",
-                                               "   1.0s  overlap ended: speed and seven",
-                                               "   1.0s  overlap: speed and seven on ch 0",
-                                               "   1.0s  overlap ended: speed and seven",
-                                               "   1.0s  overlap: seven and card on ch 0",
-                                               "   1.0s  overlap: seven and card on ch 0-1"}));
+    EXPECT_EQ(lines,
+              (std::vector<std::string>{
+                  "   1.0s  overlap: speed and seven on ch 0", "   1.0s  overlap ended: speed and seven",
+                  "   1.0s  overlap: speed and seven on ch 0", "   1.0s  overlap ended: speed and seven",
+                  "   1.0s  overlap: seven and card on ch 0", "   1.0s  overlap: seven and card on ch 0-1"}));
     media::Snapshot s = side.Take();
     EXPECT_EQ(s.overlapsSeen, 3u);
     EXPECT_EQ(s.overlaps, std::vector<std::string>{"seven and card on ch 0-1"});
-    Send(0x1263, Card(100, 131, ""));
+    Send(0x1263, CardRecord(100, 131, ""));
     EXPECT_TRUE(side.Take().overlaps.empty());
     EXPECT_EQ(side.TakeChanges().back(), "   1.0s  overlap ended: seven and card");
 }

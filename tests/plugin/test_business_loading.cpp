@@ -41,12 +41,6 @@ public:
         return 0;
     }
     std::atomic<unsigned long long> lastCycleTick{0};
-
-private:
-    static Json::Value& NoParam() {
-        static Json::Value none;
-        return none;
-    }
 };
 
 }  // namespace
