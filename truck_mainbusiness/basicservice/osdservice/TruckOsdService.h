@@ -137,14 +137,13 @@ public:
     // call itself holds a share of the business's manager and is counted, so the business
     // outlives it, and no lock is held while it calls out to the platform.
     template <class F>
-    static bool WithLive(void* user, F&& call) {
+    static void WithLive(void* user, F&& call) {
         const LiveCall live(user);
         if (live.business == nullptr) {
-            return false;
+            return;
         }
         CTruckOsdService* business = live.business;
         TruckGuardThread("osd callback", [&call, business] { call(business); });
-        return true;
     }
 
 private:
