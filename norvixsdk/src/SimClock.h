@@ -1,0 +1,129 @@
+// The simulated device clock, for the stand-in's modules. Off by default: then every wait and
+// every clock reading below is the machine's, exactly as without it.
+//
+// When on, the threads that take part ("runners") run one at a time. A runner gives up its
+// turn only where it waits on the stand-in; device time moves only when every runner waits,
+// by a jump to the earliest deadline. See SimClock.cpp for the rules the scheduler keeps.
+#ifndef NORVIX_SRC_SIMCLOCK_H
+#define NORVIX_SRC_SIMCLOCK_H
+
+#include <stdint.h>
+
+#include <atomic>
+#include <chrono>
+#include <condition_variable>
+#include <memory>
+#include <mutex>
+#include <thread>
+#include <utility>
+
+namespace nvx {
+namespace detail {
+
+extern std::atomic<bool> g_simOn;
+extern std::atomic<uint64_t> g_simNowMs;
+
+inline bool SimOn() {
+    return g_simOn.load(std::memory_order_acquire);
+}
+// Device milliseconds on the simulated clock (meaningful while it is on).
+inline uint64_t SimNowMs() {
+    return g_simNowMs.load(std::memory_order_acquire);
+}
+// Device milliseconds since the simulated clock was switched on.
+uint64_t SimElapsedMs();
+
+constexpr uint64_t kSimForever = UINT64_MAX;
+
+struct SimRunner;
+using SimTicket = std::shared_ptr<SimRunner>;
+
+// A thread about to be started takes part from its creation, so that the order in which
+// runners join depends only on the order of the turns. The creator admits it (null while the
+// clock is off); the new thread enters before anything else and waits there for its turn; a
+// thread that never started is withdrawn. A runner leaves when its thread ends.
+SimTicket SimAdmit(const char* name);
+void SimEnter(const SimTicket& ticket);
+void SimWithdraw(const SimTicket& ticket);
+// Whether the calling thread is a runner of the clock now on.
+bool SimIsRunner();
+
+// Gives up the turn until notified on `key` (null: only the deadline), or device time
+// `deadlineMs`, then waits for the turn again. `lock`, when given, is held on entry, released
+// while waiting and held again on return. A thread that is not yet a runner joins here.
+// Returns at once while the clock is off, or when it is switched off meanwhile. `where`
+// names the call, for the stall report.
+void SimWait(const void* key, uint64_t deadlineMs, std::unique_lock<std::mutex>* lock, const char* where);
+// The waiters on `key` may run, at the current device time.
+void SimNotify(const void* key);
+
+// A condition wait of the stand-in: `cv.wait_for` (`timeoutMs` < 0: `cv.wait`) on the
+// machine's clock while the simulated clock is off, the same in device time while it is on.
+template <class Pred>
+bool WaitMs(std::condition_variable& cv, std::unique_lock<std::mutex>& lock, int64_t timeoutMs, Pred pred,
+            const char* where) {
+    if (!SimOn()) {
+        if (timeoutMs >= 0) {
+            return cv.wait_for(lock, std::chrono::milliseconds(timeoutMs), pred);
+        }
+        cv.wait(lock, pred);
+        if (!SimOn()) {
+            return true;
+        }
+        // Woken by an event after the clock came on (a platform thread started before it):
+        // it joins, and what it does next waits for its turn.
+    }
+    const uint64_t deadline = timeoutMs < 0 ? kSimForever : SimNowMs() + static_cast<uint64_t>(timeoutMs);
+    for (;;) {
+        if (!SimOn()) {
+            // Switched off while waiting: a bounded wait ends here, an endless one goes on
+            // on the machine's clock.
+            if (deadline != kSimForever) {
+                return pred();
+            }
+            cv.wait(lock, pred);
+            return true;
+        }
+        const bool met = pred();
+        if (met && SimIsRunner()) {
+            return true;
+        }
+        if (!met && deadline != kSimForever && SimNowMs() >= deadline) {
+            return false;
+        }
+        SimWait(&cv, met ? SimNowMs() : deadline, &lock, where);
+    }
+}
+
+// The same with a deadline on the steady clock, as the delivery channels take it; in device
+// time it is the time left from now.
+template <class Pred>
+bool WaitUntil(std::condition_variable& cv, std::unique_lock<std::mutex>& lock,
+               std::chrono::steady_clock::time_point deadline, Pred pred, const char* where) {
+    if (!SimOn()) {
+        return cv.wait_until(lock, deadline, pred);
+    }
+    const auto left =
+        std::chrono::duration_cast<std::chrono::milliseconds>(deadline - std::chrono::steady_clock::now());
+    return WaitMs(cv, lock, left.count() < 0 ? 0 : left.count(), pred, where);
+}
+
+// A platform thread of the stand-in's own, a runner while the clock is on.
+template <class Entry>
+std::thread StartThread(const char* name, Entry entry) {
+    SimTicket ticket = SimAdmit(name);
+    try {
+        return std::thread([ticket, entry]() mutable {
+            SimEnter(ticket);
+            entry();
+        });
+    } catch (...) {
+        SimWithdraw(ticket);
+        throw;
+    }
+}
+
+}  // namespace detail
+}  // namespace nvx
+
+#endif
