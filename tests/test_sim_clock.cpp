@@ -1,6 +1,7 @@
 // The simulated device clock: runners take turns, device time jumps from deadline to deadline,
 // and the same program takes the same turns on every run. Nothing here looks at the machine's
 // clock: only device times and the order of what happened.
+#include <stdio.h>
 #include <stdlib.h>
 #include <sys/time.h>
 
@@ -13,10 +14,15 @@
 #include <tuple>
 #include <vector>
 
+#include "CycleRunner.h"
 #include "JQ_SDK_DateTime.h"
+#include "JQ_SDK_Global.h"
+#include "JQ_SDK_Storage.h"
 #include "MsgClientManage.h"
 #include "OsUtils.h"
+#include "OsdDecode.h"
 #include "TestSupport.h"
+#include "TruckServiceManage.h"
 
 namespace {
 
@@ -130,27 +136,71 @@ TEST_F(SimClock, DeviceTimeStandsStillBetweenWaitsAndEveryClockJumpsWithIt) {
     EXPECT_EQ(nvx::SentMessages().back().tMs, 2000u);
 }
 
-TEST_F(SimClock, BusWaitEndsAtOnceOnAnEventAndAtItsExactTimeOutOtherwise) {
+// The device's own threads (parameter store, storage) take part as well: every event makes its
+// waiter runnable at the device time it came, in the order the events came.
+TEST_F(SimClock, AnEventWakesItsWaiterAtOnceAndAWaitWithoutOneEndsAtItsExactTimeOut) {
     Trace trace;
     CMsgClientManage client("simwait", 30, nullptr);
     Counter counter;
     ASSERT_EQ(client.MSGEventRegister(1, 0x77, &counter, &Counter::OnEvent), 0);
+    TempFolder device("test_sim_clock");
+    nvx::SetSystemRoot(device.path());  // where the store is saved
+    ASSERT_NE(JQ_SDK_Global_Initialize("/global.bsn"), nullptr);
+    const std::string listen = R"({"TIMEP":"?"})";
+    ASSERT_EQ(
+        JQ_SDK_Global_ListenParameter(
+            listen.data(), static_cast<int>(listen.size()),
+            [](const char*, int, void* t, void*) { static_cast<Trace*>(t)->Add("parameter", "changed"); },
+            &trace, nullptr),
+        0);
+    ASSERT_EQ(JQ_SDK_Storage_MonitorFuseStatus(
+                  [](void*, int, void* t) { static_cast<Trace*>(t)->Add("storage", "report"); }, &trace, 0),
+              0);
     StartRunner([&] {
         trace.Add("waiter", std::to_string(client.MSGWaitForEvent(5000)));
         trace.Add("waiter", std::to_string(client.MSGWaitForEvent(50)));
     });
     nvx::SimSleepUntil(kStartMs + 1200);
     EXPECT_EQ(nvx::InjectBusEvent(0x77, "e", 1), 1);
+    EXPECT_EQ(nvx::SetParameterDocument(R"({"PARAMETER":{"MDVR":{"TIMEP":{"TIMEZ":"60"}}}})"), 0);
+    nvx::InjectStorageReport(0, "/mnt/sd");
     ASSERT_TRUE(nvx::WaitForThreadsToEnd(60000));
-    EXPECT_EQ(trace.Steps(), (std::vector<Step>{Step{6200, "waiter", "1"}, Step{6250, "waiter", "0"}}));
+    // Again, now that the device's threads wait for their next record.
+    nvx::SimSleepUntil(kStartMs + 1300);
+    EXPECT_EQ(nvx::SetParameterDocument(R"({"PARAMETER":{"MDVR":{"TIMEP":{"TIMEZ":"120"}}}})"), 0);
+    nvx::InjectStorageReport(0, "/mnt/sd");
+    ASSERT_TRUE(nvx::WaitForParamIdle(60000));
+    ASSERT_TRUE(nvx::WaitForStorageIdle(60000));
+    EXPECT_EQ(trace.Steps(),
+              (std::vector<Step>{Step{6200, "waiter", "1"}, Step{6200, "parameter", "changed"},
+                                 Step{6200, "storage", "report"}, Step{6250, "waiter", "0"},
+                                 Step{6300, "parameter", "changed"}, Step{6300, "storage", "report"}}));
     EXPECT_EQ(counter.calls, 1);
+    JQ_SDK_Global_Deinitialize();
+    nvx::SetSystemRoot("");
 }
 
 namespace {
 
-// Threads that sleep, send and wait on each other over the bus, at times that collide.
+// Threads that sleep, send and wait on each other over the bus and through the device's own
+// threads, at times that collide. A second run finds the device's threads idle since the first.
 std::vector<Step> BusyScenario() {
     Trace trace;
+    TempFolder device("test_sim_clock");
+    nvx::SetSystemRoot(device.path());
+    EXPECT_NE(JQ_SDK_Global_Initialize("/global.bsn"), nullptr);
+    const std::string listen = R"({"GSP":"?"})";
+    JQ_SDK_Global_ListenParameter(
+        listen.data(), static_cast<int>(listen.size()),
+        [](const char*, int, void* t, void*) { static_cast<Trace*>(t)->Add("parameter", "changed"); }, &trace,
+        nullptr);
+    JQ_SDK_Storage_MonitorFuseStatus(
+        [](void*, int, void* t) { static_cast<Trace*>(t)->Add("storage", "report"); }, &trace, 0);
+    // Delivered at once, whether the device's threads start now or idle since an earlier run.
+    nvx::InjectStorageReport(0, "/mnt/sd");
+    nvx::SimSleepUntil(kStartMs + 1);
+    nvx::SetParameterDocument(R"({"PARAMETER":{"MDVR":{"GSP":{"N":-1}}}})");
+    nvx::SimSleepUntil(kStartMs + 2);
     CMsgClientManage consumer("consumer", 30, nullptr);
     Counter counter;
     consumer.MSGEventRegister(1, 0x42, &counter, &Counter::OnEvent);
@@ -161,6 +211,8 @@ std::vector<Step> BusyScenario() {
             OsUtilsSleep(7);
             producer.MSGSendMessage(0, 0x42, 0, "p", 1, 2);
             trace.Add("producer", "sent");
+            nvx::SetParameterDocument(R"({"PARAMETER":{"MDVR":{"GSP":{"N":)" + std::to_string(i) + "}}}}");
+            nvx::InjectStorageReport(0, "/mnt/sd");
         }
     });
     StartRunner([&] {
@@ -178,6 +230,9 @@ std::vector<Step> BusyScenario() {
         }
     });
     EXPECT_TRUE(nvx::WaitForThreadsToEnd(60000));
+    EXPECT_TRUE(nvx::WaitForParamIdle(60000) && nvx::WaitForStorageIdle(60000));
+    JQ_SDK_Global_Deinitialize();
+    nvx::SetSystemRoot("");
     return trace.Steps();
 }
 
@@ -189,6 +244,9 @@ TEST_F(SimClock, TheSameProgramTakesTheSameTurnsOnEveryRun) {
     nvx::SimClockOn(kStartMs);
     const std::vector<Step> second = BusyScenario();
     EXPECT_EQ(first, second);
+    ASSERT_GE(first.size(), 2u);
+    EXPECT_EQ(first[0], Step(kStartMs, "storage", "report"));
+    EXPECT_EQ(first[1], Step(kStartMs + 1, "parameter", "changed"));
     std::map<std::string, int> steps;
     int received = 0;
     for (const Step& step : first) {
@@ -199,6 +257,8 @@ TEST_F(SimClock, TheSameProgramTakesTheSameTurnsOnEveryRun) {
     }
     EXPECT_EQ(steps["producer"], 1 + 12);
     EXPECT_EQ(steps["ticker"], 1 + 20);
+    EXPECT_EQ(steps["parameter"], 1 + 12);
+    EXPECT_EQ(steps["storage"], 1 + 12);
     EXPECT_EQ(received, 12);
 }
 
@@ -220,4 +280,63 @@ TEST_F(SimClock, ARunnerBlockedOutsideTheDeviceStopsTheProcessWithAReport) {
         "simulated clock stalled at device time 5010 ms: runner 'driver' \\(#0, thread [^)]*\\) has held the "
         "turn for 200 ms .* It last left the stand-in from SimSleepUntil.*\n.*runner "
         "'OsUtilsCreateThread' \\(#1, thread [^)]*\\) waits in OsUtilsSleep until 6000 ms");
+}
+
+namespace {
+
+// The whole service on the simulated clock: the main cycle and the OSD business on its own
+// thread, as ServiceFaults runs them on the machine's.
+class SimService : public ManagerOnDevice {
+protected:
+    SimService() : ManagerOnDevice("test_sim_service") {}
+    void SetUp() override {
+        ASSERT_NO_FATAL_FAILURE(ManagerOnDevice::SetUp());
+        WriteDeviceFile("/usr/local/cfg/truckbusiness.jsn",
+                        R"({"BUSINESS_CONFIG":[{"BUSINESS_ENABLE":"true","BUSINESS_ID":7,)"
+                        R"("BUSINESS_NAME":"truckosd","BUSINESS_THREAD":"true"}]})");
+        WriteDeviceFile("/mnt/tmpfs/global.bsn",
+                        R"({"PARAMETER":{"MDVR":{"TIMEP":{"TIMEZ":"480"},"EOSD":[{"TX":100,"TY":20,"SX":900,)"
+                        R"("SY":40,"TFS":2,"COSD":[{"X":400,"Y":80,"EN":1}]}]}}})");
+        manage.reset();  // the service makes its own
+        nvx::SimClockOn(kStartMs);
+        nvx::SetWallClock(1720000800);  // 2024-07-03 10:00:00
+    }
+    void TearDown() override {
+        nvx::SimClockOff();
+        ManagerOnDevice::TearDown();
+    }
+};
+
+}  // namespace
+
+TEST_F(SimService, SixtyDeviceSecondsKeepEveryCycleOnItsExactCadence) {
+    tag_ServiceParam param;
+    param.ucRunning.store(0);
+    ASSERT_EQ(JQ_SDK_Service_Start(&param), 0);
+    nvx::SimSleepUntil(kStartMs + 60000);
+    const uint64_t feeds = nvx::WatchdogFeedCount("truckbusiness.02");
+    const uint64_t lastFeed = nvx::LastWatchdogFeedTick("truckbusiness.02");
+    EXPECT_EQ(JQ_SDK_Service_Stop(&param), 0);
+    ASSERT_TRUE(nvx::WaitForThreadsToEnd(kGenerousMs));
+
+    std::vector<std::pair<uint64_t, std::string>> times;
+    for (const nvx::BusMessage& m : nvx::SentMessages()) {
+        const osd::Overlay o = m.event == osd::kEventOverlay ? osd::DecodeOverlay(m.payload) : osd::Overlay();
+        if (m.event == osd::kEventOverlay && o.kind == osd::kTime) {
+            times.emplace_back(m.tMs, o.text);
+        }
+    }
+    // One feed per 50 ms pass, with the tick the pass began at: at 60000 the driver (the first
+    // runner) looks before the pass that began at 59950 has fed.
+    EXPECT_EQ(feeds, 1199u);
+    EXPECT_EQ(lastFeed, kStartMs + 59900);
+    // The date/time line every 500 ms from the business's first cycle, showing the device's
+    // second at the moment it is sent.
+    ASSERT_EQ(times.size(), 120u);
+    for (size_t i = 0; i < times.size(); ++i) {
+        const uint64_t at = 150 + 500 * i;
+        char shown[32];
+        snprintf(shown, sizeof(shown), "07/03/2024 10:00:%02u", static_cast<unsigned>(at / 1000));
+        EXPECT_EQ(times[i], std::make_pair(at, std::string(shown))) << i;
+    }
 }

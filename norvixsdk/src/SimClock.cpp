@@ -40,13 +40,20 @@ struct SimRunner {
     std::string name;
     uint64_t order = 0;
     uint64_t generation = 0;
-    enum State { kReady, kRunning, kWaiting, kGone } state = kReady;
+    enum State { kReady, kRunning, kWaiting, kGone } state = kWaiting;  // until told otherwise
     const void* key = nullptr;
     uint64_t deadline = kSimForever;
     const char* where = "its start";  // the stand-in call it waits in, or last returned from
     pthread_t thread{};
     bool entered = false;
     std::condition_variable turn;  // it has been given the turn, or the clock went off
+};
+
+struct SimParked {
+    std::condition_variable* cv;
+    std::mutex* mutex;
+    bool adopted = false;  // guarded by *mutex
+    SimTicket runner;      // guarded by Sim::mutex
 };
 
 namespace {
@@ -60,6 +67,7 @@ struct Sim {
     std::deque<SimRunner*> ready;
     SimRunner* turn = nullptr;
     std::chrono::steady_clock::time_point turnSince;
+    std::vector<std::shared_ptr<SimParked>> parked;  // in the order they began to wait
 
     // The stall watch: a thread of the machine's clock, not a runner.
     std::thread watch;
@@ -85,9 +93,21 @@ bool Current(const Sim& s, const SimTicket& runner) {
 }
 
 void MakeReady(Sim& s, SimRunner* runner) {
+    if (runner->state == SimRunner::kReady) {
+        return;
+    }
     runner->state = SimRunner::kReady;
     runner->key = nullptr;
     s.ready.push_back(runner);
+}
+
+void MakeWaiting(Sim& s, SimRunner* runner, const void* key, uint64_t deadline) {
+    if (runner->state == SimRunner::kReady) {
+        s.ready.erase(std::remove(s.ready.begin(), s.ready.end(), runner), s.ready.end());
+    }
+    runner->state = SimRunner::kWaiting;
+    runner->key = key;
+    runner->deadline = deadline;
 }
 
 void GiveTurn(Sim& s, SimRunner* runner) {
@@ -275,8 +295,35 @@ void SimWithdraw(const SimTicket& ticket) {
     }
 }
 
-bool SimIsRunner() {
-    return SimOn() && t_slot.runner && t_slot.runner->generation == TheSim().generation.load();
+bool SimHoldsTurn() {
+    Sim& s = TheSim();
+    std::lock_guard<std::mutex> lock(s.mutex);
+    return SimOn() && Current(s, t_slot.runner) && s.turn == t_slot.runner.get();
+}
+
+std::shared_ptr<SimParked> SimPark(std::condition_variable* cv, std::mutex* mutex) {
+    auto parked = std::make_shared<SimParked>();
+    parked->cv = cv;
+    parked->mutex = mutex;
+    Sim& s = TheSim();
+    std::lock_guard<std::mutex> lock(s.mutex);
+    s.parked.push_back(parked);
+    return parked;
+}
+
+bool SimParkedAdopted(const SimParked& parked) {
+    return parked.adopted;
+}
+
+void SimUnpark(const std::shared_ptr<SimParked>& parked) {
+    Sim& s = TheSim();
+    std::lock_guard<std::mutex> lock(s.mutex);
+    s.parked.erase(std::remove(s.parked.begin(), s.parked.end(), parked), s.parked.end());
+    if (Current(s, parked->runner)) {
+        t_slot.runner = parked->runner;
+        t_slot.runner->thread = pthread_self();
+        t_slot.runner->entered = true;
+    }
 }
 
 void SimWait(const void* key, uint64_t deadlineMs, std::unique_lock<std::mutex>* userLock,
@@ -300,9 +347,7 @@ void SimWait(const void* key, uint64_t deadlineMs, std::unique_lock<std::mutex>*
     if (deadlineMs <= SimNowMs()) {
         MakeReady(s, self.get());  // a yield: everyone ready before it goes first
     } else {
-        self->state = SimRunner::kWaiting;
-        self->key = key;
-        self->deadline = deadlineMs;
+        MakeWaiting(s, self.get(), key, deadlineMs);
     }
     if (s.turn == self.get()) {
         s.turn = nullptr;
@@ -342,6 +387,7 @@ void SimNotify(const void* key) {
 
 void SimClockOn(uint64_t startTickMs) {
     detail::Sim& s = detail::TheSim();
+    std::vector<std::shared_ptr<detail::SimParked>> adopted;
     {
         std::lock_guard<std::mutex> lock(s.mutex);
         if (detail::SimOn()) {
@@ -357,8 +403,23 @@ void SimClockOn(uint64_t startTickMs) {
         detail::t_slot.runner->thread = pthread_self();
         detail::t_slot.runner->entered = true;
         detail::GiveTurn(s, detail::t_slot.runner.get());
+        // The platform threads idling since an earlier run join next, in the order they began
+        // to wait, as runners waiting where they are.
+        for (const std::shared_ptr<detail::SimParked>& parked : s.parked) {
+            parked->runner = detail::Join(s, "platform thread");
+            parked->runner->where = "its endless wait";
+            detail::MakeWaiting(s, parked->runner.get(), parked->cv, detail::kSimForever);
+        }
+        adopted = s.parked;
         s.watchStop = false;
         detail::g_simOn.store(true, std::memory_order_release);
+    }
+    // Under each waiter's own mutex, so that none misses it between its test and its wait;
+    // never under the clock's, which is taken inside those.
+    for (const std::shared_ptr<detail::SimParked>& parked : adopted) {
+        std::lock_guard<std::mutex> lock(*parked->mutex);
+        parked->adopted = true;
+        parked->cv->notify_all();
     }
     s.watch = std::thread(detail::WatchLoop);
 }

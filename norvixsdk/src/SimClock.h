@@ -45,8 +45,8 @@ using SimTicket = std::shared_ptr<SimRunner>;
 SimTicket SimAdmit(const char* name);
 void SimEnter(const SimTicket& ticket);
 void SimWithdraw(const SimTicket& ticket);
-// Whether the calling thread is a runner of the clock now on.
-bool SimIsRunner();
+// Whether the calling thread is a runner of the clock now on and holds the turn.
+bool SimHoldsTurn();
 
 // Gives up the turn until notified on `key` (null: only the deadline), or device time
 // `deadlineMs`, then waits for the turn again. `lock`, when given, is held on entry, released
@@ -57,40 +57,51 @@ void SimWait(const void* key, uint64_t deadlineMs, std::unique_lock<std::mutex>*
 // The waiters on `key` may run, at the current device time.
 void SimNotify(const void* key);
 
+// A platform thread that idles on the machine's clock in an endless wait is listed while it
+// waits, so that switching the clock on makes it a runner before anything wakes it: an event
+// then finds it waiting on the clock like any other runner, instead of waking it outside the
+// turns. The mutex is the one `cv` is waited with, and lives as long as the process.
+struct SimParked;
+std::shared_ptr<SimParked> SimPark(std::condition_variable* cv, std::mutex* mutex);
+// With the mutex held.
+bool SimParkedAdopted(const SimParked& parked);
+// Off the list; the calling thread is now the runner the clock made of it, if it did.
+void SimUnpark(const std::shared_ptr<SimParked>& parked);
+
 // A condition wait of the stand-in: `cv.wait_for` (`timeoutMs` < 0: `cv.wait`) on the
 // machine's clock while the simulated clock is off, the same in device time while it is on.
 template <class Pred>
 bool WaitMs(std::condition_variable& cv, std::unique_lock<std::mutex>& lock, int64_t timeoutMs, Pred pred,
             const char* where) {
-    if (!SimOn()) {
-        if (timeoutMs >= 0) {
-            return cv.wait_for(lock, std::chrono::milliseconds(timeoutMs), pred);
-        }
-        cv.wait(lock, pred);
-        if (!SimOn()) {
-            return true;
-        }
-        // Woken by an event after the clock came on (a platform thread started before it):
-        // it joins, and what it does next waits for its turn.
+    if (!SimOn() && timeoutMs >= 0) {
+        return cv.wait_for(lock, std::chrono::milliseconds(timeoutMs), pred);
     }
-    const uint64_t deadline = timeoutMs < 0 ? kSimForever : SimNowMs() + static_cast<uint64_t>(timeoutMs);
+    uint64_t deadline = kSimForever;
+    bool timed = false;
     for (;;) {
         if (!SimOn()) {
-            // Switched off while waiting: a bounded wait ends here, an endless one goes on
-            // on the machine's clock.
-            if (deadline != kSimForever) {
+            // A bounded wait that the clock's switching off cut short ends here; an endless one
+            // goes on on the machine's clock, listed.
+            if (timeoutMs >= 0 || pred()) {
                 return pred();
             }
-            cv.wait(lock, pred);
-            return true;
+            const std::shared_ptr<SimParked> parked = SimPark(&cv, lock.mutex());
+            cv.wait(lock, [&] { return pred() || SimParkedAdopted(*parked); });
+            SimUnpark(parked);
+            continue;
+        }
+        if (timeoutMs >= 0 && !timed) {
+            deadline = SimNowMs() + static_cast<uint64_t>(timeoutMs);
+            timed = true;
         }
         const bool met = pred();
-        if (met && SimIsRunner()) {
+        if (met && SimHoldsTurn()) {
             return true;
         }
         if (!met && deadline != kSimForever && SimNowMs() >= deadline) {
             return false;
         }
+        // Met but not on its turn (a thread that has just joined): it waits for the turn.
         SimWait(&cv, met ? SimNowMs() : deadline, &lock, where);
     }
 }
