@@ -47,6 +47,10 @@ struct SimRunner {
     pthread_t thread{};
     bool entered = false;
     std::condition_variable turn;  // it has been given the turn, or the clock went off
+    // In an endless condition wait (WaitMs): where it goes on waiting once the clock is off.
+    std::condition_variable* waitCv = nullptr;
+    std::mutex* waitMutex = nullptr;
+    std::shared_ptr<SimParked> parkedAs;  // listed for it by the switch-off
 };
 
 struct SimParked {
@@ -326,15 +330,18 @@ void SimUnpark(const std::shared_ptr<SimParked>& parked) {
     }
 }
 
-void SimWait(const void* key, uint64_t deadlineMs, std::unique_lock<std::mutex>* userLock,
-             const char* where) {
+namespace {
+
+std::shared_ptr<SimParked> WaitTurn(const void* key, uint64_t deadlineMs,
+                                    std::unique_lock<std::mutex>* userLock, std::condition_variable* cv,
+                                    const char* where) {
     if (!SimOn()) {
-        return;
+        return nullptr;
     }
     Sim& s = TheSim();
     std::unique_lock<std::mutex> lock(s.mutex);
     if (!SimOn()) {
-        return;
+        return nullptr;
     }
     if (!Current(s, t_slot.runner)) {
         // A thread that did not start as a runner (one started before the clock came on).
@@ -344,6 +351,9 @@ void SimWait(const void* key, uint64_t deadlineMs, std::unique_lock<std::mutex>*
     }
     SimTicket self = t_slot.runner;
     self->where = where;
+    const bool endless = cv != nullptr && userLock != nullptr && deadlineMs == kSimForever;
+    self->waitCv = endless ? cv : nullptr;
+    self->waitMutex = endless ? userLock->mutex() : nullptr;
     if (deadlineMs <= SimNowMs()) {
         MakeReady(s, self.get());  // a yield: everyone ready before it goes first
     } else {
@@ -359,10 +369,23 @@ void SimWait(const void* key, uint64_t deadlineMs, std::unique_lock<std::mutex>*
         userLock->unlock();
     }
     self->turn.wait(lock, [&] { return s.turn == self.get() || !Current(s, self); });
+    std::shared_ptr<SimParked> parked = std::move(self->parkedAs);
     lock.unlock();
     if (userLock != nullptr) {
         userLock->lock();
     }
+    return parked;
+}
+
+}  // namespace
+
+void SimWait(const void* key, uint64_t deadlineMs, std::unique_lock<std::mutex>* lock, const char* where) {
+    WaitTurn(key, deadlineMs, lock, nullptr, where);
+}
+
+std::shared_ptr<SimParked> SimWaitOn(std::condition_variable& cv, uint64_t deadlineMs,
+                                     std::unique_lock<std::mutex>& lock, const char* where) {
+    return WaitTurn(&cv, deadlineMs, &lock, &cv, where);
 }
 
 void SimNotify(const void* key) {
@@ -434,8 +457,16 @@ void SimClockOff() {
         detail::g_simOn.store(false, std::memory_order_release);
         detail::RebaseWallClock(static_cast<int64_t>(detail::SimNowMs()) * 1000, detail::RealHostMicros());
         s.generation.fetch_add(1);
-        // Every runner goes on by the machine's clock, from wherever it waits.
+        // Every runner goes on by the machine's clock, from wherever it waits. One in an
+        // endless wait is listed as idling there now, before it wakes, so that switching the
+        // clock on again at once still finds it.
         for (const detail::SimTicket& r : s.runners) {
+            if (r->state == detail::SimRunner::kWaiting && r->waitCv != nullptr) {
+                r->parkedAs = std::make_shared<detail::SimParked>();
+                r->parkedAs->cv = r->waitCv;
+                r->parkedAs->mutex = r->waitMutex;
+                s.parked.push_back(r->parkedAs);
+            }
             r->turn.notify_all();
         }
         s.runners.clear();

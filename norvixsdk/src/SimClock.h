@@ -67,6 +67,18 @@ std::shared_ptr<SimParked> SimPark(std::condition_variable* cv, std::mutex* mute
 bool SimParkedAdopted(const SimParked& parked);
 // Off the list; the calling thread is now the runner the clock made of it, if it did.
 void SimUnpark(const std::shared_ptr<SimParked>& parked);
+// SimWait on `cv`, waited with `lock`. Returns where it is listed when the clock was switched
+// off during an endless wait, else null.
+std::shared_ptr<SimParked> SimWaitOn(std::condition_variable& cv, uint64_t deadlineMs,
+                                     std::unique_lock<std::mutex>& lock, const char* where);
+
+// Waits on the machine's clock, listed, until `pred` holds or the clock is switched on.
+template <class Pred>
+void WaitParked(std::condition_variable& cv, std::unique_lock<std::mutex>& lock,
+                const std::shared_ptr<SimParked>& parked, Pred pred) {
+    cv.wait(lock, [&] { return pred() || SimParkedAdopted(*parked); });
+    SimUnpark(parked);
+}
 
 // A condition wait of the stand-in: `cv.wait_for` (`timeoutMs` < 0: `cv.wait`) on the
 // machine's clock while the simulated clock is off, the same in device time while it is on.
@@ -85,9 +97,7 @@ bool WaitMs(std::condition_variable& cv, std::unique_lock<std::mutex>& lock, int
             if (timeoutMs >= 0 || pred()) {
                 return pred();
             }
-            const std::shared_ptr<SimParked> parked = SimPark(&cv, lock.mutex());
-            cv.wait(lock, [&] { return pred() || SimParkedAdopted(*parked); });
-            SimUnpark(parked);
+            WaitParked(cv, lock, SimPark(&cv, lock.mutex()), pred);
             continue;
         }
         if (timeoutMs >= 0 && !timed) {
@@ -102,7 +112,10 @@ bool WaitMs(std::condition_variable& cv, std::unique_lock<std::mutex>& lock, int
             return false;
         }
         // Met but not on its turn (a thread that has just joined): it waits for the turn.
-        SimWait(&cv, met ? SimNowMs() : deadline, &lock, where);
+        const std::shared_ptr<SimParked> parked = SimWaitOn(cv, met ? SimNowMs() : deadline, lock, where);
+        if (parked) {
+            WaitParked(cv, lock, parked, pred);
+        }
     }
 }
 
