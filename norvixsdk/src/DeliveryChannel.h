@@ -88,7 +88,7 @@ private:
             return;
         }
         WaitMs(
-            m_done, lock, -1, [&] { return !m_delivering || deliveringOther(); }, m_name);
+            m_done, lock, kWaitEndless, [&] { return !m_delivering || deliveringOther(); }, m_name);
     }
 
     void Loop() {
@@ -96,7 +96,7 @@ private:
         std::unique_lock<std::mutex> lock(mutex);
         for (;;) {
             WaitMs(
-                m_work, lock, -1, [this] { return !m_queue.empty(); }, m_name);
+                m_work, lock, kWaitEndless, [this] { return !m_queue.empty(); }, m_name);
             Delivery delivery = std::move(m_queue.front());
             m_queue.pop_front();
             m_delivering = true;

@@ -89,7 +89,7 @@ bool CountCall(const char* operation) {
         s.gate.notify_all();
         SimNotify(&s.gate);
         WaitMs(
-            s.gate, lock, -1, [&faults] { return !faults.gateClosed; }, operation);
+            s.gate, lock, kWaitEndless, [&faults] { return !faults.gateClosed; }, operation);
         --faults.atGate;
     }
     if (faults.throws > 0) {

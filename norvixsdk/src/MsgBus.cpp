@@ -357,7 +357,8 @@ void StopWatchdogMonitor() {
         // keep this runner's turn; its end is waited for on the clock, the join then is brief.
         if (SimOn()) {
             WaitMs(
-                bus.monitorWake, lock, -1, [&bus] { return bus.monitorEnded; }, "StopWatchdogMonitor");
+                bus.monitorWake, lock, kWaitEndless, [&bus] { return bus.monitorEnded; },
+                "StopWatchdogMonitor");
         }
     }
     bus.monitor.join();

@@ -170,7 +170,7 @@ void DeliveryLoop() {
     std::unique_lock<std::mutex> lock(s.mutex);
     for (;;) {
         detail::WaitMs(
-            s.work, lock, -1, [&s] { return !s.pending.empty(); }, "parameter thread");
+            s.work, lock, detail::kWaitEndless, [&s] { return !s.pending.empty(); }, "parameter thread");
         Delivery delivery = std::move(s.pending.front());
         s.pending.pop_front();
         s.delivering = true;
@@ -222,7 +222,7 @@ void DropDeliveries(ParamStore& s, std::unique_lock<std::mutex>& lock) {
         return;
     }
     detail::WaitMs(
-        s.idle, lock, -1, [&s] { return !s.delivering; }, "parameter store stop");
+        s.idle, lock, detail::kWaitEndless, [&s] { return !s.delivering; }, "parameter store stop");
 }
 
 // ---- the store file ----

@@ -12,11 +12,14 @@
 //   - `runners` lists the runners of the clock now on in the order they joined. Every change
 //     of state happens on the thread that holds the turn, or when nobody holds it, so the
 //     sequence of turns is the same on every run of the same program.
+//   - `parked` lists the threads idling in an endless wait on the machine's clock while it is
+//     off (see SimPark), and those the switch-off left so; switching on makes each a runner.
 // A runner's record is shared with its thread, which may still be inside SimWait when the
 // clock is switched off and the table is cleared; `generation` tells a record of an earlier
-// session from one of this.
+// session from one of this. The checks below hold in debug and sanitizer builds.
 #include "SimClock.h"
 
+#include <assert.h>
 #include <pthread.h>
 #include <stdio.h>
 #include <stdlib.h>
@@ -97,6 +100,7 @@ bool Current(const Sim& s, const SimTicket& runner) {
 }
 
 void MakeReady(Sim& s, SimRunner* runner) {
+    assert(runner->state != SimRunner::kGone);
     if (runner->state == SimRunner::kReady) {
         return;
     }
@@ -115,6 +119,7 @@ void MakeWaiting(Sim& s, SimRunner* runner, const void* key, uint64_t deadline) 
 }
 
 void GiveTurn(Sim& s, SimRunner* runner) {
+    assert(s.turn == nullptr && runner->state != SimRunner::kGone);
     runner->state = SimRunner::kRunning;
     s.turn = runner;
     s.turnSince = std::chrono::steady_clock::now();
@@ -125,6 +130,7 @@ void GiveTurn(Sim& s, SimRunner* runner) {
 // moving the clock to the next deadline when nobody is ready. With nothing ready and no
 // deadline the world idles until an event from outside.
 void Dispatch(Sim& s) {
+    assert(s.turn == nullptr);
     for (;;) {
         if (!s.ready.empty()) {
             SimRunner* next = s.ready.front();
@@ -350,6 +356,8 @@ std::shared_ptr<SimParked> WaitTurn(const void* key, uint64_t deadlineMs,
         t_slot.runner->entered = true;
     }
     SimTicket self = t_slot.runner;
+    // Only the holder of the turn runs; a runner that has just joined waits for its first.
+    assert(s.turn == self.get() || self->state != SimRunner::kRunning);
     self->where = where;
     const bool endless = cv != nullptr && userLock != nullptr && deadlineMs == kSimForever;
     self->waitCv = endless ? cv : nullptr;

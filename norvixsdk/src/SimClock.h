@@ -34,6 +34,9 @@ inline uint64_t SimNowMs() {
 uint64_t SimElapsedMs();
 
 constexpr uint64_t kSimForever = UINT64_MAX;
+// WaitMs's time-out for a wait without one; any other negative time-out is none at all, as the
+// control's waits have always taken it.
+constexpr int64_t kWaitEndless = INT64_MIN;
 
 struct SimRunner;
 using SimTicket = std::shared_ptr<SimRunner>;
@@ -80,12 +83,13 @@ void WaitParked(std::condition_variable& cv, std::unique_lock<std::mutex>& lock,
     SimUnpark(parked);
 }
 
-// A condition wait of the stand-in: `cv.wait_for` (`timeoutMs` < 0: `cv.wait`) on the
-// machine's clock while the simulated clock is off, the same in device time while it is on.
+// A condition wait of the stand-in: `cv.wait_for` (kWaitEndless: `cv.wait`) on the machine's
+// clock while the simulated clock is off, the same in device time while it is on.
 template <class Pred>
 bool WaitMs(std::condition_variable& cv, std::unique_lock<std::mutex>& lock, int64_t timeoutMs, Pred pred,
             const char* where) {
-    if (!SimOn() && timeoutMs >= 0) {
+    const bool endless = timeoutMs == kWaitEndless;
+    if (!SimOn() && !endless) {
         return cv.wait_for(lock, std::chrono::milliseconds(timeoutMs), pred);
     }
     uint64_t deadline = kSimForever;
@@ -94,14 +98,14 @@ bool WaitMs(std::condition_variable& cv, std::unique_lock<std::mutex>& lock, int
         if (!SimOn()) {
             // A bounded wait that the clock's switching off cut short ends here; an endless one
             // goes on on the machine's clock, listed.
-            if (timeoutMs >= 0 || pred()) {
+            if (!endless || pred()) {
                 return pred();
             }
             WaitParked(cv, lock, SimPark(&cv, lock.mutex()), pred);
             continue;
         }
-        if (timeoutMs >= 0 && !timed) {
-            deadline = SimNowMs() + static_cast<uint64_t>(timeoutMs);
+        if (!endless && !timed) {
+            deadline = SimNowMs() + static_cast<uint64_t>(timeoutMs < 0 ? 0 : timeoutMs);
             timed = true;
         }
         const bool met = pred();
