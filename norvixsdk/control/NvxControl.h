@@ -218,7 +218,9 @@ int CanPortMonitorCount();
 // stands still while any thread that takes part runs, and jumps to the next deadline when all
 // of them wait on the device. Those threads ("runners") run one at a time, so the same program
 // takes the same turns on every run: every thread started through OsUtilsCreateThread or by
-// the stand-in itself while the clock is on, and the thread that switched it on.
+// the stand-in itself, and the thread that switched it on. Threads that the plug-in starts
+// on its own (std::thread) do not take part yet: they run on the machine's clock and read the
+// device's through gettimeofday.
 //
 // Switch it on before the device starts anything: the tick reads `startTickMs`, the wall clock
 // reads on from where it was (set it after, for a run that is the same every time), and the
@@ -240,7 +242,7 @@ void SimSleepUntil(uint64_t deviceMs);
 void SetSimStallLimitMs(int ms);
 
 // Back to a fresh device: profile, failures, captures, sent messages, counters, clock,
-// held tick, recorded threads and sleeps.
+// held tick, recorded threads and sleeps. The simulated clock stays on or off.
 // Clients and threads that are still alive are left alone.
 void Reset();
 

@@ -4,6 +4,8 @@
 // When on, the threads that take part ("runners") run one at a time. A runner gives up its
 // turn only where it waits on the stand-in; device time moves only when every runner waits,
 // by a jump to the earliest deadline. See SimClock.cpp for the rules the scheduler keeps.
+// Threads the plug-in starts itself, and their libc sleeps and condition waits, are not
+// scheduled here: that needs those calls interposed in this library, as gettimeofday is.
 #ifndef NORVIX_SRC_SIMCLOCK_H
 #define NORVIX_SRC_SIMCLOCK_H
 
