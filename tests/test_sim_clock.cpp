@@ -272,13 +272,14 @@ TEST_F(SimClock, ARunnerBlockedOutsideTheDeviceStopsTheProcessWithAReport) {
     GTEST_FLAG_SET(death_test_style, "threadsafe");
     EXPECT_DEATH(
         {
-            nvx::SetSimStallLimitMs(200);
             std::timed_mutex held;
             StartRunner([&] {
                 std::lock_guard<std::timed_mutex> lock(held);
                 OsUtilsSleep(1000);  // waits on the device with the lock held
             });
             nvx::SimSleepUntil(kStartMs + 10);
+            // Only now: however slow the machine, nothing before this point is taken for a stall.
+            nvx::SetSimStallLimitMs(200);
             // Without the report the lock never comes: a bound, so that a broken watch fails.
             held.try_lock_for(std::chrono::seconds(60));
             exit(0);
