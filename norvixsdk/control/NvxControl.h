@@ -227,8 +227,38 @@ bool WaitForPeripheralIdle(int timeoutMs);
 int DevSignalMonitorCount();
 int CanPortMonitorCount();
 
+// ---- simulated clock ----
+// Off by default: the device runs on the machine's clock. When on, the device's clocks (the
+// tick, the sleeps, the bus waits' time-outs, the wall clock behind the date-time calls and
+// gettimeofday, the watchdog, the platform threads' waits) follow a clock of its own that
+// stands still while any thread that takes part runs, and jumps to the next deadline when all
+// of them wait on the device. Those threads ("runners") run one at a time, so the same program
+// takes the same turns on every run: every thread started through OsUtilsCreateThread or by
+// the stand-in itself, and the thread that switched it on. Threads that the plug-in starts
+// on its own (std::thread) do not take part yet: they run on the machine's clock and read the
+// device's through gettimeofday.
+//
+// Switch it on before the device starts anything: the tick reads `startTickMs`, the wall clock
+// reads on from where it was (set it after, for a run that is the same every time), and the
+// calling thread becomes the first runner and holds the turn. Every wait of the control
+// interface (WaitForSent, WaitForThreadsToEnd, ...) then counts device milliseconds.
+void SimClockOn(uint64_t startTickMs);
+// Back to the machine's clock: every runner goes on from its wait (a bounded wait ends at
+// once), the wall clock reads on. Call it from the thread that switched it on.
+void SimClockOff();
+bool SimClockIsOn();
+// The device tick on the simulated clock.
+uint64_t SimNowMs();
+// Lets the device run until the tick reads `deviceMs` (at once when it has), on the turn of
+// the calling runner: the driver's way to let device time pass.
+void SimSleepUntil(uint64_t deviceMs);
+// A runner that holds the turn for this long on the machine's clock without waiting on the
+// device (blocked on a lock that a waiting runner holds, or spinning) stops the process with
+// a report of every runner (default 20000; 0 for the default).
+void SetSimStallLimitMs(int ms);
+
 // Back to a fresh device: profile, failures, captures, sent messages, counters, clock,
-// held tick, recorded threads and sleeps.
+// held tick, recorded threads and sleeps. The simulated clock stays on or off.
 // Clients and threads that are still alive are left alone.
 void Reset();
 

@@ -24,6 +24,8 @@
 #include <thread>
 #include <utility>
 
+#include "SimClock.h"
+
 namespace nvx {
 namespace detail {
 
@@ -38,13 +40,14 @@ public:
     // With the mutex held.
     void Enqueue(Delivery delivery) {
         if (!m_started) {
-            std::thread worker(&DeliveryChannel::Loop, this);
+            std::thread worker = StartThread(m_name, [this] { Loop(); });
             m_threadId = worker.get_id();
             worker.detach();
             m_started = true;
         }
         m_queue.push_back(std::move(delivery));
         m_work.notify_one();
+        SimNotify(&m_work);
     }
 
     // With the mutex held: the records still queued, for a service that re-addresses them.
@@ -72,7 +75,8 @@ public:
         if (OnChannelThread()) {
             return m_queue.empty();
         }
-        return m_done.wait_until(lock, deadline, [this] { return m_queue.empty() && !m_delivering; });
+        return WaitUntil(
+            m_done, lock, deadline, [this] { return m_queue.empty() && !m_delivering; }, m_name);
     }
 
 private:
@@ -83,14 +87,16 @@ private:
         if (OnChannelThread()) {
             return;
         }
-        m_done.wait(lock, [&] { return !m_delivering || deliveringOther(); });
+        WaitMs(
+            m_done, lock, kWaitEndless, [&] { return !m_delivering || deliveringOther(); }, m_name);
     }
 
     void Loop() {
         prctl(PR_SET_NAME, m_name, 0, 0, 0);
         std::unique_lock<std::mutex> lock(mutex);
         for (;;) {
-            m_work.wait(lock, [this] { return !m_queue.empty(); });
+            WaitMs(
+                m_work, lock, kWaitEndless, [this] { return !m_queue.empty(); }, m_name);
             Delivery delivery = std::move(m_queue.front());
             m_queue.pop_front();
             m_delivering = true;
@@ -104,6 +110,7 @@ private:
             m_delivering = false;
             m_deliveringUser = nullptr;
             m_done.notify_all();
+            SimNotify(&m_done);
         }
     }
 

@@ -14,6 +14,7 @@
 #include <new>
 
 #include "JQ_LOG.h"
+#include "SimClock.h"
 
 namespace nvx {
 namespace {
@@ -48,6 +49,9 @@ DeviceState& State() {
 std::atomic<int64_t> g_wallOffsetMicros{0};
 
 int64_t HostMicros() {
+    if (detail::SimOn()) {
+        return static_cast<int64_t>(detail::SimNowMs()) * 1000;
+    }
     struct timespec now;
     clock_gettime(CLOCK_REALTIME, &now);
     return static_cast<int64_t>(now.tv_sec) * 1000000 + now.tv_nsec / 1000;
@@ -64,6 +68,9 @@ const std::chrono::steady_clock::time_point g_origin = std::chrono::steady_clock
 namespace detail {
 
 uint64_t ElapsedMs() {
+    if (SimOn()) {
+        return SimElapsedMs();
+    }
     return static_cast<uint64_t>(
         std::chrono::duration_cast<std::chrono::milliseconds>(std::chrono::steady_clock::now() - g_origin)
             .count());
@@ -82,7 +89,9 @@ bool CountCall(const char* operation) {
     if (faults.gateClosed) {
         ++faults.atGate;
         s.gate.notify_all();
-        s.gate.wait(lock, [&faults] { return !faults.gateClosed; });
+        SimNotify(&s.gate);
+        WaitMs(
+            s.gate, lock, kWaitEndless, [&faults] { return !faults.gateClosed; }, operation);
         --faults.atGate;
     }
     if (faults.throws > 0) {
@@ -102,6 +111,10 @@ int64_t DeviceMicros() {
 
 void ShiftWallClock(int64_t seconds) {
     g_wallOffsetMicros.fetch_add(seconds * 1000000);
+}
+
+void RebaseWallClock(int64_t fromMicros, int64_t toMicros) {
+    g_wallOffsetMicros.fetch_add(fromMicros - toMicros);
 }
 
 bool LocalTimeFollowsZone() {
@@ -214,14 +227,15 @@ void OpenGate(const std::string& operation) {
     std::lock_guard<std::mutex> lock(s.mutex);
     s.faults[operation].gateClosed = false;
     s.gate.notify_all();
+    detail::SimNotify(&s.gate);
 }
 
 bool WaitForCallAtGate(const std::string& operation, int timeoutMs) {
     DeviceState& s = State();
     std::unique_lock<std::mutex> lock(s.mutex);
     CallFaults& faults = s.faults[operation];
-    return s.gate.wait_for(lock, std::chrono::milliseconds(timeoutMs),
-                           [&faults] { return faults.atGate > 0; });
+    return detail::WaitMs(
+        s.gate, lock, timeoutMs, [&faults] { return faults.atGate > 0; }, "WaitForCallAtGate");
 }
 
 void Reset() {
@@ -234,6 +248,7 @@ void Reset() {
             entry.second = CallFaults{0, 0, false, entry.second.atGate};
         }
         s.gate.notify_all();
+        detail::SimNotify(&s.gate);
     }
     g_wallOffsetMicros.store(0);
     g_zoneMovesClock.store(false);

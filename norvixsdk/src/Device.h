@@ -24,6 +24,10 @@ bool CountCall(const char* operation);
 int64_t DeviceMicros();
 // Moves the device clock by `seconds`, keeping its running phase.
 void ShiftWallClock(int64_t seconds);
+// The clock under the device clock changes from one reading `fromMicros` to one reading
+// `toMicros` at this moment (the simulated clock switched on or off): the device clock reads on
+// from where it was.
+void RebaseWallClock(int64_t fromMicros, int64_t toMicros);
 bool LocalTimeFollowsZone();
 
 // The stand-in's own log lines carry this module tag.

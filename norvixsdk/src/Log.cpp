@@ -12,6 +12,7 @@
 
 #include "Device.h"
 #include "JQ_LOG.h"
+#include "SimClock.h"
 
 namespace nvx {
 namespace {
@@ -86,7 +87,7 @@ bool WaitForLog(const std::function<bool(const LogLine&)>& match, int timeoutMs)
         }
         return false;
     };
-    return s.changed.wait_for(lock, std::chrono::milliseconds(timeoutMs), found);
+    return detail::WaitMs(s.changed, lock, timeoutMs, found, "WaitForLog");
 }
 
 void SetLogObserver(std::function<void(const LogLine&)> observer) {
@@ -160,6 +161,7 @@ void Emit(const nvx::LogLine& entry) {
         }
     }
     s.changed.notify_all();
+    nvx::detail::SimNotify(&s.changed);
     if (observer) {
         observer(entry);
     }

@@ -19,6 +19,7 @@
 #include "Device.h"
 #include "JQ_LOG.h"
 #include "MsgClientManage.h"
+#include "SimClock.h"
 
 struct CMsgClientManage::Impl {
     std::string name;
@@ -50,6 +51,7 @@ struct CMsgClientManage::Impl {
         }
         queue.push_back(Event{event, std::vector<char>(data, data + length)});
         arrived.notify_one();
+        nvx::detail::SimNotify(&arrived);
         return true;
     }
 };
@@ -81,7 +83,8 @@ struct Bus {
 
     std::mutex monitorMutex;  // guards the monitor thread's start and stop only
     std::thread monitor;
-    bool monitorStop = false;  // guarded by mutex
+    bool monitorStop = false;   // guarded by mutex
+    bool monitorEnded = false;  // guarded by mutex
     std::condition_variable monitorWake;
 };
 
@@ -109,13 +112,15 @@ void MonitorLoop() {
     Bus& bus = TheBus();
     std::unique_lock<std::mutex> lock(bus.mutex);
     while (!bus.monitorStop) {
-        bus.monitorWake.wait_for(lock, std::chrono::milliseconds(200));
+        detail::WaitMs(
+            bus.monitorWake, lock, 200, [&bus] { return bus.monitorStop; }, "watchdog monitor");
         const uint64_t now = detail::ElapsedMs();
         std::vector<std::pair<std::string, uint64_t>> starving;
         for (auto& item : bus.watchdog) {
             WatchdogEntry& entry = item.second;
             const uint64_t silenceMs = entry.silenceMs != 0 ? entry.silenceMs : bus.watchdogTimeoutMs;
-            if (!entry.warned && now - entry.lastFeedMs > silenceMs) {
+            // A feed from before the clock changed hands may lie ahead of it.
+            if (!entry.warned && now >= entry.lastFeedMs && now - entry.lastFeedMs > silenceMs) {
                 entry.warned = true;
                 starving.emplace_back(entry.name, now - entry.lastFeedMs);
             }
@@ -128,6 +133,9 @@ void MonitorLoop() {
         }
         lock.lock();
     }
+    bus.monitorEnded = true;
+    bus.monitorWake.notify_all();
+    detail::SimNotify(&bus.monitorWake);
 }
 
 }  // namespace
@@ -166,7 +174,7 @@ bool WaitForSent(const std::function<bool(const BusMessage&)>& match, int timeou
         }
         return false;
     };
-    return bus.sentChanged.wait_for(lock, std::chrono::milliseconds(timeoutMs), found);
+    return detail::WaitMs(bus.sentChanged, lock, timeoutMs, found, "WaitForSent");
 }
 
 void SetSendObserver(std::function<void(const BusMessage&)> observer) {
@@ -247,10 +255,13 @@ std::map<std::string, uint64_t> WatchdogFeeds() {
 bool WaitForWatchdogFeeds(const std::string& client, uint64_t count, int timeoutMs) {
     Bus& bus = TheBus();
     std::unique_lock<std::mutex> lock(bus.mutex);
-    return bus.fed.wait_for(lock, std::chrono::milliseconds(timeoutMs), [&] {
-        auto it = bus.feedCounts.find(client);
-        return it != bus.feedCounts.end() && it->second >= count;
-    });
+    return detail::WaitMs(
+        bus.fed, lock, timeoutMs,
+        [&] {
+            auto it = bus.feedCounts.find(client);
+            return it != bus.feedCounts.end() && it->second >= count;
+        },
+        "WaitForWatchdogFeeds");
 }
 
 void SetWatchdogTimeoutMs(uint64_t ms) {
@@ -290,6 +301,7 @@ void PostBusMessage(const BusMessage& message) {
                         message.payload.size());
     }
     bus.sentChanged.notify_all();
+    SimNotify(&bus.sentChanged);
     if (observer) {
         observer(message);
     }
@@ -307,6 +319,7 @@ void FeedWatchdog(const void* client, const std::string& name, uint64_t silenceM
         ++bus.feedCounts[name];
     }
     bus.fed.notify_all();
+    SimNotify(&bus.fed);
 }
 
 void ForgetWatchdog(const void* client) {
@@ -324,8 +337,9 @@ void StartWatchdogMonitor() {
     {
         std::lock_guard<std::mutex> lock(bus.mutex);
         bus.monitorStop = false;
+        bus.monitorEnded = false;
     }
-    bus.monitor = std::thread(MonitorLoop);
+    bus.monitor = StartThread("watchdog monitor", MonitorLoop);
 }
 
 void StopWatchdogMonitor() {
@@ -335,10 +349,18 @@ void StopWatchdogMonitor() {
         return;
     }
     {
-        std::lock_guard<std::mutex> lock(bus.mutex);
+        std::unique_lock<std::mutex> lock(bus.mutex);
         bus.monitorStop = true;
+        bus.monitorWake.notify_all();
+        SimNotify(&bus.monitorWake);
+        // On the simulated clock the monitor needs a turn to see the stop, and a join would
+        // keep this runner's turn; its end is waited for on the clock, the join then is brief.
+        if (SimOn()) {
+            WaitMs(
+                bus.monitorWake, lock, kWaitEndless, [&bus] { return bus.monitorEnded; },
+                "StopWatchdogMonitor");
+        }
     }
-    bus.monitorWake.notify_all();
     bus.monitor.join();
 }
 
@@ -382,8 +404,9 @@ int CMsgClientManage::MSGWaitForEvent(int timeoutMs) {
     {
         std::unique_lock<std::mutex> lock(m_impl->mutex);
         if (timeoutMs > 0 && !nvx::g_instantWaits.load()) {
-            m_impl->arrived.wait_for(lock, std::chrono::milliseconds(timeoutMs),
-                                     [this] { return !m_impl->queue.empty(); });
+            nvx::detail::WaitMs(
+                m_impl->arrived, lock, timeoutMs, [this] { return !m_impl->queue.empty(); },
+                "MSGWaitForEvent");
         }
         ready.swap(m_impl->queue);
     }

@@ -16,6 +16,7 @@
 #include <vector>
 
 #include "Device.h"
+#include "SimClock.h"
 
 namespace nvx {
 namespace {
@@ -41,11 +42,13 @@ ThreadState& Threads() {
 struct Start {
     OsUtilsThreadEntry entry;
     void* arg;
+    detail::SimTicket runner;  // null unless the simulated clock is on
 };
 
 void* RunCounted(void* raw) {
     Start start = *static_cast<Start*>(raw);
     delete static_cast<Start*>(raw);
+    detail::SimEnter(start.runner);
     // Counted, so that a test can hold a new thread at a gate: a thread the scheduler runs late.
     detail::CountCall("OsUtilsThreadStart");
     void* result = start.entry(start.arg);
@@ -55,6 +58,7 @@ void* RunCounted(void* raw) {
         --t.running;
     }
     t.ended.notify_all();
+    detail::SimNotify(&t.ended);
     return result;
 }
 
@@ -69,7 +73,8 @@ int RunningThreads() {
 bool WaitForThreadsToEnd(int timeoutMs) {
     ThreadState& t = Threads();
     std::unique_lock<std::mutex> lock(t.mutex);
-    return t.ended.wait_for(lock, std::chrono::milliseconds(timeoutMs), [&] { return t.running == 0; });
+    return detail::WaitMs(
+        t.ended, lock, timeoutMs, [&] { return t.running == 0; }, "WaitForThreadsToEnd");
 }
 
 std::vector<std::pair<unsigned int, int>> CreatedThreads() {
@@ -148,10 +153,11 @@ int OsUtilsCreateThread(pthread_t* handle, OsUtilsThreadEntry entry, void* arg, 
         ++t.running;
     }
     pthread_t local;
-    auto* start = new nvx::Start{entry, arg};
+    auto* start = new nvx::Start{entry, arg, nvx::detail::SimAdmit("OsUtilsCreateThread")};
     int rc = pthread_create(handle != nullptr ? handle : &local, &attr, nvx::RunCounted, start);
     pthread_attr_destroy(&attr);
     if (rc != 0) {
+        nvx::detail::SimWithdraw(start->runner);
         delete start;
         std::lock_guard<std::mutex> lock(t.mutex);
         --t.running;
@@ -167,6 +173,9 @@ unsigned long long OsUtilsGetTickCount(void) {
     if (nvx::g_tickHeld.load()) {
         return nvx::g_heldTick.load();
     }
+    if (nvx::detail::SimOn()) {
+        return nvx::detail::SimNowMs();
+    }
     struct timespec now;
     clock_gettime(CLOCK_MONOTONIC, &now);
     return static_cast<unsigned long long>(now.tv_sec) * 1000ULL +
@@ -180,6 +189,11 @@ void OsUtilsSleep(unsigned int ms) {
         t.sleeps[std::this_thread::get_id()].push_back(ms);
     }
     if (nvx::g_instantSleeps.load()) {
+        return;
+    }
+    if (nvx::detail::SimOn()) {
+        // A sleep of 0 still hands the turn on: a loop that polls with it lets the others run.
+        nvx::detail::SimWait(nullptr, nvx::detail::SimNowMs() + ms, nullptr, "OsUtilsSleep");
         return;
     }
     std::this_thread::sleep_for(std::chrono::milliseconds(ms));

@@ -33,6 +33,7 @@
 
 #include "Device.h"
 #include "JQ_SDK_Global.h"
+#include "SimClock.h"
 
 namespace nvx {
 namespace {
@@ -168,7 +169,8 @@ void DeliveryLoop() {
     ParamStore& s = Store();
     std::unique_lock<std::mutex> lock(s.mutex);
     for (;;) {
-        s.work.wait(lock, [&s] { return !s.pending.empty(); });
+        detail::WaitMs(
+            s.work, lock, detail::kWaitEndless, [&s] { return !s.pending.empty(); }, "parameter thread");
         Delivery delivery = std::move(s.pending.front());
         s.pending.pop_front();
         s.delivering = true;
@@ -186,6 +188,7 @@ void DeliveryLoop() {
         lock.lock();
         s.delivering = false;
         s.idle.notify_all();
+        detail::SimNotify(&s.idle);
     }
 }
 
@@ -193,7 +196,7 @@ void DeliveryLoop() {
 bool Enqueue(ParamStore& s, Delivery delivery) {
     if (!s.workerStarted) {
         try {
-            std::thread worker(DeliveryLoop);
+            std::thread worker = detail::StartThread("parameter thread", DeliveryLoop);
             s.worker = worker.get_id();
             worker.detach();
             s.workerStarted = true;
@@ -203,6 +206,7 @@ bool Enqueue(ParamStore& s, Delivery delivery) {
     }
     s.pending.push_back(std::move(delivery));
     s.work.notify_one();
+    detail::SimNotify(&s.work);
     return true;
 }
 
@@ -212,11 +216,13 @@ void DropDeliveries(ParamStore& s, std::unique_lock<std::mutex>& lock) {
     s.listeners.clear();
     s.pending.clear();
     s.idle.notify_all();
+    detail::SimNotify(&s.idle);
     // A callback that tears the SDK down must not wait for itself.
     if (s.workerStarted && std::this_thread::get_id() == s.worker) {
         return;
     }
-    s.idle.wait(lock, [&s] { return !s.delivering; });
+    detail::WaitMs(
+        s.idle, lock, detail::kWaitEndless, [&s] { return !s.delivering; }, "parameter store stop");
 }
 
 // ---- the store file ----
@@ -507,8 +513,8 @@ int SetParameterDocument(const std::string& text) {
 bool WaitForParamIdle(int timeoutMs) {
     ParamStore& s = Store();
     std::unique_lock<std::mutex> lock(s.mutex);
-    return s.idle.wait_for(lock, std::chrono::milliseconds(timeoutMs),
-                           [&s] { return s.pending.empty() && !s.delivering; });
+    return detail::WaitMs(
+        s.idle, lock, timeoutMs, [&s] { return s.pending.empty() && !s.delivering; }, "WaitForParamIdle");
 }
 
 namespace detail {
