@@ -62,6 +62,12 @@ protected:
 
     // Where a path on the device lies on this machine.
     std::string HostPath(const std::string& devicePath) const { return m_device.path() + devicePath; }
+    // A business configuration that enables the OSD business on a thread of its own.
+    void WriteOsdOnItsOwnThread() const {
+        WriteDeviceFile("/usr/local/cfg/truckbusiness.jsn",
+                        R"({"BUSINESS_CONFIG":[{"BUSINESS_ENABLE":"true","BUSINESS_ID":7,)"
+                        R"("BUSINESS_NAME":"truckosd","BUSINESS_THREAD":"true"}]})");
+    }
     // Replaces the file at a device path with the bytes, making the folders it needs.
     void WriteDeviceFile(const std::string& devicePath, const std::string& bytes) const {
         const std::filesystem::path file = HostPath(devicePath);

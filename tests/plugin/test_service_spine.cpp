@@ -119,9 +119,7 @@ protected:
     ServiceFaults() : ManagerOnDevice("test_service_faults") {}
     void SetUp() override {
         ASSERT_NO_FATAL_FAILURE(ManagerOnDevice::SetUp());
-        WriteDeviceFile("/usr/local/cfg/truckbusiness.jsn",
-                        R"({"BUSINESS_CONFIG":[{"BUSINESS_ENABLE":"true","BUSINESS_ID":7,)"
-                        R"("BUSINESS_NAME":"truckosd","BUSINESS_THREAD":"true"}]})");
+        WriteOsdOnItsOwnThread();
         WriteDeviceFile("/mnt/tmpfs/global.bsn", R"({"PARAMETER":{"MDVR":{"GSP":{"LANT":7}}}})");
         param.ucRunning.store(0);
         manage.reset();  // the service makes its own

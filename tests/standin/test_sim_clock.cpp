@@ -303,9 +303,7 @@ protected:
     SimService() : ManagerOnDevice("test_sim_service") {}
     void SetUp() override {
         ASSERT_NO_FATAL_FAILURE(ManagerOnDevice::SetUp());
-        WriteDeviceFile("/usr/local/cfg/truckbusiness.jsn",
-                        R"({"BUSINESS_CONFIG":[{"BUSINESS_ENABLE":"true","BUSINESS_ID":7,)"
-                        R"("BUSINESS_NAME":"truckosd","BUSINESS_THREAD":"true"}]})");
+        WriteOsdOnItsOwnThread();
         WriteDeviceFile("/mnt/tmpfs/global.bsn",
                         R"({"PARAMETER":{"MDVR":{"TIMEP":{"TIMEZ":"480"},"EOSD":[{"TX":100,"TY":20,"SX":900,)"
                         R"("SY":40,"TFS":2,"COSD":[{"X":400,"Y":80,"EN":1}]}]}}})");
