@@ -129,9 +129,9 @@ void BusLogWriter::WriteRun(const RunInfo& run) {
         params = Json::Value();
     }
     Put("{\"t_ms\": 0, \"kind\": \"run\", \"start_time\": " +
-        Compact(Json::Value(DeviceTimeText(run.startTime))) +
-        ", \"sysroot\": " + Compact(Json::Value(run.sysroot)) + ", \"device\": " + Compact(device) +
-        ", \"plugin\": " + Compact(Json::Value(run.plugin)) +
+        Compact(Json::Value(DeviceTimeText(run.startTime))) + ", \"clock\": \"" +
+        (run.simClock ? "sim" : "real") + "\", \"sysroot\": " + Compact(Json::Value(run.sysroot)) +
+        ", \"device\": " + Compact(device) + ", \"plugin\": " + Compact(Json::Value(run.plugin)) +
         ", \"version\": " + Compact(Json::Value(run.version)) + ", \"params\": " + Compact(params) + "}\n");
 }
 
@@ -186,6 +186,12 @@ bool ReadRun(const Json::Value& line, RunInfo& run, std::string& error) {
         error = "the run's start_time '" + start + "' is not YYYY-MM-DDTHH:MM:SS of 1970 to 2099";
         return false;
     }
+    const std::string clock = line["clock"].isString() ? line["clock"].asString() : "real";
+    if (clock != "sim" && clock != "real") {
+        error = "the run's clock '" + clock + "' is neither sim nor real";
+        return false;
+    }
+    run.simClock = clock == "sim";
     run.sysroot = line["sysroot"].asString();
     std::string reason;
     if (!nvx::ParseDeviceProfile(device, run.device, reason)) {

@@ -25,6 +25,7 @@ namespace truckhost {
 
 struct RunInfo {
     int64_t startTime = 0;  // the device's wall clock at start, seconds since 1970, no zone
+    bool simClock = false;  // the device ran on the simulated clock (a log without "clock": real)
     std::string sysroot;
     nvx::DeviceProfile device;
     std::string plugin;

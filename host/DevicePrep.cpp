@@ -45,6 +45,12 @@ bool TakeRecording(Options& options, Device& device, std::string& error) {
         return false;
     }
     options.script = std::move(parsed.steps);
+    if (options.clockGiven && options.simClock != run.simClock) {
+        error = std::string("--replay runs on the recorded clock (") + (run.simClock ? "sim" : "real") +
+                "); it takes no --clock " + (options.simClock ? "sim" : "real");
+        return false;
+    }
+    options.simClock = run.simClock;
     options.sysroot = run.sysroot;
     options.sysrootGiven = true;
     options.startTime = run.startTime;

@@ -192,6 +192,18 @@ const OptionSpec kOptions[] = {
      "time, messages sent by event, frames and overlaps",
      Keep<&Options::summary>},
     {"stats", nullptr, "print the same as a table on standard error at exit", Switch<&Options::stats>},
+    {"clock", "sim|real",
+     "the device's clock: real (default) runs on the machine's; sim runs device time as fast as\n"
+     "the plug-in allows, the same on every run (--duration, at_ms, gap_ms, t_ms, frames count it)",
+     [](const std::string& v, Options& o, std::string& error) {
+         if (v != "sim" && v != "real") {
+             error = "--clock takes sim or real, not '" + v + "'";
+             return false;
+         }
+         o.simClock = v == "sim";
+         o.clockGiven = true;
+         return true;
+     }},
     {"version", nullptr, "print truckhost's version and the plug-in's, read from its file, and exit",
      Switch<&Options::showVersion>},
     {"help", nullptr, "this text", Switch<&Options::showHelp>},

@@ -41,6 +41,10 @@ struct Options {
     int frameWidth = 1920, frameHeight = 1080;
     std::string summary;
     bool stats = false;
+    // The device's clock: the machine's, or the simulated one that runs as fast as the plug-in
+    // allows and the same on every run.
+    bool simClock = false;
+    bool clockGiven = false;
 };
 
 // Fills `options` from the command line, defaults first. -1 to go on, else the exit status:

@@ -13,6 +13,11 @@ int HostRun::Report(RunResult result) {
     // one that does not is a fault of the plug-in, reported without running destructors
     // under it.
     const bool threadsEnded = nvx::WaitForThreadsToEnd(5000);
+    if (m_sim) {
+        // The run's device time stands from here on; the rest of the exit is the machine's.
+        m_simEndMs = SinceStart();
+        nvx::SimClockOff();
+    }
     nvx::SetSendObserver(nullptr);
     nvx::SetParamWriteObserver(nullptr);
     if (!result.failure.empty()) {
@@ -63,6 +68,11 @@ void HostRun::WriteSummary(int status) {
     RunSummary summary;
     summary.exitStatus = status;
     summary.seconds = static_cast<double>(SinceStart()) / 1000.0;
+    if (m_sim) {
+        summary.clock = "sim";
+        summary.wallSeconds =
+            std::chrono::duration<double>(std::chrono::steady_clock::now() - m_started).count();
+    }
     summary.threads = m_sampler.Figures();
     {
         std::lock_guard<std::mutex> lock(m_sentMutex);

@@ -5,6 +5,7 @@
 #include <string.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <limits>
 #include <thread>
 
@@ -15,6 +16,10 @@ namespace truckhost {
 namespace {
 
 volatile sig_atomic_t g_stopRequested = 0;
+
+// The device's tick when the simulated clock starts: a recorder some time after boot, the same
+// on every run.
+constexpr uint64_t kSimStartTickMs = 60000;
 
 void OnSignal(int) {
     g_stopRequested = 1;
@@ -38,15 +43,33 @@ HostRun::HostRun(const Options& options, const Device& device)
     : m_options(options),
       m_device(device),
       m_started(std::chrono::steady_clock::now()),
+      m_sim(options.simClock),
       m_view(m_media, ViewOptionsOf(options), [this] { return SinceStart(); }) {}
 
 uint64_t HostRun::SinceStart() const {
+    if (m_sim) {
+        return nvx::SimClockIsOn() ? nvx::SimNowMs() - kSimStartTickMs : m_simEndMs.load();
+    }
     return static_cast<uint64_t>(
         std::chrono::duration_cast<std::chrono::milliseconds>(std::chrono::steady_clock::now() - m_started)
             .count());
 }
 
 bool HostRun::SetUp(std::string& error) {
+    if (!m_sim) {
+        return SetUpDevice(error);
+    }
+    // Before anything of the device runs, so that all of it runs on the clock; this thread is
+    // its first runner, the driver.
+    nvx::SimClockOn(kSimStartTickMs);
+    if (!SetUpDevice(error)) {
+        nvx::SimClockOff();
+        return false;
+    }
+    return true;
+}
+
+bool HostRun::SetUpDevice(std::string& error) {
     nvx::SetLogLevel(m_options.logLevel);
     nvx::SetSystemRoot(m_options.sysroot);
     nvx::SetDeviceProfile(m_device.profile);
@@ -111,6 +134,7 @@ bool HostRun::OpenBusLog(std::string& error) {
     RunInfo run;
     // The clock as it stands now, given or not, so that a replay starts from the same second.
     run.startTime = nvx::WallClock();
+    run.simClock = m_sim;
     run.sysroot = m_options.sysroot;
     run.device = m_device.profile;
     run.plugin = m_options.plugin;
@@ -144,11 +168,16 @@ RunResult HostRun::Run() {
         });
         nvx::SetLogLevel(-1);
     }
-    m_view.Start();
-    StartScript(panel);
-    uint64_t nextNoteMs = 0;
+    m_logSteps = m_options.logLevel >= 3 && !panel;
     std::string framesFailure;
-    while (g_stopRequested == 0 && !Ended() && !m_restartFailed) {
+    m_view.Start(!m_sim);
+    if (m_sim) {
+        DriveSimulated(framesFailure);
+    } else {
+        StartScript();
+    }
+    uint64_t nextNoteMs = 0;
+    while (!m_sim && g_stopRequested == 0 && !Ended() && !m_restartFailed) {
         if (m_view.FramesFailed(framesFailure)) {
             break;
         }
@@ -183,41 +212,77 @@ bool HostRun::Ended() const {
     return m_options.duration >= 0 && static_cast<double>(SinceStart()) >= m_options.duration * 1000.0;
 }
 
-void HostRun::StartScript(bool panel) {
+uint64_t HostRun::EndMs() const {
+    const double durationMs = m_options.duration * 1000.0;
+    return m_options.duration < 0 || durationMs >= 1e18 ? std::numeric_limits<uint64_t>::max()
+                                                        : static_cast<uint64_t>(durationMs);
+}
+
+void HostRun::StartScript() {
     if (m_options.script.empty()) {
         return;
     }
-    const double durationMs = m_options.duration * 1000.0;
-    const uint64_t endMs = m_options.duration < 0 || durationMs >= 1e18 ? std::numeric_limits<uint64_t>::max()
-                                                                        : static_cast<uint64_t>(durationMs);
-    const bool logStderr = m_options.logLevel >= 3 && !panel;
-    // Steps are written to the logs before they run: what the plug-in sends in answer
-    // comes after its cause.
-    m_timeline.Start(m_options.script, m_started, endMs, [this, logStderr](const ScriptStep& step) {
+    m_timeline.Start(m_options.script, m_started, EndMs(),
+                     [this](const ScriptStep& step) { PerformStep(step); });
+}
+
+// Steps are written to the logs before they run: what the plug-in sends in answer comes after
+// its cause.
+void HostRun::PerformStep(const ScriptStep& step) {
+    const uint64_t now = SinceStart();
+    if (m_logBus) {
+        m_busLog.WriteStep(now, step.number, step.source);
+    }
+    if (m_logSteps) {
+        fprintf(stderr, "truckhost: %llu ms: script step %zu: %s\n", static_cast<unsigned long long>(now),
+                step.number, step.source.c_str());
+    }
+    m_view.OnStep(step.source);
+    if (step.injection == Injection::kRestart) {
+        // The stopping run's threads keep their figures up to the stop; the next run's
+        // threads are told apart by its number.
+        SampleThreads();
+        if (!m_plugin.Restart(step.gapMs, [this] {
+                if (m_sampling) {
+                    m_sampler.NextRun();
+                }
+            })) {
+            m_restartFailed = true;
+        }
+        return;
+    }
+    RunStep(step);
+}
+
+// The driver lets the device run up to the next thing due (a step, a second's frame, the end),
+// then does it on its turn: the device waits meanwhile, so each happens at its exact device
+// millisecond. A signal is seen at the next of them, a second of device time at most.
+void HostRun::DriveSimulated(std::string& framesFailure) {
+    const uint64_t endMs = EndMs();
+    ScriptCursor cursor(m_options.script);
+    ScriptStep step;
+    bool stepDue = cursor.Next(step);
+    uint64_t nextSecondMs = 1000;
+    while (g_stopRequested == 0 && !m_restartFailed) {
+        const uint64_t next = std::min({endMs, nextSecondMs, stepDue ? step.atMs : endMs});
+        nvx::SimSleepUntil(kSimStartTickMs + next);
         const uint64_t now = SinceStart();
-        if (m_logBus) {
-            m_busLog.WriteStep(now, step.number, step.source);
+        if (now >= endMs) {
+            break;
         }
-        if (logStderr) {
-            fprintf(stderr, "truckhost: %llu ms: script step %zu: %s\n", static_cast<unsigned long long>(now),
-                    step.number, step.source.c_str());
+        while (stepDue && step.atMs <= now && !m_restartFailed) {
+            PerformStep(step);
+            stepDue = cursor.Next(step);
         }
-        m_view.OnStep(step.source);
-        if (step.injection == Injection::kRestart) {
-            // The stopping run's threads keep their figures up to the stop; the next
-            // run's threads are told apart by its number.
-            SampleThreads();
-            if (!m_plugin.Restart(step.gapMs, [this] {
-                    if (m_sampling) {
-                        m_sampler.NextRun();
-                    }
-                })) {
-                m_restartFailed = true;
+        if (now >= nextSecondMs) {
+            UpdateNote();
+            m_view.Step(now);
+            if (m_view.FramesFailed(framesFailure)) {
+                break;
             }
-            return;
+            nextSecondMs = (now / 1000 + 1) * 1000;
         }
-        RunStep(step);
-    });
+    }
 }
 
 // The plug-in's threads end at a stop: their last figures are taken just before it.

@@ -2,7 +2,11 @@
 //   SetUp (HostRun.cpp): the device's clock, store and mount, the bus log, the views and the
 //     observers that feed them, the plug-in's module, the signals that end the run;
 //   Run (HostRun.cpp): load and start, the script's steps at their times, the loop that waits
-//     for the end (duration, signal, a failed frame or restart), stop;
+//     for the end (duration, signal, a failed frame or restart), stop. On the simulated clock
+//     the thread that runs it is the driver, a runner of the clock: it performs the steps,
+//     the restarts and the frames itself, each at its device time, and no other host thread
+//     waits on the device (the view has no thread then; the sampler reads /proc on the
+//     machine's clock and calls nothing of the device);
 //   Report (HostReport.cpp): the plug-in's threads waited for, the replay compared with its
 //     recording, the summary, the bus log's end, the exit status.
 // The bus observers run on the plug-in's threads and the script's steps on the script's thread.
@@ -49,10 +53,16 @@ public:
     int Report(RunResult result);
 
 private:
+    bool SetUpDevice(std::string& error);
+    // The host's milliseconds since start: the machine's, or the device's on the simulated clock.
     uint64_t SinceStart() const;
     bool OpenBusLog(std::string& error);
     bool Ended() const;
-    void StartScript(bool panel);
+    void StartScript();
+    void PerformStep(const ScriptStep& step);
+    // The run loop on the simulated clock; a frame that failed leaves its reason.
+    void DriveSimulated(std::string& framesFailure);
+    uint64_t EndMs() const;
     void SampleThreads();
     void UpdateNote();
     void WriteSummary(int status);
@@ -60,6 +70,9 @@ private:
     const Options& m_options;
     const Device& m_device;
     const std::chrono::steady_clock::time_point m_started;
+    const bool m_sim;
+    std::atomic<uint64_t> m_simEndMs{0};  // the device time the clock was switched off at
+    bool m_logSteps = false;              // each step on stderr
     media::MediaSide m_media;
     HostView m_view;
     BusLogWriter m_busLog;

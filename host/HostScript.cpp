@@ -219,6 +219,11 @@ const StepKind kStepKinds[] = {
          out.gapMs = static_cast<uint64_t>(gap);
          return true;
      }},
+    {"repeat", Injection::kRepeat,
+     "(none): play the steps before it again, their at_ms shifted by this one's",
+     [](StepMembers& members, ScriptStep& out) {
+         return out.atMs > 0 || members.Fail("at_ms of a repeat must be above 0");
+     }},
 };
 
 // Fills `out` from `step`; false with the problem in `members`.
@@ -333,8 +338,37 @@ void RunStep(const ScriptStep& step) {
             nvx::InjectStorageReport(step.result, step.text);
             break;
         case Injection::kRestart:
+        case Injection::kRepeat:
             break;
     }
+}
+
+bool ScriptCursor::Next(ScriptStep& out) {
+    while (m_index < m_steps.size()) {
+        const ScriptStep& step = m_steps[m_index++];
+        if (step.injection == Injection::kRepeat) {
+            if (m_index == 1 ||
+                step.atMs > static_cast<uint64_t>(std::numeric_limits<int64_t>::max()) - m_offsetMs) {
+                return false;
+            }
+            m_offsetMs += step.atMs;
+            m_index = 0;
+            continue;
+        }
+        out = step;
+        if (m_offsetMs != 0) {
+            out.atMs += m_offsetMs;
+            // The log records the step as it ran: a replay of it plays the same times.
+            Json::Value source;
+            std::string ignored;
+            if (ReadScriptJson(step.source, source, ignored)) {
+                source["at_ms"] = Json::UInt64(out.atMs);
+                out.source = Compact(source);
+            }
+        }
+        return true;
+    }
+    return false;
 }
 
 void ScriptTimeline::Start(std::vector<ScriptStep> steps, std::chrono::steady_clock::time_point origin,
@@ -366,7 +400,9 @@ void ScriptTimeline::Run() {
     prctl(PR_SET_NAME, "host-script", 0, 0, 0);
     // A century keeps the deadline inside the clock's range for any at_ms.
     constexpr uint64_t kFarMs = 100ULL * 366 * 24 * 3600 * 1000;
-    for (const ScriptStep& step : m_steps) {
+    ScriptCursor cursor(m_steps);
+    ScriptStep step;
+    while (cursor.Next(step)) {
         if (step.atMs >= m_endMs) {
             break;
         }

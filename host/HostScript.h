@@ -21,8 +21,18 @@ namespace truckhost {
 constexpr size_t kMaxSwipeText = 0x7FFFFF - 13;
 
 // How a step reaches the device; "speed" and "swipe" are bus events with a built payload.
-// kRestart is the host's own: it stops the plug-in and starts it again in the same process.
-enum class Injection { kBusEvent, kDevSignal, kCanRecord, kParameters, kWallClock, kStorageReport, kRestart };
+// kRestart and kRepeat are the host's own: the one stops the plug-in and starts it again in the
+// same process, the other plays the script again from its first step.
+enum class Injection {
+    kBusEvent,
+    kDevSignal,
+    kCanRecord,
+    kParameters,
+    kWallClock,
+    kStorageReport,
+    kRestart,
+    kRepeat
+};
 
 // The longest pause a restart step may ask for between stop and start.
 constexpr int64_t kMaxRestartGapMs = 600000;
@@ -55,6 +65,21 @@ std::vector<uint8_t> SwipePayload(const std::string& text);
 
 // Hands the step to the simulated device; a restart is left to the caller.
 void RunStep(const ScriptStep& step);
+
+// The steps in running order, with the repeats played out: a repeat step at N starts them again
+// from the first, each at its time plus N (and its source saying so), so that a day's drive
+// needs no day-long file. A repeat that no step precedes ends the script.
+class ScriptCursor {
+public:
+    explicit ScriptCursor(const std::vector<ScriptStep>& steps) : m_steps(steps) {}
+    // The next step to run; false when none is left.
+    bool Next(ScriptStep& out);
+
+private:
+    const std::vector<ScriptStep>& m_steps;
+    size_t m_index = 0;
+    uint64_t m_offsetMs = 0;
+};
 
 // Performs steps on a thread of its own, each when its time after `origin` has come.
 class ScriptTimeline {

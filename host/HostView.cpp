@@ -267,29 +267,44 @@ bool HostView::Prepare(std::string& error) {
 #endif
 }
 
-void HostView::Start() {
+void HostView::Start(bool ownThread) {
     std::lock_guard<std::mutex> lock(m_mutex);
-    if (m_thread.joinable()) {
+    if (m_started) {
         return;
     }
+    m_started = true;
     m_stopping = false;
     if (m_options.panel) {
         fputs("\x1b[?25l\x1b[2J", stdout);  // hide the cursor, clear the screen
         fflush(stdout);
     }
-    m_thread = std::thread(&HostView::Run, this);
+    if (ownThread) {
+        m_thread = std::thread(&HostView::Run, this);
+    }
+}
+
+void HostView::Step(uint64_t tMs) {
+    WriteFrames(m_media.Take(), Format("%04llu", static_cast<unsigned long long>(tMs / 1000)));
+    const auto now = std::chrono::steady_clock::now();
+    if (!m_options.panel || now - m_lastRefresh >= kRefresh) {
+        m_lastRefresh = now;
+        Refresh(tMs, false);
+    }
 }
 
 void HostView::Stop() {
     {
         std::lock_guard<std::mutex> lock(m_mutex);
-        if (!m_thread.joinable()) {
+        if (!m_started) {
             return;
         }
+        m_started = false;
         m_stopping = true;
     }
     m_wake.notify_all();
-    m_thread.join();
+    if (m_thread.joinable()) {
+        m_thread.join();
+    }
     const uint64_t now = m_sinceStart();
     WriteFrames(m_media.Take(), "exit");
     Refresh(now, true);

@@ -8,6 +8,7 @@
 #include <stdint.h>
 
 #include <atomic>
+#include <chrono>
 #include <condition_variable>
 #include <deque>
 #include <functional>
@@ -57,7 +58,12 @@ public:
 
     // False with a message when the frames folder cannot be made.
     bool Prepare(std::string& error);
-    void Start();
+    // With a thread of its own, which frames and refreshes on the machine's clock; without, the
+    // caller calls Step once a second of its own clock (the simulated device's).
+    void Start(bool ownThread = true);
+    // The frames of the second `tMs` is in, and the lines or the panel (which is redrawn at
+    // most as often as its own thread would).
+    void Step(uint64_t tMs);
     // Writes the frames at exit and the last panel or lines; the view thread has ended after.
     void Stop();
 
@@ -82,6 +88,7 @@ private:
     std::mutex m_mutex;  // guards the members below
     std::condition_variable m_wake;
     bool m_stopping = false;
+    bool m_started = false;
     std::deque<std::string> m_recentLog;
     std::string m_lastStep;
     std::string m_note;
@@ -97,6 +104,7 @@ private:
     std::string m_framesNote;
     std::string m_noteShown;
     int m_panelLines = 0;
+    std::chrono::steady_clock::time_point m_lastRefresh;  // Step only
 };
 
 }  // namespace truckhost

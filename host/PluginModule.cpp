@@ -10,6 +10,7 @@
 
 #include "HostOptions.h"
 #include "HostText.h"
+#include "NvxControl.h"
 #include "TruckVersion.h"
 
 namespace truckhost {
@@ -93,7 +94,12 @@ bool PluginService::Restart(uint64_t gapMs, const std::function<void()>& stopped
     std::lock_guard<std::mutex> lock(m_mutex);
     StopLocked();
     stopped();
-    std::this_thread::sleep_for(std::chrono::milliseconds(gapMs));
+    if (nvx::SimClockIsOn()) {
+        // The caller is the runner that drives the device: the pause is device time.
+        nvx::SimSleepUntil(nvx::SimNowMs() + gapMs);
+    } else {
+        std::this_thread::sleep_for(std::chrono::milliseconds(gapMs));
+    }
     return StartLocked() == 0;
 }
 

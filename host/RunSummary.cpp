@@ -252,6 +252,15 @@ std::vector<ThreadFigures> ThreadSampler::Figures() const {
     return figures;
 }
 
+namespace {
+
+// A run too short for the machine's clock to see counts as a millisecond.
+double DevicePerWall(const RunSummary& s) {
+    return s.seconds / std::max(s.wallSeconds, 0.001);
+}
+
+}  // namespace
+
 std::string SummaryJson(const RunSummary& s) {
     std::string out = "{\"exit\": " + std::to_string(s.exitStatus) + ", \"seconds\": " + Fixed(s.seconds, 2) +
                       ", \"threads\": [";
@@ -271,9 +280,13 @@ std::string SummaryJson(const RunSummary& s) {
         out += (firstEvent ? "\"" : ", \"") + EventKey(event) + "\": " + std::to_string(count);
         firstEvent = false;
     }
-    out += "}, \"frames\": " + std::to_string(s.frames) + ", \"overlaps\": " + std::to_string(s.overlaps) +
-           "}\n";
-    return out;
+    out += "}, \"frames\": " + std::to_string(s.frames) + ", \"overlaps\": " + std::to_string(s.overlaps);
+    if (!s.clock.empty()) {
+        out += ", \"clock\": " + Compact(Json::Value(s.clock)) +
+               ", \"wall_seconds\": " + Fixed(s.wallSeconds, 3) +
+               ", \"device_per_wall\": " + Fixed(DevicePerWall(s), 1);
+    }
+    return out + "}\n";
 }
 
 std::string StatsTable(const RunSummary& s) {
@@ -297,6 +310,10 @@ std::string StatsTable(const RunSummary& s) {
     out += s.messages.empty() ? " none\n" : "\n";
     out += "frames: " + std::to_string(s.frames) + "  overlaps: " + std::to_string(s.overlaps) +
            "  exit: " + std::to_string(s.exitStatus) + " after " + Fixed(s.seconds, 1) + " s\n";
+    if (!s.clock.empty()) {
+        out += "clock: " + s.clock + "  device " + Fixed(s.seconds, 1) + " s  wall " +
+               Fixed(s.wallSeconds, 3) + " s  " + Fixed(DevicePerWall(s), 1) + " device s per wall s\n";
+    }
     return out;
 }
 

@@ -97,10 +97,15 @@ struct RunSummary {
     std::map<int, uint64_t> messages;  // bus event -> messages sent
     uint64_t frames = 0;
     uint64_t overlaps = 0;
+    // "sim" when the device ran on the simulated clock: `seconds` are then device seconds, and
+    // the wall seconds they took are told beside them with the ratio.
+    std::string clock;
+    double wallSeconds = 0;
 };
 
 // One JSON object: {"exit", "seconds", "threads": [{"name", "owner", "wakeups_per_s",
-// "cpu_percent"}], "messages": {"0x1210": N, ...}, "frames", "overlaps"}.
+// "cpu_percent"}], "messages": {"0x1210": N, ...}, "frames", "overlaps"}, and on the simulated
+// clock "clock": "sim", "wall_seconds" and "device_per_wall" (device seconds per wall second).
 std::string SummaryJson(const RunSummary& summary);
 // The same as an aligned table for a terminal, one thread a line.
 std::string StatsTable(const RunSummary& summary);

@@ -2,7 +2,7 @@
 """The host as a new user tries it: product variants from one identity file, refusals before
 start with their reasons, a plug-in named from the current folder, a restart in the same
 process, a run recorded and replayed, a frame that cannot be written, the note when nothing is
-drawn, the run's summary, and the panel on a terminal.
+drawn, the run's summary, the panel on a terminal, and the simulated clock.
 
 Arguments: the truckhost program, the demo folder (with device/ and global.bsn), and the drive
 script to record."""
@@ -10,10 +10,12 @@ import concurrent.futures
 import json
 import os
 import pty
+import re
 import shutil
 import subprocess
 import sys
 import tempfile
+import time
 
 HOST, DEMO, DRIVE = sys.argv[1:4]
 WORK = tempfile.mkdtemp()
@@ -66,6 +68,9 @@ def refusals():
         expect_refused(["--replay", not_json, option, value], f"it takes no {option}\n")
     expect_refused(["--channel", "4"], "the device has 4 channel(s) (0 to 3)")
     expect_refused(["--duration=soon"], "--duration takes a number of seconds, not 'soon'")
+    expect_refused(["--clock", "fast"], "--clock takes sim or real, not 'fast'")
+    expect_refused(["--script", write("repeat0.json", '[{"at_ms": 0, "kind": "repeat"}]')],
+                   "step 1: at_ms of a repeat must be above 0")
 
     rc, out, _ = run("--help")
     check(rc == 0 and "--opt=value" in out and all(f"  {s}  " in out for s in "0123"), "--help lists the exit statuses", out)
@@ -199,7 +204,38 @@ def terminal():
           and "stop: 0, ucRunning 0" in after, "the status lines come after the panel", repr(screen[-600:]))
 
 
-CASES = [refusals, variants, restart, record_and_replay, frames, nothing_drawn, terminal]
+# On the simulated clock a run is the same every time and takes no device time to wait: the
+# same command gives the same bus log byte for byte, a script on repeat plays its steps at their
+# shifted device times, its replay agrees on its recorded clock, and an hour of device time ends.
+def simulated():
+    logs = [os.path.join(WORK, f"sim{i}.jsonl") for i in (1, 2)]
+    runs = [run("--clock", "sim", "--duration", "30", "--script", DRIVE, "--start-time", "2026-01-02T08:00:00",
+                "--bus-log", log, "--stats") for log in logs]
+    texts = [open(log).read() for log in logs]
+    check(all(r[0] == 0 for r in runs) and texts[0] == texts[1] and '"clock": "sim"' in texts[0].split("\n")[0],
+          "two sim runs of one command give one bus log", runs[0][2] + runs[1][2])
+    ratio = re.search(r"\nclock: sim  device (\d+\.\d) s  wall \d+\.\d{3} s  \d+\.\d device s per wall s\n$", runs[0][2])
+    check(ratio and ratio.group(1) == f"{json.loads(texts[0].splitlines()[-1])['t_ms'] / 1000:.1f}",
+          "--stats tells device seconds, wall seconds and their ratio", runs[0][2])
+
+    repeat = write("repeat.json", '[{"at_ms": 100, "kind": "speed", "speed": 10, "unit": 0}, '
+                                  '{"at_ms": 1000, "kind": "repeat"}, {"at_ms": 1500, "kind": "swipe", "text": "X"}]')
+    log = os.path.join(WORK, "repeat.jsonl")
+    rc, out, err = run("--clock", "sim", "--duration", "3.1", "--script", repeat, "--bus-log", log)
+    steps = [(m["t_ms"], m["step"], m["do"]["at_ms"]) for m in bus_lines(log) if m["kind"] == "script"]
+    check(rc == 0 and steps == [(100, 1, 100), (1100, 1, 1100), (2100, 1, 2100)],
+          "a repeat plays the steps before it again, shifted, on device time", steps)
+    rc, out, err = run("--replay", log, "--check")
+    check(rc == 0 and "agrees" in err, "a sim recording replays on its clock", err)
+    expect_refused(["--replay", log, "--clock", "real"], "--replay runs on the recorded clock (sim); it takes no --clock real")
+
+    began = time.monotonic()
+    rc, out, err = run("--clock", "sim", "--duration", "3600", "--script", DRIVE, "--stats", timeout=200)
+    check(rc == 0 and "clock: sim  device 3600." in err, "a device hour on the simulated clock ends", err[-400:])
+    print(f"a device hour of the demo drive took {time.monotonic() - began:.1f} s of wall time")
+
+
+CASES = [simulated, refusals, variants, restart, record_and_replay, frames, nothing_drawn, terminal]
 
 # The runs are independent and mostly wait on the plug-in's cycles: they share the time.
 with concurrent.futures.ThreadPoolExecutor(max_workers=len(CASES)) as pool:

@@ -115,7 +115,7 @@ TEST(ThreadOwner, NamePrefixesPickTheOwner) {
 }
 
 truckhost::RunSummary Sample() {
-    truckhost::RunSummary s{3, 61.257, {}, {{0x1210, 120}, {0x402F, 1}, {0xA, 7}}, 61, 2};
+    truckhost::RunSummary s{3, 61.257, {}, {{0x1210, 120}, {0x402F, 1}, {0xA, 7}}, 61, 2, "", 0};
     s.threads = {{"truckservice", "plug-in", 20.04, 1.234, 60}, {"odd \"(x)\\", "host", 0.5, 0, 1}};
     return s;
 }
@@ -156,6 +156,17 @@ TEST(RunSummary, TableAlignsThreadsAndListsTheCounts) {
     EXPECT_EQ(l[1].find("20.0") + 4, l[0].find("wakeups/s") + 9);
     EXPECT_EQ(l[3], "messages: 0x000A 7 0x1210 120 0x402F 1");
     EXPECT_EQ(l[4].rfind("frames: 61  overlaps: 2", 0), 0u) << l[4];
+    EXPECT_EQ(truckhost::StatsTable(Sample()).find("clock"), std::string::npos);
+    // On the simulated clock: the device seconds, the wall seconds they took, and the ratio.
+    truckhost::RunSummary sim = Sample();
+    sim.clock = "sim";
+    sim.wallSeconds = 0.5;
+    const std::string simTable = truckhost::StatsTable(sim);
+    EXPECT_EQ(simTable.substr(simTable.rfind("\n", simTable.size() - 2) + 1),
+              "clock: sim  device 61.3 s  wall 0.500 s  122.5 device s per wall s\n");
+    const std::string json = truckhost::SummaryJson(sim);
+    EXPECT_EQ(json.substr(json.find(", \"clock\"")),
+              ", \"clock\": \"sim\", \"wall_seconds\": 0.500, \"device_per_wall\": 122.5}\n");
 }
 
 // Wakeups are bounded by the waits the test drives, not by time: one sleep per wake, plus a
