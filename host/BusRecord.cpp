@@ -254,6 +254,7 @@ bool ReadRecording(const std::string& path, Recording& out, std::string& error) 
                 return false;
             }
             message.event = line["event"].asInt();
+            message.client = line["client"].isString() ? line["client"].asString() : "";
             // The check compares the bytes alone: a line whose fields tell another story than
             // its hex was edited by hand, and would pass for what it does not test.
             Json::Value fields;
@@ -412,7 +413,47 @@ bool FirstUnmatched(const std::vector<Entry>& from, const std::vector<Entry>& in
     return false;
 }
 
+// A message as the exact check tells it: what it is, and its decoded fields.
+std::string Told(const RecordedMessage& m) {
+    Json::Value fields;
+    const std::string name = DecodeBusMessage(m.event, m.payload, fields);
+    char event[16];
+    snprintf(event, sizeof(event), "0x%04X", static_cast<unsigned>(m.event));
+    return std::string("event ") + event +
+           (name.empty() ? " " + HexText(m.payload) : " (" + name + ") " + Compact(fields)) + " from " +
+           (m.client.empty() ? std::string("?") : m.client) + " at " + std::to_string(m.tMs) + " ms";
+}
+
+bool SameMessage(const RecordedMessage& a, const RecordedMessage& b) {
+    return a.tMs == b.tMs && a.event == b.event && a.payload == b.payload && a.client == b.client;
+}
+
 }  // namespace
+
+bool CompareExactly(const std::vector<RecordedMessage>& recorded,
+                    const std::vector<RecordedMessage>& replayed, uint64_t endMs, std::string& difference) {
+    auto before = [endMs](const std::vector<RecordedMessage>& all) {
+        std::vector<const RecordedMessage*> kept;
+        for (const RecordedMessage& m : all) {
+            if (m.tMs < endMs) {
+                kept.push_back(&m);
+            }
+        }
+        return kept;
+    };
+    const auto expected = before(recorded);
+    const auto got = before(replayed);
+    for (size_t i = 0; i < expected.size() || i < got.size(); ++i) {
+        if (i < expected.size() && i < got.size() && SameMessage(*expected[i], *got[i])) {
+            continue;
+        }
+        difference = "message " + std::to_string(i + 1) + ": recorded " +
+                     (i < expected.size() ? Told(*expected[i]) : std::string("nothing more")) +
+                     "; the replay sent " + (i < got.size() ? Told(*got[i]) : std::string("nothing more"));
+        return false;
+    }
+    return true;
+}
 
 bool CompareRecordings(const std::vector<RecordedMessage>& recorded,
                        const std::vector<RecordedMessage>& replayed, uint64_t endMs,

@@ -37,6 +37,7 @@ struct RecordedMessage {
     uint64_t tMs = 0;  // the host's milliseconds since start
     int event = 0;
     std::vector<uint8_t> payload;
+    std::string client;  // the bus client that sent it
 };
 
 struct Recording {
@@ -90,6 +91,13 @@ bool ReadRecording(const std::string& path, Recording& out, std::string& error);
 constexpr uint64_t kSlackMs = 600;
 bool CompareRecordings(const std::vector<RecordedMessage>& recorded,
                        const std::vector<RecordedMessage>& replayed, uint64_t endMs, std::string& difference);
+
+// Agreement of a replay with a recording made on the simulated clock, where two runs of one
+// device are the same run: every message of every client at the same device millisecond with
+// the same bytes, in the same order, up to (not including) endMs. False with the first
+// difference, both sides decoded.
+bool CompareExactly(const std::vector<RecordedMessage>& recorded,
+                    const std::vector<RecordedMessage>& replayed, uint64_t endMs, std::string& difference);
 
 // True when two date-time texts are the same or one second apart: the same text around an
 // "H:MM:SS" one second apart (of the day, or of the half day when " AM" or " PM" follows),

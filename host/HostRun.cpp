@@ -99,7 +99,7 @@ bool HostRun::SetUpDevice(std::string& error) {
             std::lock_guard<std::mutex> lock(m_sentMutex);
             ++m_messageCounts[m.event];
             if (m_options.check) {
-                m_sent.push_back(RecordedMessage{now, m.event, m.payload});
+                m_sent.push_back(RecordedMessage{now, m.event, m.payload, m.client});
             }
         }
         m_media.OnBusMessage(now, m.event, m.payload.data(), m.payload.size());

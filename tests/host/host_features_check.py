@@ -218,6 +218,22 @@ def simulated():
     check(ratio and ratio.group(1) == f"{json.loads(texts[0].splitlines()[-1])['t_ms'] / 1000:.1f}",
           "--stats tells device seconds, wall seconds and their ratio", runs[0][2])
 
+    # Its replay is the same run: it agrees with no slack, and one time text changed in one
+    # line, a single cycle's, is the difference.
+    rc, out, err = run("--replay", logs[0], "--check")
+    check(rc == 0 and "agrees" in err, "a sim recording replays exactly", err)
+    lines = bus_lines(logs[0])
+    at = [n for n, m in enumerate(lines) if m.get("name") == "overlay" and m["fields"]["kind"] == 0][20]
+    old = lines[at]["fields"]["text"]
+    new = old[:-1] + ("1" if old[-1] != "1" else "2")
+    lines[at] = dict(lines[at], hex=lines[at]["hex"].replace(old.encode().hex(), new.encode().hex()),
+                     fields=dict(lines[at]["fields"], text=new))
+    edited = write("sim-edited.jsonl", "".join(json.dumps(m) + "\n" for m in lines))
+    rc, out, err = run("--replay", edited, "--check")
+    check(rc == 1 and f'recorded event 0x1210 (overlay) {{"font"' in err and f'"text":"{new}"' in err
+          and f'"text":"{old}"' in err and f"at {lines[at]['t_ms']} ms" in err,
+          "one overlay text changed in one line of a sim recording is the difference", err)
+
     repeat = write("repeat.json", '[{"at_ms": 100, "kind": "speed", "speed": 10, "unit": 0}, '
                                   '{"at_ms": 1000, "kind": "repeat"}, {"at_ms": 1500, "kind": "swipe", "text": "X"}]')
     log = os.path.join(WORK, "repeat.jsonl")

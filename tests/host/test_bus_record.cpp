@@ -33,13 +33,13 @@ Bytes Overlay(uint8_t kind, uint32_t mask, uint16_t x, uint16_t y, uint8_t font,
 }
 
 RecordedMessage Speed(uint64_t t, const char* text) {
-    return {t, kOverlay, Overlay(2, 1, 10, 20, 16, text)};
+    return {t, kOverlay, Overlay(2, 1, 10, 20, 16, text), "truckosd"};
 }
 RecordedMessage Clock(uint64_t t, const char* text, uint16_t x = 10) {
-    return {t, kOverlay, Overlay(0, 1, x, 40, 16, text)};
+    return {t, kOverlay, Overlay(0, 1, x, 40, 16, text), "truckosd"};
 }
 RecordedMessage Turn(uint64_t t, uint8_t state) {
-    return {t, kIoTurn, {state}};
+    return {t, kIoTurn, {state}, "truckosd"};
 }
 
 bool Parse(const std::string& text, Json::Value& value) {
@@ -51,6 +51,33 @@ bool Agree(const std::vector<RecordedMessage>& recorded, const std::vector<Recor
            uint64_t endMs = 10000) {
     std::string difference;
     return truckhost::CompareRecordings(recorded, replayed, endMs, difference);
+}
+
+// A recording of the simulated clock: the same messages at the same millisecond from the same
+// client, in order, up to the end compared; the first difference told decoded.
+TEST(BusRecord, CompareExactly) {
+    const std::vector<RecordedMessage> run = {Clock(1000, "10:00:01"), Speed(1000, "50 km/h"), Turn(2000, 1)};
+    std::string difference;
+    EXPECT_TRUE(truckhost::CompareExactly(run, run, 10000, difference));
+    std::vector<RecordedMessage> other = run;
+    other[2].tMs = 2001;
+    EXPECT_FALSE(truckhost::CompareExactly(run, other, 10000, difference)) << "a millisecond late";
+    EXPECT_TRUE(truckhost::CompareExactly(run, other, 2000, difference)) << "past the end compared";
+    other = run;
+    other[2].client = "truckbusiness.02";
+    EXPECT_FALSE(truckhost::CompareExactly(run, other, 10000, difference)) << "from another client";
+    EXPECT_FALSE(truckhost::CompareExactly(run, {run[1], run[0], run[2]}, 10000, difference))
+        << "out of order";
+    other = run;
+    other[1] = Speed(1000, "51 km/h");
+    EXPECT_FALSE(truckhost::CompareExactly(run, other, 10000, difference));
+    EXPECT_EQ(difference.rfind("message 2: recorded event 0x1210 (overlay) ", 0), 0u) << difference;
+    EXPECT_NE(difference.find("\"text\":\"50 km/h\""), std::string::npos) << difference;
+    EXPECT_NE(difference.find("\"text\":\"51 km/h\",\"x\":10,\"y\":20} from truckosd at 1000 ms"),
+              std::string::npos)
+        << difference;
+    EXPECT_FALSE(truckhost::CompareExactly(run, {run[0], run[1]}, 10000, difference));
+    EXPECT_NE(difference.find("the replay sent nothing more"), std::string::npos) << difference;
 }
 
 TEST(BusRecord, TimeTextsWithinASecond) {
@@ -214,8 +241,8 @@ TEST(BusRecord, LogWrittenAndReadBack) {
     EXPECT_EQ(rec.endMs, 400u);
     ASSERT_EQ(rec.messages.size(), 2u);
     auto message = [](const RecordedMessage& m) { return std::make_tuple(m.tMs, m.event, m.payload); };
-    EXPECT_EQ(message(rec.messages[0]), message({120, kOverlay, overlay}));
-    EXPECT_EQ(message(rec.messages[1]), message({450, 0x9999, {0xff, 0x00, 0xa5}}));
+    EXPECT_EQ(message(rec.messages[0]), message({120, kOverlay, overlay, ""}));
+    EXPECT_EQ(message(rec.messages[1]), message({450, 0x9999, {0xff, 0x00, 0xa5}, ""}));
 
     // A line whose fields no longer tell what its hex says was edited: refused, with its number.
     std::stringstream written;
