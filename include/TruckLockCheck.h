@@ -37,13 +37,6 @@ public:
         m_mutex.lock();
         Enter();
     }
-    bool try_lock() {
-        if (!m_mutex.try_lock()) {
-            return false;
-        }
-        Enter();
-        return true;
-    }
     void unlock() {
         Leave();
         m_mutex.unlock();

@@ -176,18 +176,16 @@ int CTruckServiceBase::business_stop() {
         business_uninit();
         m_iThreadState.store(kTruckThreadStopAsked);
     }
-    TruckWaitThreadStopped(m_iThreadState);
-    // A thread that has not taken its ticket by now (never created, or not yet scheduled) never
-    // runs in this business: it has nothing to undo and nothing to wait for any more.
-    if (m_iThreadState.load() != kTruckThreadStopped && TruckWithdrawThreadTicket(m_pThreadTicket)) {
-        m_iThreadState.store(kTruckThreadStopped);
-    }
+    TruckWaitThreadStopped(m_iThreadState, m_pThreadTicket);
     return 0;
 }
 
-void TruckWaitThreadStopped(const std::atomic<int32_t>& state) {
+void TruckWaitThreadStopped(std::atomic<int32_t>& state, void* ticket) {
     for (int i = 0; i < kTruckStopPolls && state.load() != kTruckThreadStopped; ++i) {
         OsUtilsSleep(kTruckStopPollMs);
+    }
+    if (state.load() != kTruckThreadStopped && TruckWithdrawThreadTicket(ticket)) {
+        state.store(kTruckThreadStopped);
     }
 }
 

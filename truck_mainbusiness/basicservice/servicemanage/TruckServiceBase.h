@@ -36,8 +36,10 @@ inline unsigned long long TruckTickDistance(unsigned long long a, unsigned long 
     return a > b ? a - b : b - a;
 }
 
-// Waits, in the bounded stop polls, until a thread has written its stopped state (3).
-void TruckWaitThreadStopped(const std::atomic<int32_t>& state);
+// Waits, in the bounded stop polls, until a thread has written its stopped state. A thread that
+// has not taken its ticket by then (never created, or not yet scheduled) never runs: its ticket
+// is withdrawn and its state written stopped for it.
+void TruckWaitThreadStopped(std::atomic<int32_t>& state, void* ticket);
 
 // Logs, at level 0, what `where` threw.
 void TruckLogThreadFault(const char* where, const char* what);

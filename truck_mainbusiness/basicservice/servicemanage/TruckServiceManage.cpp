@@ -5,6 +5,7 @@
 #include <string.h>
 #include <sys/prctl.h>
 
+#include <algorithm>
 #include <new>
 
 #include "CommonDefine.h"
@@ -249,18 +250,17 @@ bool CTruckServiceManage::basic_threads_stopped() {
     if (m_iThreadState.load() != kTruckThreadStopped) {
         return false;
     }
-    std::vector<CTruckServiceBase*> businesses = basic_business_list();
-    {
-        MutexLocker locker(m_runStateMutex);
-        businesses.insert(businesses.end(), m_retiredBusiness.begin(), m_retiredBusiness.end());
-    }
-    for (CTruckServiceBase* business : businesses) {
-        if (business->business_get_is_independ() != 0 &&
-            business->business_get_thread_state() != kTruckThreadStopped) {
+    auto stopped = [](const CTruckServiceBase* business) {
+        return business == nullptr || business->business_get_is_independ() == 0 ||
+               business->business_get_thread_state() == kTruckThreadStopped;
+    };
+    MutexLocker locker(m_runStateMutex);
+    for (const auto& entry : m_mapBusiness) {
+        if (!stopped(entry.second)) {
             return false;
         }
     }
-    return true;
+    return std::all_of(m_retiredBusiness.begin(), m_retiredBusiness.end(), stopped);
 }
 
 // The businesses in ascending id order, as a copy: the first pass may still enter one.
@@ -430,12 +430,7 @@ int CTruckServiceManage::basic_uninit() {
     if (!running) {
         return 0;
     }
-    TruckWaitThreadStopped(m_iThreadState);
-    // A cycle thread that has not taken its ticket by now (never created, or not yet scheduled)
-    // never runs in this manager.
-    if (m_iThreadState.load() != kTruckThreadStopped && TruckWithdrawThreadTicket(m_pCycleTicket)) {
-        m_iThreadState.store(kTruckThreadStopped);
-    }
+    TruckWaitThreadStopped(m_iThreadState, m_pCycleTicket);
     return 0;
 }
 
