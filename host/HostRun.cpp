@@ -288,6 +288,13 @@ void HostRun::DriveSimulated(std::string& framesFailure) {
             stepDue = cursor.Next(step);
         }
         if (now >= nextSecondMs) {
+            if (m_sampling) {
+                // The stand-in keeps the last 100 000 messages sent for its tests (the host counts
+                // its own): some 16 MB, which a recorder does not hold, shifting the heap by tens of
+                // kilobytes from one day's end to the next and, spread among what the plug-in
+                // holds, keeping megabytes of pages resident or not as it happens.
+                nvx::ClearSentMessages();
+            }
             UpdateNote();
             m_view.Step(now);
             if (m_view.FramesFailed(framesFailure)) {
@@ -304,10 +311,6 @@ void HostRun::SampleDay() {
     if (!m_sampling) {
         return;
     }
-    // The stand-in keeps the last 100 000 messages sent for its tests (the host counts its own):
-    // some 16 MB whose mix at a day's end shifts the heap by tens of kilobytes from day to day.
-    // A recorder has no such record.
-    nvx::ClearSentMessages();
     // Free pages the allocator keeps stay resident as the day's peak left them; handed back
     // first, the resident figure follows what is held, as the heap's does.
     malloc_trim(0);
