@@ -79,6 +79,7 @@ void HostRun::WriteSummary(int status) {
             std::chrono::duration<double>(std::chrono::steady_clock::now() - m_started).count();
     }
     summary.threads = m_sampler.Figures();
+    summary.days = m_days;
     {
         std::lock_guard<std::mutex> lock(m_sentMutex);
         summary.messages = m_messageCounts;

@@ -6,7 +6,7 @@
 //     the thread that runs it is the driver, a runner of the clock: it performs the steps,
 //     the restarts and the frames itself, each at its device time, and no other host thread
 //     waits on the device (the view has no thread then; the sampler reads /proc on the
-//     machine's clock and calls nothing of the device);
+//     machine's clock and of the device only its time);
 //   Report (HostReport.cpp): the plug-in's threads waited for, the replay compared with its
 //     recording, the summary, the bus log's end, the exit status.
 // The bus observers run on the plug-in's threads and the script's steps on the script's thread.
@@ -64,6 +64,8 @@ private:
     void DriveSimulated(std::string& framesFailure);
     uint64_t EndMs() const;
     void SampleThreads();
+    // The process at the end of a device day, and what was sent that day (--summary, --stats).
+    void SampleDay();
     void UpdateNote();
     void WriteSummary(int status);
 
@@ -84,7 +86,9 @@ private:
     std::atomic<bool> m_restartFailed{false};  // set on the script's thread
     std::mutex m_sentMutex;                    // guards the two below
     std::map<int, uint64_t> m_messageCounts;
-    std::vector<RecordedMessage> m_sent;  // with --check
+    std::vector<RecordedMessage> m_sent;     // with --check
+    std::map<int, uint64_t> m_countsBefore;  // at the latest day's end; the driver's own
+    std::vector<DaySample> m_days;           // the driver's own
 };
 
 }  // namespace truckhost

@@ -3,6 +3,7 @@
 #include <dirent.h>
 #include <errno.h>
 #include <fcntl.h>
+#include <malloc.h>
 #include <stdio.h>
 #include <stdlib.h>
 #include <string.h>
@@ -138,13 +139,14 @@ const char* ThreadOwner(const std::string& name) {
     return "plug-in";
 }
 
-void ThreadSampler::Start(std::chrono::milliseconds interval) {
+void ThreadSampler::Start(std::chrono::milliseconds interval, DeviceClock deviceClock) {
     {
         std::lock_guard<std::mutex> lock(m_mutex);
         if (m_started) {
             return;
         }
         m_started = true;
+        m_deviceClock = std::move(deviceClock);
     }
     SampleNow();
     m_sampler = std::thread([this, interval] { Run(interval); });
@@ -202,19 +204,26 @@ void ThreadSampler::SampleNow() {
         }
     }
     closedir(dir);
-    Merge(readings, run);
+    // Read once the counters are: the device time they reached is at most this.
+    Merge(readings, run, m_deviceClock ? m_deviceClock() : 0);
 }
 
-void ThreadSampler::Merge(const std::vector<Reading>& readings, int run) {
+void ThreadSampler::Merge(const std::vector<Reading>& readings, int run, double device) {
     std::lock_guard<std::mutex> lock(m_mutex);
     const bool first = !m_sampled;
     m_sampled = true;
+    // /proc tells a thread's birth on the machine's clock only: one born since the latest
+    // sample counts its device time from that sample, on the simulated clock a few hundred
+    // device seconds early at most.
+    const double bornAfter = m_lastDevice;
+    m_lastDevice = std::max(m_lastDevice, device);
     for (const Reading& r : readings) {
         auto it = m_threads.find({r.tid, r.startTicks});
         if (it == m_threads.end()) {
             Observed o;
             o.order = m_threads.size();
             o.run = run;
+            o.deviceFrom = first ? device : bornAfter;
             if (first) {
                 o.from = r.at;
                 o.firstTicks = r.cpuTicks;
@@ -229,6 +238,7 @@ void ThreadSampler::Merge(const std::vector<Reading>& readings, int run) {
         Observed& o = it->second;
         o.name = r.name;
         o.last = r.at;
+        o.deviceLast = std::max(o.deviceLast, device);
         o.lastTicks = r.cpuTicks;
         o.lastWakeups = r.wakeups;
     }
@@ -248,11 +258,78 @@ std::vector<ThreadFigures> ThreadSampler::Figures() const {
             f.cpuPercent =
                 100.0 * static_cast<double>(o.lastTicks - o.firstTicks) / TicksPerSecond() / f.seconds;
         }
+        f.deviceSeconds = std::max(0.0, o.deviceLast - o.deviceFrom);
+        if (f.deviceSeconds > 0) {
+            f.wakeupsPerDeviceSecond = static_cast<double>(o.lastWakeups - o.firstWakeups) / f.deviceSeconds;
+            f.cpuMsPerDeviceSecond =
+                1000.0 * static_cast<double>(o.lastTicks - o.firstTicks) / TicksPerSecond() / f.deviceSeconds;
+        }
     }
     return figures;
 }
 
 namespace {
+
+// Entries of a /proc folder, "." and ".." left out.
+int CountEntries(const char* path) {
+    DIR* dir = opendir(path);
+    if (dir == nullptr) {
+        return 0;
+    }
+    int count = 0;
+    while (dirent* entry = readdir(dir)) {
+        count += entry->d_name[0] != '.';
+    }
+    closedir(dir);
+    return count;
+}
+
+}  // namespace
+
+DaySample SampleProcess() {
+    DaySample sample;
+    std::string status;
+    static const char kRss[] = "\nVmRSS:";
+    size_t at = std::string::npos;
+    if (ReadSmallFile("/proc/self/status", status) && (at = status.find(kRss)) != std::string::npos) {
+        sample.rssKb = strtoull(status.c_str() + at + sizeof kRss - 1, nullptr, 10);
+    }
+#if defined(__GLIBC__) && (__GLIBC__ > 2 || __GLIBC_MINOR__ >= 33)
+    const struct mallinfo2 heap = mallinfo2();
+    sample.heapBytes = heap.uordblks + heap.hblkhd;
+#endif
+    sample.threads = CountEntries("/proc/self/task");
+    sample.fds = CountEntries("/proc/self/fd") - 1;  // the listing's own
+    return sample;
+}
+
+double PluginCpuMsPerDeviceSecond(const RunSummary& s) {
+    double ms = 0;
+    for (const ThreadFigures& t : s.threads) {
+        if (t.owner == "plug-in") {
+            ms += t.cpuMsPerDeviceSecond * t.deviceSeconds;
+        }
+    }
+    return s.seconds > 0 ? ms / s.seconds : 0;
+}
+
+namespace {
+
+std::string MessagesJson(const std::map<int, uint64_t>& messages) {
+    std::string out = "{";
+    for (const auto& [event, count] : messages) {
+        out += (out.size() == 1 ? "\"" : ", \"") + EventKey(event) + "\": " + std::to_string(count);
+    }
+    return out + "}";
+}
+
+std::string MessagesText(const std::map<int, uint64_t>& messages) {
+    std::string out;
+    for (const auto& [event, count] : messages) {
+        out += " " + EventKey(event) + " " + std::to_string(count);
+    }
+    return messages.empty() ? " none" : out;
+}
 
 // A run too short for the machine's clock to see counts as a millisecond.
 double DevicePerWall(const RunSummary& s) {
@@ -269,22 +346,30 @@ std::string SummaryJson(const RunSummary& s) {
         out += (i == 0 ? "" : ", ");
         // Thread names are whatever a thread set, quotes, control bytes and a UTF-8 sequence cut
         // short at 15 bytes included.
-        out += "{\"name\": " + Compact(Json::Value(t.name)) +
-               ", \"owner\": " + Compact(Json::Value(t.owner)) +
-               ", \"wakeups_per_s\": " + Fixed(t.wakeupsPerSecond, 1) +
-               ", \"cpu_percent\": " + Fixed(t.cpuPercent, 2) + "}";
+        out += "{\"name\": " + Compact(Json::Value(t.name)) + ", \"owner\": " + Compact(Json::Value(t.owner));
+        // A wall second of the simulated clock is thousands of device seconds, and as many as
+        // the machine happens to allow.
+        out += s.clock.empty() ? ", \"wakeups_per_s\": " + Fixed(t.wakeupsPerSecond, 1) +
+                                     ", \"cpu_percent\": " + Fixed(t.cpuPercent, 2) + "}"
+                               : ", \"wakeups_per_device_s\": " + Fixed(t.wakeupsPerDeviceSecond, 1) +
+                                     ", \"cpu_ms_per_device_s\": " + Fixed(t.cpuMsPerDeviceSecond, 4) + "}";
     }
-    out += "], \"messages\": {";
-    bool firstEvent = true;
-    for (const auto& [event, count] : s.messages) {
-        out += (firstEvent ? "\"" : ", \"") + EventKey(event) + "\": " + std::to_string(count);
-        firstEvent = false;
-    }
-    out += "}, \"frames\": " + std::to_string(s.frames) + ", \"overlaps\": " + std::to_string(s.overlaps);
+    out += "], \"messages\": " + MessagesJson(s.messages) + ", \"frames\": " + std::to_string(s.frames) +
+           ", \"overlaps\": " + std::to_string(s.overlaps);
     if (!s.clock.empty()) {
         out += ", \"clock\": " + Compact(Json::Value(s.clock)) +
                ", \"wall_seconds\": " + Fixed(s.wallSeconds, 3) +
-               ", \"device_per_wall\": " + Fixed(DevicePerWall(s), 1);
+               ", \"device_per_wall\": " + Fixed(DevicePerWall(s), 1) +
+               ", \"plugin_cpu_ms_per_device_s\": " + Fixed(PluginCpuMsPerDeviceSecond(s), 4) +
+               ", \"days\": [";
+        for (const DaySample& d : s.days) {
+            out += (&d == s.days.data() ? "{\"day\": " : ", {\"day\": ") + std::to_string(d.day) +
+                   ", \"rss_kb\": " + std::to_string(d.rssKb) +
+                   ", \"heap_bytes\": " + std::to_string(d.heapBytes) +
+                   ", \"threads\": " + std::to_string(d.threads) + ", \"fds\": " + std::to_string(d.fds) +
+                   ", \"messages\": " + MessagesJson(d.messages) + "}";
+        }
+        out += "]";
     }
     return out + "}\n";
 }
@@ -296,21 +381,30 @@ std::string StatsTable(const RunSummary& s) {
     }
     std::string out;
     char line[256];
-    snprintf(line, sizeof line, "%-*s  %-8s  %9s  %6s\n", nameWidth, "thread", "owner", "wakeups/s", "cpu %");
+    const bool sim = !s.clock.empty();
+    const char* wakeups = sim ? "wakeups/dev s" : "wakeups/s";
+    const char* cpu = sim ? "cpu ms/dev s" : "cpu %";
+    const int wakeupsWidth = static_cast<int>(strlen(wakeups)), cpuWidth = sim ? 12 : 6;
+    snprintf(line, sizeof line, "%-*s  %-8s  %*s  %*s\n", nameWidth, "thread", "owner", wakeupsWidth, wakeups,
+             cpuWidth, cpu);
     out += line;
     for (const ThreadFigures& t : s.threads) {
-        snprintf(line, sizeof line, "%-*s  %-8s  %9s  %6s\n", nameWidth, t.name.c_str(), t.owner.c_str(),
-                 Fixed(t.wakeupsPerSecond, 1).c_str(), Fixed(t.cpuPercent, 2).c_str());
+        snprintf(line, sizeof line, "%-*s  %-8s  %*s  %*s\n", nameWidth, t.name.c_str(), t.owner.c_str(),
+                 wakeupsWidth, Fixed(sim ? t.wakeupsPerDeviceSecond : t.wakeupsPerSecond, 1).c_str(),
+                 cpuWidth, (sim ? Fixed(t.cpuMsPerDeviceSecond, 4) : Fixed(t.cpuPercent, 2)).c_str());
         out += line;
     }
-    out += "messages:";
-    for (const auto& [event, count] : s.messages) {
-        out += " " + EventKey(event) + " " + std::to_string(count);
-    }
-    out += s.messages.empty() ? " none\n" : "\n";
+    out += "messages:" + MessagesText(s.messages) + "\n";
     out += "frames: " + std::to_string(s.frames) + "  overlaps: " + std::to_string(s.overlaps) +
            "  exit: " + std::to_string(s.exitStatus) + " after " + Fixed(s.seconds, 1) + " s\n";
-    if (!s.clock.empty()) {
+    for (const DaySample& d : s.days) {
+        out += "day " + std::to_string(d.day) + ": rss " + std::to_string(d.rssKb) + " kB  heap " +
+               std::to_string(d.heapBytes) + " B  threads " + std::to_string(d.threads) + "  fds " +
+               std::to_string(d.fds) + "  messages" + MessagesText(d.messages) + "\n";
+    }
+    // The clock's line stays the last: scripts read the ratio from it.
+    if (sim) {
+        out += "plug-in: " + Fixed(PluginCpuMsPerDeviceSecond(s), 4) + " ms of processor per device second\n";
         out += "clock: " + s.clock + "  device " + Fixed(s.seconds, 1) + " s  wall " +
                Fixed(s.wallSeconds, 3) + " s  " + Fixed(DevicePerWall(s), 1) + " device s per wall s\n";
     }

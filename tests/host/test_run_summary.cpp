@@ -1,9 +1,12 @@
-// The run summary: whose each thread is, the summary file as a JSON reader sees it, and the
-// thread sampler against threads whose blocking waits and CPU time the test knows.
+// The run summary: whose each thread is, the summary file as a JSON reader sees it, the thread
+// sampler against threads whose blocking waits and CPU time the test knows, on the machine's
+// clock and on a device clock the test moves, and what a device day's end reads of the process.
 #include <gtest/gtest.h>
 #include <json/json.h>
+#include <sys/mman.h>
 #include <sys/prctl.h>
 #include <sys/syscall.h>
+#include <string.h>
 #include <time.h>
 #include <unistd.h>
 
@@ -115,7 +118,7 @@ TEST(ThreadOwner, NamePrefixesPickTheOwner) {
 }
 
 truckhost::RunSummary Sample() {
-    truckhost::RunSummary s{3, 61.257, {}, {{0x1210, 120}, {0x402F, 1}, {0xA, 7}}, 61, 2, "", 0};
+    truckhost::RunSummary s{3, 61.257, {}, {{0x1210, 120}, {0x402F, 1}, {0xA, 7}}, 61, 2, "", 0, {}};
     s.threads = {{"truckservice", "plug-in", 20.04, 1.234, 60}, {"odd \"(x)\\", "host", 0.5, 0, 1}};
     return s;
 }
@@ -157,16 +160,53 @@ TEST(RunSummary, TableAlignsThreadsAndListsTheCounts) {
     EXPECT_EQ(l[3], "messages: 0x000A 7 0x1210 120 0x402F 1");
     EXPECT_EQ(l[4].rfind("frames: 61  overlaps: 2", 0), 0u) << l[4];
     EXPECT_EQ(truckhost::StatsTable(Sample()).find("clock"), std::string::npos);
-    // On the simulated clock: the device seconds, the wall seconds they took, and the ratio.
+}
+
+// On the simulated clock each thread counts per device second, the plug-in's threads add up to
+// its cost, and each device day is a line and an entry.
+TEST(RunSummary, OnTheSimulatedClockFiguresArePerDeviceSecondAndDaysAreListed) {
     truckhost::RunSummary sim = Sample();
     sim.clock = "sim";
     sim.wallSeconds = 0.5;
-    const std::string simTable = truckhost::StatsTable(sim);
-    EXPECT_EQ(simTable.substr(simTable.rfind("\n", simTable.size() - 2) + 1),
-              "clock: sim  device 61.3 s  wall 0.500 s  122.5 device s per wall s\n");
+    sim.threads = {{"truckservice", "plug-in", 9, 9, 1, 40, 19.96, 0.5},
+                   {"osd", "plug-in", 9, 9, 1, 20, 10, 0.25},
+                   {"nvx-watchdog", "stand-in", 9, 9, 1, 61, 1, 10}};
+    sim.days = {{1, 20480, 1048576, 12, 9, {{0x1210, 172801}, {0x402F, 3}}}, {2, 20484, 1048580, 12, 9, {}}};
+    EXPECT_NEAR(truckhost::PluginCpuMsPerDeviceSecond(sim), (0.5 * 40 + 0.25 * 20) / 61.257, 1e-12);
     const std::string json = truckhost::SummaryJson(sim);
-    EXPECT_EQ(json.substr(json.find(", \"clock\"")),
-              ", \"clock\": \"sim\", \"wall_seconds\": 0.500, \"device_per_wall\": 122.5}\n");
+    EXPECT_NE(
+        json.find("\"owner\": \"plug-in\", \"wakeups_per_device_s\": 20.0, \"cpu_ms_per_device_s\": 0.5000}"),
+        std::string::npos);  // not the wall figures, 9
+    EXPECT_NE(json.find(", \"clock\": \"sim\", \"wall_seconds\": 0.500, \"device_per_wall\": 122.5, "
+                        "\"plugin_cpu_ms_per_device_s\": 0.4081, \"days\": [{"),
+              std::string::npos);
+    Json::Value v;
+    std::istringstream in(json);
+    ASSERT_TRUE(Json::parseFromStream(Json::CharReaderBuilder(), in, &v, nullptr));
+    using Names = std::vector<std::string>;
+    EXPECT_EQ(v["threads"][2].getMemberNames(),
+              (Names{"cpu_ms_per_device_s", "name", "owner", "wakeups_per_device_s"}));
+    ASSERT_EQ(v["days"].size(), 2u);
+    EXPECT_EQ(v["days"][0].getMemberNames(),
+              (Names{"day", "fds", "heap_bytes", "messages", "rss_kb", "threads"}));
+    EXPECT_EQ(Json::writeString(Json::StreamWriterBuilder(), v["days"][0]["messages"]),
+              "{\n\t\"0x1210\" : 172801,\n\t\"0x402F\" : 3\n}");
+    EXPECT_TRUE(v["days"][1]["day"] == 2 && v["days"][1]["rss_kb"] == 20484 &&
+                v["days"][1]["heap_bytes"] == 1048580 && v["days"][1]["threads"] == 12 &&
+                v["days"][1]["fds"] == 9 && v["days"][1]["messages"].empty());
+    std::istringstream table(truckhost::StatsTable(sim));
+    std::vector<std::string> l;
+    for (std::string line; std::getline(table, line);) {
+        l.push_back(line);
+    }
+    ASSERT_EQ(l.size(), 10u);
+    EXPECT_EQ(l[0], "thread        owner     wakeups/dev s  cpu ms/dev s");
+    EXPECT_EQ(l[1], "truckservice  plug-in            20.0        0.5000");
+    EXPECT_EQ(l[6],
+              "day 1: rss 20480 kB  heap 1048576 B  threads 12  fds 9  messages 0x1210 172801 0x402F 3");
+    EXPECT_EQ(l[7], "day 2: rss 20484 kB  heap 1048580 B  threads 12  fds 9  messages none");
+    EXPECT_EQ(l[8], "plug-in: 0.4081 ms of processor per device second");
+    EXPECT_EQ(l[9], "clock: sim  device 61.3 s  wall 0.500 s  122.5 device s per wall s");
 }
 
 // Wakeups are bounded by the waits the test drives, not by time: one sleep per wake, plus a
@@ -176,11 +216,16 @@ TEST(ThreadSampler, CountsWakeupsAndCpuFromBirthOrFromTheFirstSample) {
     Sleeper early("early", 0.2);
     auto began = steady_clock::now();
     truckhost::ThreadSampler sampler;
-    sampler.Start(hours(1));  // no sample between the first and Stop's: the probe counts from birth
+    std::atomic<double> device{100};
+    // No sample of the interval between the first and Stop's: the probe counts from birth.
+    sampler.Start(hours(1), [&] { return device.load(); });
+    device = 110;
+    sampler.SampleNow();  // the latest before the probe's birth: its first device second
     Sleeper probe("probe (x) 1", 0.2);
     for (int i = 0; i < kWakes; ++i) {
         ASSERT_TRUE(probe.Wake()) << i;
     }
+    device = 130;
     sampler.Stop();
     double wall = duration<double>(steady_clock::now() - began).count();
     double probeCpu = probe.End();
@@ -192,7 +237,36 @@ TEST(ThreadSampler, CountsWakeupsAndCpuFromBirthOrFromTheFirstSample) {
     EXPECT_TRUE(p.seconds > 0 && p.seconds <= wall + 0.02) << p.seconds;  // birth is known to a tick
     EXPECT_LT(e.cpuPercent / 100 * e.seconds, 0.1);                       // its burn came before Start
     EXPECT_LE(e.seconds, wall);
+    // The same counts over device seconds: the early thread's from the first sample.
+    EXPECT_TRUE(p.deviceSeconds == 20 && e.deviceSeconds == 30) << p.deviceSeconds << " " << e.deviceSeconds;
+    EXPECT_NEAR(p.wakeupsPerDeviceSecond * 20, Wakeups(p), 1e-9);
+    EXPECT_NEAR(p.cpuMsPerDeviceSecond * 20 / 1000, p.cpuPercent / 100 * p.seconds, 1e-9);
+    EXPECT_NEAR(e.cpuMsPerDeviceSecond * 30 / 1000, e.cpuPercent / 100 * e.seconds, 1e-9);
     EXPECT_EQ(Named(all, "host-sampler").at(0).owner, "host");
+}
+
+// What a device day's end reads of the process: one thread, one descriptor and the memory the
+// test holds more.
+TEST(ProcessSample, SeesAThreadADescriptorAndTouchedMemoryMore) {
+    const truckhost::DaySample before = truckhost::SampleProcess();
+    constexpr size_t kBytes = 8 << 20;
+    std::unique_ptr<char[]> held(new char[kBytes]);
+    memset(held.get(), 1, kBytes);
+    // Mapped, never touched: the process's size, not what it holds.
+    void* untouched = mmap(nullptr, 8 * kBytes, PROT_READ | PROT_WRITE, MAP_PRIVATE | MAP_ANONYMOUS, -1, 0);
+    std::ifstream open("/proc/self/status");
+    Sleeper thread("counted", 0);
+    const truckhost::DaySample after = truckhost::SampleProcess();
+    EXPECT_EQ(after.threads, before.threads + 1);
+    EXPECT_EQ(after.fds, before.fds + 1);
+    EXPECT_GE(after.rssKb, before.rssKb + kBytes / 1024);
+#if !defined(__SANITIZE_ADDRESS__) && !defined(__SANITIZE_THREAD__)
+    // The sanitizers keep their heap apart from glibc's, shadow what it holds and run a thread.
+    EXPECT_GE(after.heapBytes, before.heapBytes + kBytes);
+    EXPECT_LT(after.rssKb, before.rssKb + 2 * kBytes / 1024);
+    EXPECT_EQ(before.threads, 1);
+#endif
+    munmap(untouched, 8 * kBytes);
 }
 
 // A restarted plug-in (and the device under it) brings threads of the old names: the second
