@@ -182,6 +182,7 @@ RunnerSlot::~RunnerSlot() {
         return;
     }
     Sim& s = TheSim();
+    OwnCalls own;
     std::lock_guard<std::mutex> lock(s.mutex);
     if (Current(s, runner)) {
         Leave(s, runner.get());
@@ -238,6 +239,7 @@ void ReportStall(Sim& s) {
 void WatchLoop() {
     prctl(PR_SET_NAME, "nvx-simwatch", 0, 0, 0);
     Sim& s = TheSim();
+    OwnCalls own;
     std::unique_lock<std::mutex> lock(s.mutex);
     while (!s.watchStop) {
         const int period = std::max(10, std::min(1000, s.stallLimitMs / 4));
@@ -270,6 +272,7 @@ SimTicket SimAdmit(const char* name) {
         return nullptr;
     }
     Sim& s = TheSim();
+    OwnCalls own;
     std::lock_guard<std::mutex> lock(s.mutex);
     if (!SimOn()) {
         return nullptr;
@@ -287,6 +290,7 @@ void SimEnter(const SimTicket& ticket) {
         return;
     }
     Sim& s = TheSim();
+    OwnCalls own;
     std::unique_lock<std::mutex> lock(s.mutex);
     t_slot.runner = ticket;
     ticket->thread = pthread_self();
@@ -299,6 +303,7 @@ void SimWithdraw(const SimTicket& ticket) {
         return;
     }
     Sim& s = TheSim();
+    OwnCalls own;
     std::lock_guard<std::mutex> lock(s.mutex);
     if (Current(s, ticket)) {
         Leave(s, ticket.get());
@@ -307,6 +312,7 @@ void SimWithdraw(const SimTicket& ticket) {
 
 bool SimHoldsTurn() {
     Sim& s = TheSim();
+    OwnCalls own;
     std::lock_guard<std::mutex> lock(s.mutex);
     return SimOn() && Current(s, t_slot.runner) && s.turn == t_slot.runner.get();
 }
@@ -316,6 +322,7 @@ std::shared_ptr<SimParked> SimPark(std::condition_variable* cv, std::mutex* mute
     parked->cv = cv;
     parked->mutex = mutex;
     Sim& s = TheSim();
+    OwnCalls own;
     std::lock_guard<std::mutex> lock(s.mutex);
     s.parked.push_back(parked);
     return parked;
@@ -327,6 +334,7 @@ bool SimParkedAdopted(const SimParked& parked) {
 
 void SimUnpark(const std::shared_ptr<SimParked>& parked) {
     Sim& s = TheSim();
+    OwnCalls own;
     std::lock_guard<std::mutex> lock(s.mutex);
     s.parked.erase(std::remove(s.parked.begin(), s.parked.end(), parked), s.parked.end());
     if (Current(s, parked->runner)) {
@@ -338,13 +346,43 @@ void SimUnpark(const std::shared_ptr<SimParked>& parked) {
 
 namespace {
 
-std::shared_ptr<SimParked> WaitTurn(const void* key, uint64_t deadlineMs,
-                                    std::unique_lock<std::mutex>* userLock, std::condition_variable* cv,
-                                    const char* where) {
+// The lock a waiter holds on entry: a standard one, or a platform mutex released by the
+// given calls.
+class UserLock {
+public:
+    explicit UserLock(std::unique_lock<std::mutex>* held) : m_held(held) {}
+    UserLock(pthread_mutex_t* mutex, int (*unlock)(pthread_mutex_t*), int (*lock)(pthread_mutex_t*))
+        : m_mutex(mutex), m_unlock(unlock), m_lock(lock) {}
+    void Release() {
+        if (m_held != nullptr) {
+            m_held->unlock();
+        } else {
+            m_unlock(m_mutex);
+        }
+    }
+    void Retake() {
+        if (m_held != nullptr) {
+            m_held->lock();
+        } else {
+            m_lock(m_mutex);
+        }
+    }
+    std::mutex* StdMutex() const { return m_held != nullptr ? m_held->mutex() : nullptr; }
+
+private:
+    std::unique_lock<std::mutex>* m_held = nullptr;
+    pthread_mutex_t* m_mutex = nullptr;
+    int (*m_unlock)(pthread_mutex_t*) = nullptr;
+    int (*m_lock)(pthread_mutex_t*) = nullptr;
+};
+
+std::shared_ptr<SimParked> WaitTurn(const void* key, uint64_t deadlineMs, UserLock* userLock,
+                                    std::condition_variable* cv, const char* where) {
     if (!SimOn()) {
         return nullptr;
     }
     Sim& s = TheSim();
+    OwnCalls own;
     std::unique_lock<std::mutex> lock(s.mutex);
     if (!SimOn()) {
         return nullptr;
@@ -361,7 +399,7 @@ std::shared_ptr<SimParked> WaitTurn(const void* key, uint64_t deadlineMs,
     self->where = where;
     const bool endless = cv != nullptr && userLock != nullptr && deadlineMs == kSimForever;
     self->waitCv = endless ? cv : nullptr;
-    self->waitMutex = endless ? userLock->mutex() : nullptr;
+    self->waitMutex = endless ? userLock->StdMutex() : nullptr;
     if (deadlineMs <= SimNowMs()) {
         MakeReady(s, self.get());  // a yield: everyone ready before it goes first
     } else {
@@ -373,14 +411,15 @@ std::shared_ptr<SimParked> WaitTurn(const void* key, uint64_t deadlineMs,
     if (s.turn == nullptr) {
         Dispatch(s);
     }
+    // Only now, with the waiter listed: a notification that takes this lock finds it.
     if (userLock != nullptr) {
-        userLock->unlock();
+        userLock->Release();
     }
     self->turn.wait(lock, [&] { return s.turn == self.get() || !Current(s, self); });
     std::shared_ptr<SimParked> parked = std::move(self->parkedAs);
     lock.unlock();
     if (userLock != nullptr) {
-        userLock->lock();
+        userLock->Retake();
     }
     return parked;
 }
@@ -388,12 +427,24 @@ std::shared_ptr<SimParked> WaitTurn(const void* key, uint64_t deadlineMs,
 }  // namespace
 
 void SimWait(const void* key, uint64_t deadlineMs, std::unique_lock<std::mutex>* lock, const char* where) {
-    WaitTurn(key, deadlineMs, lock, nullptr, where);
+    if (lock == nullptr) {
+        WaitTurn(key, deadlineMs, nullptr, nullptr, where);
+        return;
+    }
+    UserLock held(lock);
+    WaitTurn(key, deadlineMs, &held, nullptr, where);
+}
+
+void SimWaitReleasing(const void* key, uint64_t deadlineMs, pthread_mutex_t* mutex,
+                      int (*unlock)(pthread_mutex_t*), int (*lock)(pthread_mutex_t*), const char* where) {
+    UserLock held(mutex, unlock, lock);
+    WaitTurn(key, deadlineMs, &held, nullptr, where);
 }
 
 std::shared_ptr<SimParked> SimWaitOn(std::condition_variable& cv, uint64_t deadlineMs,
                                      std::unique_lock<std::mutex>& lock, const char* where) {
-    return WaitTurn(&cv, deadlineMs, &lock, &cv, where);
+    UserLock held(&lock);
+    return WaitTurn(&cv, deadlineMs, &held, &cv, where);
 }
 
 void SimNotify(const void* key) {
@@ -401,6 +452,7 @@ void SimNotify(const void* key) {
         return;
     }
     Sim& s = TheSim();
+    OwnCalls own;
     std::lock_guard<std::mutex> lock(s.mutex);
     bool woke = false;
     for (const SimTicket& r : s.runners) {
@@ -418,6 +470,9 @@ void SimNotify(const void* key) {
 
 void SimClockOn(uint64_t startTickMs) {
     detail::Sim& s = detail::TheSim();
+    // Also for the wake-ups of the parked threads below, which are the stand-in's own, and
+    // the stall watch's start.
+    detail::OwnCalls own;
     std::vector<std::shared_ptr<detail::SimParked>> adopted;
     {
         std::lock_guard<std::mutex> lock(s.mutex);
@@ -452,12 +507,13 @@ void SimClockOn(uint64_t startTickMs) {
         parked->adopted = true;
         parked->cv->notify_all();
     }
-    s.watch = std::thread(detail::WatchLoop);
+    s.watch = std::thread(detail::WatchLoop);  // under `own`: never a runner
 }
 
 void SimClockOff() {
     detail::Sim& s = detail::TheSim();
     {
+        detail::OwnCalls own;
         std::lock_guard<std::mutex> lock(s.mutex);
         if (!detail::SimOn()) {
             return;
@@ -502,6 +558,7 @@ void SimSleepUntil(uint64_t deviceMs) {
 
 void SetSimStallLimitMs(int ms) {
     detail::Sim& s = detail::TheSim();
+    detail::OwnCalls own;
     std::lock_guard<std::mutex> lock(s.mutex);
     s.stallLimitMs = ms > 0 ? ms : 20000;
     s.watchWake.notify_all();
