@@ -121,6 +121,7 @@ bool HostRun::SetUpDevice(std::string& error) {
     sigaction(SIGTERM, &action, nullptr);
     m_sampling = !m_options.summary.empty() || m_options.stats;
     if (m_sampling) {
+        nvx::HostThreads hostThreads;  // samples on the machine's clock, also with the device on its own
         m_sampler.Start();
     }
     return true;

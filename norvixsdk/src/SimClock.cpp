@@ -1,7 +1,8 @@
 // The simulated device clock and the scheduler that keeps it.
 //
 // What always holds, under Sim::mutex (the innermost lock of the stand-in: taken inside any
-// other, never held while calling out):
+// other, never held while calling out; held through a ClockLock, since the clock also runs
+// inside the calls it takes over from threads it adopted, see SimThreads.cpp):
 //   - at most one runner holds the turn (`turn`); every other runner is ready (queued in
 //     `ready`, first come first served) or waiting (on a key, a deadline, or both);
 //   - device time (`g_simNowMs`) moves only in Dispatch, when nobody holds the turn and
@@ -182,8 +183,7 @@ RunnerSlot::~RunnerSlot() {
         return;
     }
     Sim& s = TheSim();
-    OwnCalls own;
-    std::lock_guard<std::mutex> lock(s.mutex);
+    ClockLock lock(s.mutex);
     if (Current(s, runner)) {
         Leave(s, runner.get());
     }
@@ -239,8 +239,7 @@ void ReportStall(Sim& s) {
 void WatchLoop() {
     prctl(PR_SET_NAME, "nvx-simwatch", 0, 0, 0);
     Sim& s = TheSim();
-    OwnCalls own;
-    std::unique_lock<std::mutex> lock(s.mutex);
+    std::unique_lock<std::mutex> lock(s.mutex);  // never in a call the clock takes over
     while (!s.watchStop) {
         const int period = std::max(10, std::min(1000, s.stallLimitMs / 4));
         s.watchWake.wait_for(lock, std::chrono::milliseconds(period));
@@ -272,8 +271,7 @@ SimTicket SimAdmit(const char* name) {
         return nullptr;
     }
     Sim& s = TheSim();
-    OwnCalls own;
-    std::lock_guard<std::mutex> lock(s.mutex);
+    ClockLock lock(s.mutex);
     if (!SimOn()) {
         return nullptr;
     }
@@ -290,12 +288,11 @@ void SimEnter(const SimTicket& ticket) {
         return;
     }
     Sim& s = TheSim();
-    OwnCalls own;
-    std::unique_lock<std::mutex> lock(s.mutex);
+    ClockLock lock(s.mutex);
     t_slot.runner = ticket;
     ticket->thread = pthread_self();
     ticket->entered = true;
-    ticket->turn.wait(lock, [&] { return s.turn == ticket.get() || !Current(s, ticket); });
+    lock.Wait(ticket->turn, [&] { return s.turn == ticket.get() || !Current(s, ticket); });
 }
 
 void SimWithdraw(const SimTicket& ticket) {
@@ -303,8 +300,7 @@ void SimWithdraw(const SimTicket& ticket) {
         return;
     }
     Sim& s = TheSim();
-    OwnCalls own;
-    std::lock_guard<std::mutex> lock(s.mutex);
+    ClockLock lock(s.mutex);
     if (Current(s, ticket)) {
         Leave(s, ticket.get());
     }
@@ -312,8 +308,7 @@ void SimWithdraw(const SimTicket& ticket) {
 
 bool SimHoldsTurn() {
     Sim& s = TheSim();
-    OwnCalls own;
-    std::lock_guard<std::mutex> lock(s.mutex);
+    ClockLock lock(s.mutex);
     return SimOn() && Current(s, t_slot.runner) && s.turn == t_slot.runner.get();
 }
 
@@ -322,8 +317,7 @@ std::shared_ptr<SimParked> SimPark(std::condition_variable* cv, std::mutex* mute
     parked->cv = cv;
     parked->mutex = mutex;
     Sim& s = TheSim();
-    OwnCalls own;
-    std::lock_guard<std::mutex> lock(s.mutex);
+    ClockLock lock(s.mutex);
     s.parked.push_back(parked);
     return parked;
 }
@@ -334,8 +328,7 @@ bool SimParkedAdopted(const SimParked& parked) {
 
 void SimUnpark(const std::shared_ptr<SimParked>& parked) {
     Sim& s = TheSim();
-    OwnCalls own;
-    std::lock_guard<std::mutex> lock(s.mutex);
+    ClockLock lock(s.mutex);
     s.parked.erase(std::remove(s.parked.begin(), s.parked.end(), parked), s.parked.end());
     if (Current(s, parked->runner)) {
         t_slot.runner = parked->runner;
@@ -382,8 +375,7 @@ std::shared_ptr<SimParked> WaitTurn(const void* key, uint64_t deadlineMs, UserLo
         return nullptr;
     }
     Sim& s = TheSim();
-    OwnCalls own;
-    std::unique_lock<std::mutex> lock(s.mutex);
+    ClockLock lock(s.mutex);
     if (!SimOn()) {
         return nullptr;
     }
@@ -415,7 +407,7 @@ std::shared_ptr<SimParked> WaitTurn(const void* key, uint64_t deadlineMs, UserLo
     if (userLock != nullptr) {
         userLock->Release();
     }
-    self->turn.wait(lock, [&] { return s.turn == self.get() || !Current(s, self); });
+    lock.Wait(self->turn, [&] { return s.turn == self.get() || !Current(s, self); });
     std::shared_ptr<SimParked> parked = std::move(self->parkedAs);
     lock.unlock();
     if (userLock != nullptr) {
@@ -452,8 +444,7 @@ void SimNotify(const void* key) {
         return;
     }
     Sim& s = TheSim();
-    OwnCalls own;
-    std::lock_guard<std::mutex> lock(s.mutex);
+    ClockLock lock(s.mutex);
     bool woke = false;
     for (const SimTicket& r : s.runners) {
         if (r->state == SimRunner::kWaiting && r->key == key) {
@@ -475,7 +466,7 @@ void SimClockOn(uint64_t startTickMs) {
     detail::OwnCalls own;
     std::vector<std::shared_ptr<detail::SimParked>> adopted;
     {
-        std::lock_guard<std::mutex> lock(s.mutex);
+        detail::ClockLock lock(s.mutex);
         if (detail::SimOn()) {
             return;
         }
@@ -513,8 +504,7 @@ void SimClockOn(uint64_t startTickMs) {
 void SimClockOff() {
     detail::Sim& s = detail::TheSim();
     {
-        detail::OwnCalls own;
-        std::lock_guard<std::mutex> lock(s.mutex);
+        detail::ClockLock lock(s.mutex);
         if (!detail::SimOn()) {
             return;
         }
@@ -558,8 +548,7 @@ void SimSleepUntil(uint64_t deviceMs) {
 
 void SetSimStallLimitMs(int ms) {
     detail::Sim& s = detail::TheSim();
-    detail::OwnCalls own;
-    std::lock_guard<std::mutex> lock(s.mutex);
+    detail::ClockLock lock(s.mutex);
     s.stallLimitMs = ms > 0 ? ms : 20000;
     s.watchWake.notify_all();
 }

@@ -65,7 +65,53 @@ public:
     OwnCalls(const OwnCalls&) = delete;
     OwnCalls& operator=(const OwnCalls&) = delete;
 };
-bool InOwnCalls();
+
+#if defined(__SANITIZE_THREAD__)
+extern "C" void __tsan_acquire(void* addr);
+extern "C" void __tsan_release(void* addr);
+#endif
+
+// A lock of the clock's own. ThreadSanitizer ignores the locks taken inside a call it counts as
+// blocking (a sleep, a condition wait, a join), and there the clock takes such calls over: so
+// what the lock orders is told to it directly as well. The calls made under it are own calls.
+class ClockLock {
+public:
+    explicit ClockLock(std::mutex& mutex) : m_lock(mutex) { Acquired(); }
+    ~ClockLock() {
+        if (m_lock.owns_lock()) {
+            Releasing();
+        }
+    }
+    ClockLock(const ClockLock&) = delete;
+    ClockLock& operator=(const ClockLock&) = delete;
+    void unlock() {
+        Releasing();
+        m_lock.unlock();
+    }
+    template <class Pred>
+    void Wait(std::condition_variable& cv, Pred pred) {
+        while (!pred()) {
+            Releasing();
+            cv.wait(m_lock);
+            Acquired();
+        }
+    }
+
+private:
+    void Acquired() {
+#if defined(__SANITIZE_THREAD__)
+        __tsan_acquire(m_lock.mutex());
+#endif
+    }
+    void Releasing() {
+#if defined(__SANITIZE_THREAD__)
+        __tsan_release(m_lock.mutex());
+#endif
+    }
+
+    OwnCalls m_own;
+    std::unique_lock<std::mutex> m_lock;
+};
 
 // Gives up the turn until notified on `key` (null: only the deadline), or device time
 // `deadlineMs`, then waits for the turn again. `lock`, when given, is held on entry, released

@@ -31,6 +31,7 @@
 #include <memory>
 #include <mutex>
 
+#include "NvxControl.h"
 #include "SimClock.h"
 
 namespace nvx {
@@ -172,7 +173,7 @@ Ends& TheEnds() {
 
 std::shared_ptr<ThreadEnd> EndOf(pthread_t thread) {
     Ends& e = TheEnds();
-    std::lock_guard<std::mutex> lock(e.mutex);
+    ClockLock lock(e.mutex);
     auto it = e.live.find(thread);
     return it == e.live.end() ? nullptr : it->second;
 }
@@ -188,7 +189,7 @@ struct Adoption {
 // finds it from then on.
 void ListEnd(pthread_t thread, const std::shared_ptr<ThreadEnd>& end) {
     Ends& e = TheEnds();
-    std::lock_guard<std::mutex> lock(e.mutex);
+    ClockLock lock(e.mutex);
     if (!end->ended.load()) {
         e.live[thread] = end;
     }
@@ -203,7 +204,7 @@ public:
         t_adopted = false;
         {
             Ends& e = TheEnds();
-            std::lock_guard<std::mutex> lock(e.mutex);
+            ClockLock lock(e.mutex);
             m_end->ended.store(true);
             auto it = e.live.find(pthread_self());
             if (it != e.live.end() && it->second == m_end) {
@@ -251,11 +252,15 @@ OwnCalls::~OwnCalls() {
     --t_own;
 }
 
-bool InOwnCalls() {
-    return t_own > 0;
+}  // namespace detail
+
+HostThreads::HostThreads() {
+    ++detail::t_own;
 }
 
-}  // namespace detail
+HostThreads::~HostThreads() {
+    --detail::t_own;
+}
 }  // namespace nvx
 
 using nvx::detail::Adopted;

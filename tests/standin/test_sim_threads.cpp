@@ -81,11 +81,21 @@ TEST_F(SimThreads, AStdThreadSleepsInDeviceTimeAndIsJoinedAtItsEnd) {
     });
     sleeper.join();
     EXPECT_EQ(OsUtilsGetTickCount(), kStartMs + 3000);
+    std::thread host;
+    {
+        nvx::HostThreads hosts;
+        host = std::thread([&] {
+            usleep(1000);  // the machine's: no device time passes
+            times.Add("host");
+        });
+    }
+    host.join();
     EXPECT_EQ(times.Steps(), (std::vector<std::pair<uint64_t, std::string>>{{0, "steady 5000"},
                                                                             {300, "usleep"},
                                                                             {551, "sleep_for"},
                                                                             {1000, "clock_nanosleep"},
-                                                                            {3000, "steady 8000"}}));
+                                                                            {3000, "steady 8000"},
+                                                                            {3000, "host"}}));
 }
 
 TEST_F(SimThreads, AConditionWaitEndsAtItsDeviceDeadlineOrAtTheNotifiersTime) {
@@ -105,7 +115,7 @@ TEST_F(SimThreads, AConditionWaitEndsAtItsDeviceDeadlineOrAtTheNotifiersTime) {
         // A deadline on the realtime clock, the machine's, ends by the notification well before.
         struct timespec at;
         clock_gettime(CLOCK_REALTIME, &at);
-        at.tv_sec += 100;
+        at.tv_sec += 3;
         const int rc = pthread_cond_timedwait(changed.native_handle(), mutex.native_handle(), &at);
         times.Add("timedwait " + std::to_string(rc));
         done = true;
