@@ -20,6 +20,7 @@
 // OwnCalls marks the stand-in's own calls, which are always the real ones.
 #include <dlfcn.h>
 #include <errno.h>
+#include <stdint.h>
 #include <pthread.h>
 #include <stdio.h>
 #include <stdlib.h>
@@ -28,6 +29,7 @@
 
 #include <atomic>
 #include <map>
+#include <new>
 #include <memory>
 #include <mutex>
 
@@ -93,11 +95,14 @@ constexpr int64_t kNsPerMs = 1000000;
 
 // Milliseconds from now that `ns` nanoseconds take, rounded up; none for a negative span.
 uint64_t CeilMs(int64_t ns) {
-    return ns <= 0 ? 0 : static_cast<uint64_t>((ns + kNsPerMs - 1) / kNsPerMs);
+    return ns <= 0 ? 0 : static_cast<uint64_t>(ns / kNsPerMs + (ns % kNsPerMs != 0 ? 1 : 0));
 }
 
+// Saturated: a time given as "never" (the largest seconds) stays the latest one.
 int64_t Ns(const struct timespec& t) {
-    return static_cast<int64_t>(t.tv_sec) * 1000000000 + t.tv_nsec;
+    constexpr int64_t kMaxSeconds = INT64_MAX / 1000000000 - 1;
+    const int64_t seconds = static_cast<int64_t>(t.tv_sec);
+    return seconds > kMaxSeconds ? INT64_MAX : seconds * 1000000000 + t.tv_nsec;
 }
 
 bool Valid(const struct timespec* t) {
@@ -120,12 +125,12 @@ bool DeadlineOf(clockid_t clock, const struct timespec* at, uint64_t* deadlineMs
     if (!Valid(at)) {
         return false;
     }
-    if (Monotonic(clock)) {
+    if (clock == CLOCK_MONOTONIC || clock == CLOCK_BOOTTIME) {
         *deadlineMs = CeilMs(Ns(*at));
         return true;
     }
     struct timespec now;
-    if ((clock != CLOCK_REALTIME && clock != CLOCK_REALTIME_COARSE) || RealClock(clock, &now) != 0) {
+    if (clock != CLOCK_REALTIME || RealClock(clock, &now) != 0) {
         return false;
     }
     *deadlineMs = SimNowMs() + CeilMs(Ns(*at) - Ns(now));
@@ -182,16 +187,20 @@ struct Adoption {
     SimTicket ticket;
     void* (*routine)(void*);
     void* arg;
-    std::shared_ptr<ThreadEnd> end = std::make_shared<ThreadEnd>();
+    std::shared_ptr<ThreadEnd> end;
 };
 
 // Listed by its creator, which holds the turn, so before the thread can run: a runner's join
-// finds it from then on.
+// finds it from then on. Without room for it, a join is the machine's.
 void ListEnd(pthread_t thread, const std::shared_ptr<ThreadEnd>& end) {
     Ends& e = TheEnds();
     ClockLock lock(e.mutex);
-    if (!end->ended.load()) {
+    if (end->ended.load()) {
+        return;
+    }
+    try {
         e.live[thread] = end;
+    } catch (const std::bad_alloc&) {
     }
 }
 
@@ -272,8 +281,17 @@ int pthread_create(pthread_t* thread, const pthread_attr_t* attr, void* (*routin
     if (!nvx::detail::SimOn() || nvx::detail::t_own > 0 || !nvx::detail::SimHoldsTurn()) {
         return real(thread, attr, routine, arg);
     }
-    auto* adoption = new nvx::detail::Adoption{nvx::detail::SimAdmit("pthread_create"), routine, arg};
-    const std::shared_ptr<nvx::detail::ThreadEnd> end = adoption->end;  // the thread frees adoption
+    std::shared_ptr<nvx::detail::ThreadEnd> end;
+    nvx::detail::SimTicket ticket;
+    nvx::detail::Adoption* adoption = nullptr;
+    try {
+        end = std::make_shared<nvx::detail::ThreadEnd>();
+        ticket = nvx::detail::SimAdmit("pthread_create");
+        adoption = new nvx::detail::Adoption{ticket, routine, arg, end};
+    } catch (...) {
+        nvx::detail::SimWithdraw(ticket);
+        return EAGAIN;  // as when the machine has no room for a thread
+    }
 #if defined(__SANITIZE_THREAD__)
     auto* param = static_cast<nvx::detail::SanitizerThreadParam*>(arg);
     adoption->routine = param->routine;
@@ -339,7 +357,8 @@ int clock_nanosleep(clockid_t clock, int flags, const struct timespec* span, str
         return real(clock, flags, span, left);
     }
     if ((flags & TIMER_ABSTIME) == 0) {
-        if (!nvx::detail::Valid(span) || (!nvx::detail::Monotonic(clock) && clock != CLOCK_REALTIME)) {
+        if (!nvx::detail::Valid(span) ||
+            (clock != CLOCK_MONOTONIC && clock != CLOCK_BOOTTIME && clock != CLOCK_REALTIME)) {
             return real(clock, flags, span, left);
         }
         nvx::detail::SleepFor(nvx::detail::Ns(*span), "clock_nanosleep");
