@@ -61,7 +61,7 @@ protected:
 }  // namespace
 
 // The test's thread is the driver: it joins the sleeper on its turn, so the sleeper must be a
-// runner whose every sleep is a wait on the clock.
+// runner whose every sleep is a wait on the clock. A thread the host starts as its own is not.
 TEST_F(SimThreads, AStdThreadSleepsInDeviceTimeAndIsJoinedAtItsEnd) {
     Times times;
     std::thread sleeper([&] {
@@ -141,7 +141,12 @@ TEST_F(SimThreads, AConditionWaitEndsAtItsDeviceDeadlineOrAtTheNotifiersTime) {
     EXPECT_EQ(times.Steps(),
               (std::vector<std::pair<uint64_t, std::string>>{
                   {300, "timed out 1"}, {700, "notified 1"}, {900, "woken"}, {1200, "timedwait 0"}}));
-    if (!done) {
+    bool finished = false;
+    {
+        std::lock_guard<std::mutex> lock(mutex);
+        finished = done;
+    }
+    if (!finished) {
         nvx::SimClockOff();  // lets a waiter that missed its wake-up go
     }
     waiter.join();
