@@ -127,6 +127,7 @@ bool HostRun::SetUpDevice(std::string& error) {
         if (m_sim) {
             deviceClock = [this] { return static_cast<double>(SinceStart()) / 1000.0; };
         }
+        nvx::HostThreads hostThreads;  // samples on the machine's clock, also with the device on its own
         m_sampler.Start(ThreadSampler::kDefaultInterval, std::move(deviceClock));
     }
     return true;

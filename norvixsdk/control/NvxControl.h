@@ -234,15 +234,24 @@ int CanPortMonitorCount();
 // stands still while any thread that takes part runs, and jumps to the next deadline when all
 // of them wait on the device. Those threads ("runners") run one at a time, so the same program
 // takes the same turns on every run: every thread started through OsUtilsCreateThread or by
-// the stand-in itself, and the thread that switched it on. Threads that the plug-in starts
-// on its own (std::thread) do not take part yet: they run on the machine's clock and read the
-// device's through gettimeofday.
+// the stand-in itself, the thread that switched it on, and every thread one of them starts
+// with pthread_create (the plug-in's std::threads), whose sleeps, condition waits, joins and
+// monotonic clock readings then follow the device's clock.
 //
 // Switch it on before the device starts anything: the tick reads `startTickMs`, the wall clock
 // reads on from where it was (set it after, for a run that is the same every time), and the
 // calling thread becomes the first runner and holds the turn. Every wait of the control
 // interface (WaitForSent, WaitForThreadsToEnd, ...) then counts device milliseconds.
 void SimClockOn(uint64_t startTickMs);
+// While one lives, the threads that the calling thread starts are the host's own: never
+// runners, on the machine's clock whoever starts them.
+class HostThreads {
+public:
+    HostThreads();
+    ~HostThreads();
+    HostThreads(const HostThreads&) = delete;
+    HostThreads& operator=(const HostThreads&) = delete;
+};
 // Back to the machine's clock: every runner goes on from its wait (a bounded wait ends at
 // once), the wall clock reads on. Call it from the thread that switched it on.
 void SimClockOff();

@@ -154,7 +154,11 @@ int OsUtilsCreateThread(pthread_t* handle, OsUtilsThreadEntry entry, void* arg, 
     }
     pthread_t local;
     auto* start = new nvx::Start{entry, arg, nvx::detail::SimAdmit("OsUtilsCreateThread")};
-    int rc = pthread_create(handle != nullptr ? handle : &local, &attr, nvx::RunCounted, start);
+    int rc = 0;
+    {
+        nvx::detail::OwnCalls own;  // admitted above, not adopted
+        rc = pthread_create(handle != nullptr ? handle : &local, &attr, nvx::RunCounted, start);
+    }
     pthread_attr_destroy(&attr);
     if (rc != 0) {
         nvx::detail::SimWithdraw(start->runner);

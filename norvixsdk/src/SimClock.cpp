@@ -1,7 +1,8 @@
 // The simulated device clock and the scheduler that keeps it.
 //
 // What always holds, under Sim::mutex (the innermost lock of the stand-in: taken inside any
-// other, never held while calling out):
+// other, never held while calling out; held through a ClockLock, since the clock also runs
+// inside the calls it takes over from threads it adopted, see SimThreads.cpp):
 //   - at most one runner holds the turn (`turn`); every other runner is ready (queued in
 //     `ready`, first come first served) or waiting (on a key, a deadline, or both);
 //   - device time (`g_simNowMs`) moves only in Dispatch, when nobody holds the turn and
@@ -182,7 +183,7 @@ RunnerSlot::~RunnerSlot() {
         return;
     }
     Sim& s = TheSim();
-    std::lock_guard<std::mutex> lock(s.mutex);
+    ClockLock lock(s.mutex);
     if (Current(s, runner)) {
         Leave(s, runner.get());
     }
@@ -238,7 +239,7 @@ void ReportStall(Sim& s) {
 void WatchLoop() {
     prctl(PR_SET_NAME, "nvx-simwatch", 0, 0, 0);
     Sim& s = TheSim();
-    std::unique_lock<std::mutex> lock(s.mutex);
+    std::unique_lock<std::mutex> lock(s.mutex);  // never in a call the clock takes over
     while (!s.watchStop) {
         const int period = std::max(10, std::min(1000, s.stallLimitMs / 4));
         s.watchWake.wait_for(lock, std::chrono::milliseconds(period));
@@ -270,7 +271,7 @@ SimTicket SimAdmit(const char* name) {
         return nullptr;
     }
     Sim& s = TheSim();
-    std::lock_guard<std::mutex> lock(s.mutex);
+    ClockLock lock(s.mutex);
     if (!SimOn()) {
         return nullptr;
     }
@@ -287,11 +288,11 @@ void SimEnter(const SimTicket& ticket) {
         return;
     }
     Sim& s = TheSim();
-    std::unique_lock<std::mutex> lock(s.mutex);
+    ClockLock lock(s.mutex);
     t_slot.runner = ticket;
     ticket->thread = pthread_self();
     ticket->entered = true;
-    ticket->turn.wait(lock, [&] { return s.turn == ticket.get() || !Current(s, ticket); });
+    lock.Wait(ticket->turn, [&] { return s.turn == ticket.get() || !Current(s, ticket); });
 }
 
 void SimWithdraw(const SimTicket& ticket) {
@@ -299,7 +300,7 @@ void SimWithdraw(const SimTicket& ticket) {
         return;
     }
     Sim& s = TheSim();
-    std::lock_guard<std::mutex> lock(s.mutex);
+    ClockLock lock(s.mutex);
     if (Current(s, ticket)) {
         Leave(s, ticket.get());
     }
@@ -307,7 +308,7 @@ void SimWithdraw(const SimTicket& ticket) {
 
 bool SimHoldsTurn() {
     Sim& s = TheSim();
-    std::lock_guard<std::mutex> lock(s.mutex);
+    ClockLock lock(s.mutex);
     return SimOn() && Current(s, t_slot.runner) && s.turn == t_slot.runner.get();
 }
 
@@ -316,7 +317,7 @@ std::shared_ptr<SimParked> SimPark(std::condition_variable* cv, std::mutex* mute
     parked->cv = cv;
     parked->mutex = mutex;
     Sim& s = TheSim();
-    std::lock_guard<std::mutex> lock(s.mutex);
+    ClockLock lock(s.mutex);
     s.parked.push_back(parked);
     return parked;
 }
@@ -327,7 +328,7 @@ bool SimParkedAdopted(const SimParked& parked) {
 
 void SimUnpark(const std::shared_ptr<SimParked>& parked) {
     Sim& s = TheSim();
-    std::lock_guard<std::mutex> lock(s.mutex);
+    ClockLock lock(s.mutex);
     s.parked.erase(std::remove(s.parked.begin(), s.parked.end(), parked), s.parked.end());
     if (Current(s, parked->runner)) {
         t_slot.runner = parked->runner;
@@ -338,14 +339,43 @@ void SimUnpark(const std::shared_ptr<SimParked>& parked) {
 
 namespace {
 
-std::shared_ptr<SimParked> WaitTurn(const void* key, uint64_t deadlineMs,
-                                    std::unique_lock<std::mutex>* userLock, std::condition_variable* cv,
-                                    const char* where) {
+// The lock a waiter holds on entry: a standard one, or a platform mutex released by the
+// given calls.
+class UserLock {
+public:
+    explicit UserLock(std::unique_lock<std::mutex>* held) : m_held(held) {}
+    UserLock(pthread_mutex_t* mutex, int (*unlock)(pthread_mutex_t*), int (*lock)(pthread_mutex_t*))
+        : m_mutex(mutex), m_unlock(unlock), m_lock(lock) {}
+    void Release() {
+        if (m_held != nullptr) {
+            m_held->unlock();
+        } else {
+            m_unlock(m_mutex);
+        }
+    }
+    void Retake() {
+        if (m_held != nullptr) {
+            m_held->lock();
+        } else {
+            m_lock(m_mutex);
+        }
+    }
+    std::mutex* StdMutex() const { return m_held != nullptr ? m_held->mutex() : nullptr; }
+
+private:
+    std::unique_lock<std::mutex>* m_held = nullptr;
+    pthread_mutex_t* m_mutex = nullptr;
+    int (*m_unlock)(pthread_mutex_t*) = nullptr;
+    int (*m_lock)(pthread_mutex_t*) = nullptr;
+};
+
+std::shared_ptr<SimParked> WaitTurn(const void* key, uint64_t deadlineMs, UserLock* userLock,
+                                    std::condition_variable* cv, const char* where) {
     if (!SimOn()) {
         return nullptr;
     }
     Sim& s = TheSim();
-    std::unique_lock<std::mutex> lock(s.mutex);
+    ClockLock lock(s.mutex);
     if (!SimOn()) {
         return nullptr;
     }
@@ -361,7 +391,7 @@ std::shared_ptr<SimParked> WaitTurn(const void* key, uint64_t deadlineMs,
     self->where = where;
     const bool endless = cv != nullptr && userLock != nullptr && deadlineMs == kSimForever;
     self->waitCv = endless ? cv : nullptr;
-    self->waitMutex = endless ? userLock->mutex() : nullptr;
+    self->waitMutex = endless ? userLock->StdMutex() : nullptr;
     if (deadlineMs <= SimNowMs()) {
         MakeReady(s, self.get());  // a yield: everyone ready before it goes first
     } else {
@@ -373,14 +403,15 @@ std::shared_ptr<SimParked> WaitTurn(const void* key, uint64_t deadlineMs,
     if (s.turn == nullptr) {
         Dispatch(s);
     }
+    // Only now, with the waiter listed: a notification that takes this lock finds it.
     if (userLock != nullptr) {
-        userLock->unlock();
+        userLock->Release();
     }
-    self->turn.wait(lock, [&] { return s.turn == self.get() || !Current(s, self); });
+    lock.Wait(self->turn, [&] { return s.turn == self.get() || !Current(s, self); });
     std::shared_ptr<SimParked> parked = std::move(self->parkedAs);
     lock.unlock();
     if (userLock != nullptr) {
-        userLock->lock();
+        userLock->Retake();
     }
     return parked;
 }
@@ -388,12 +419,24 @@ std::shared_ptr<SimParked> WaitTurn(const void* key, uint64_t deadlineMs,
 }  // namespace
 
 void SimWait(const void* key, uint64_t deadlineMs, std::unique_lock<std::mutex>* lock, const char* where) {
-    WaitTurn(key, deadlineMs, lock, nullptr, where);
+    if (lock == nullptr) {
+        WaitTurn(key, deadlineMs, nullptr, nullptr, where);
+        return;
+    }
+    UserLock held(lock);
+    WaitTurn(key, deadlineMs, &held, nullptr, where);
+}
+
+void SimWaitReleasing(const void* key, uint64_t deadlineMs, pthread_mutex_t* mutex,
+                      int (*unlock)(pthread_mutex_t*), int (*lock)(pthread_mutex_t*), const char* where) {
+    UserLock held(mutex, unlock, lock);
+    WaitTurn(key, deadlineMs, &held, nullptr, where);
 }
 
 std::shared_ptr<SimParked> SimWaitOn(std::condition_variable& cv, uint64_t deadlineMs,
                                      std::unique_lock<std::mutex>& lock, const char* where) {
-    return WaitTurn(&cv, deadlineMs, &lock, &cv, where);
+    UserLock held(&lock);
+    return WaitTurn(&cv, deadlineMs, &held, &cv, where);
 }
 
 void SimNotify(const void* key) {
@@ -401,7 +444,7 @@ void SimNotify(const void* key) {
         return;
     }
     Sim& s = TheSim();
-    std::lock_guard<std::mutex> lock(s.mutex);
+    ClockLock lock(s.mutex);
     bool woke = false;
     for (const SimTicket& r : s.runners) {
         if (r->state == SimRunner::kWaiting && r->key == key) {
@@ -418,9 +461,12 @@ void SimNotify(const void* key) {
 
 void SimClockOn(uint64_t startTickMs) {
     detail::Sim& s = detail::TheSim();
+    // Also for the wake-ups of the parked threads below, which are the stand-in's own, and
+    // the stall watch's start.
+    detail::OwnCalls own;
     std::vector<std::shared_ptr<detail::SimParked>> adopted;
     {
-        std::lock_guard<std::mutex> lock(s.mutex);
+        detail::ClockLock lock(s.mutex);
         if (detail::SimOn()) {
             return;
         }
@@ -452,13 +498,13 @@ void SimClockOn(uint64_t startTickMs) {
         parked->adopted = true;
         parked->cv->notify_all();
     }
-    s.watch = std::thread(detail::WatchLoop);
+    s.watch = std::thread(detail::WatchLoop);  // under `own`: never a runner
 }
 
 void SimClockOff() {
     detail::Sim& s = detail::TheSim();
     {
-        std::lock_guard<std::mutex> lock(s.mutex);
+        detail::ClockLock lock(s.mutex);
         if (!detail::SimOn()) {
             return;
         }
@@ -502,7 +548,7 @@ void SimSleepUntil(uint64_t deviceMs) {
 
 void SetSimStallLimitMs(int ms) {
     detail::Sim& s = detail::TheSim();
-    std::lock_guard<std::mutex> lock(s.mutex);
+    detail::ClockLock lock(s.mutex);
     s.stallLimitMs = ms > 0 ? ms : 20000;
     s.watchWake.notify_all();
 }

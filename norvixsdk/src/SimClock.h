@@ -4,11 +4,13 @@
 // When on, the threads that take part ("runners") run one at a time. A runner gives up its
 // turn only where it waits on the stand-in; device time moves only when every runner waits,
 // by a jump to the earliest deadline. See SimClock.cpp for the rules the scheduler keeps.
-// Threads the plug-in starts itself, and their libc sleeps and condition waits, are not
-// scheduled here: that needs those calls interposed in this library, as gettimeofday is.
+// A thread that a runner starts with pthread_create (a std::thread of the plug-in's) is a
+// runner too: its sleeps, monotonic clock readings, condition waits and joins are taken over
+// by this library while the clock is on (SimThreads.cpp), as gettimeofday is.
 #ifndef NORVIX_SRC_SIMCLOCK_H
 #define NORVIX_SRC_SIMCLOCK_H
 
+#include <pthread.h>
 #include <stdint.h>
 
 #include <atomic>
@@ -53,12 +55,74 @@ void SimWithdraw(const SimTicket& ticket);
 // Whether the calling thread is a runner of the clock now on and holds the turn.
 bool SimHoldsTurn();
 
+// While one lives, the calling thread's thread creations, sleeps, clock readings and condition
+// waits and notifications are the real ones even on a thread the clock adopted: the
+// scheduler's own, and those of the stand-in's threads, which admit themselves.
+class OwnCalls {
+public:
+    OwnCalls();
+    ~OwnCalls();
+    OwnCalls(const OwnCalls&) = delete;
+    OwnCalls& operator=(const OwnCalls&) = delete;
+};
+
+#if defined(__SANITIZE_THREAD__)
+extern "C" void __tsan_acquire(void* addr);
+extern "C" void __tsan_release(void* addr);
+#endif
+
+// A lock of the clock's own. ThreadSanitizer ignores the locks taken inside a call it counts as
+// blocking (a sleep, a condition wait, a join), and there the clock takes such calls over: so
+// what the lock orders is told to it directly as well. The calls made under it are own calls.
+class ClockLock {
+public:
+    explicit ClockLock(std::mutex& mutex) : m_lock(mutex) { Acquired(); }
+    ~ClockLock() {
+        if (m_lock.owns_lock()) {
+            Releasing();
+        }
+    }
+    ClockLock(const ClockLock&) = delete;
+    ClockLock& operator=(const ClockLock&) = delete;
+    void unlock() {
+        Releasing();
+        m_lock.unlock();
+    }
+    template <class Pred>
+    void Wait(std::condition_variable& cv, Pred pred) {
+        while (!pred()) {
+            Releasing();
+            cv.wait(m_lock);
+            Acquired();
+        }
+    }
+
+private:
+    void Acquired() {
+#if defined(__SANITIZE_THREAD__)
+        __tsan_acquire(m_lock.mutex());
+#endif
+    }
+    void Releasing() {
+#if defined(__SANITIZE_THREAD__)
+        __tsan_release(m_lock.mutex());
+#endif
+    }
+
+    OwnCalls m_own;
+    std::unique_lock<std::mutex> m_lock;
+};
+
 // Gives up the turn until notified on `key` (null: only the deadline), or device time
 // `deadlineMs`, then waits for the turn again. `lock`, when given, is held on entry, released
 // while waiting and held again on return. A thread that is not yet a runner joins here.
 // Returns at once while the clock is off, or when it is switched off meanwhile. `where`
 // names the call, for the stall report.
 void SimWait(const void* key, uint64_t deadlineMs, std::unique_lock<std::mutex>* lock, const char* where);
+// The same with a platform mutex held on entry, released with `unlock` and retaken with `lock`:
+// the real calls, past an interceptor that has accounted for the caller's own already.
+void SimWaitReleasing(const void* key, uint64_t deadlineMs, pthread_mutex_t* mutex,
+                      int (*unlock)(pthread_mutex_t*), int (*lock)(pthread_mutex_t*), const char* where);
 // The waiters on `key` may run, at the current device time.
 void SimNotify(const void* key);
 
@@ -143,6 +207,7 @@ template <class Entry>
 std::thread StartThread(const char* name, Entry entry) {
     SimTicket ticket = SimAdmit(name);
     try {
+        OwnCalls own;  // admitted here, not adopted
         return std::thread([ticket, entry]() mutable {
             SimEnter(ticket);
             entry();

@@ -4,6 +4,7 @@
 #include <stdio.h>
 #include <stdlib.h>
 #include <sys/time.h>
+#include <unistd.h>
 
 #include <chrono>
 #include <functional>
@@ -11,6 +12,7 @@
 #include <memory>
 #include <mutex>
 #include <string>
+#include <thread>
 #include <tuple>
 #include <vector>
 
@@ -282,6 +284,11 @@ TEST_F(SimClock, ARunnerBlockedOutsideTheDeviceStopsTheProcessWithAReport) {
                 std::lock_guard<std::timed_mutex> lock(held);
                 OsUtilsSleep(1000);  // waits on the device with the lock held
             });
+            // A thread of the plug-in's kind, listed with the call it waits in.
+            std::thread([] {
+                pthread_setname_np(pthread_self(), "sleeper");
+                usleep(2000000);
+            }).detach();
             nvx::SimSleepUntil(kStartMs + 10);
             // Only now: however slow the machine, nothing before this point is taken for a stall.
             nvx::SetSimStallLimitMs(200);
@@ -291,7 +298,8 @@ TEST_F(SimClock, ARunnerBlockedOutsideTheDeviceStopsTheProcessWithAReport) {
         },
         "simulated clock stalled at device time 5010 ms: runner 'driver' \\(#0, thread [^)]*\\) has held the "
         "turn for 200 ms .* It last left the stand-in from SimSleepUntil.*\n.*runner "
-        "'OsUtilsCreateThread' \\(#1, thread [^)]*\\) waits in OsUtilsSleep until 6000 ms");
+        "'OsUtilsCreateThread' \\(#1, thread [^)]*\\) waits in OsUtilsSleep until 6000 ms\n.*runner "
+        "'pthread_create' \\(#2, thread sleeper\\) waits in usleep until 7000 ms");
 }
 
 namespace {
