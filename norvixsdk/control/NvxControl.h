@@ -265,6 +265,11 @@ void SimSleepUntil(uint64_t deviceMs);
 // device (blocked on a lock that a waiting runner holds, or spinning) stops the process with
 // a report of every runner (default 20000; 0 for the default).
 void SetSimStallLimitMs(int ms);
+// Keeps the calling thread, and every thread it starts from now on, on the core it runs on now.
+// On the simulated clock one runner runs at a time, so the device loses nothing by it, and a
+// turn handed to a thread on the same core costs no wake-up across cores: on a virtual machine
+// that is most of what a turn costs. False, with nothing changed, when the core is not known.
+bool SimKeepToOneCore();
 
 // Back to a fresh device: profile, failures, captures, sent messages, counters, clock,
 // held tick, recorded threads and sleeps. The simulated clock stays on or off.

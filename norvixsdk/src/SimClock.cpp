@@ -22,6 +22,7 @@
 
 #include <assert.h>
 #include <pthread.h>
+#include <sched.h>
 #include <stdio.h>
 #include <stdlib.h>
 #include <sys/prctl.h>
@@ -544,6 +545,17 @@ uint64_t SimNowMs() {
 
 void SimSleepUntil(uint64_t deviceMs) {
     detail::SimWait(nullptr, deviceMs, nullptr, "SimSleepUntil");
+}
+
+bool SimKeepToOneCore() {
+    const int core = sched_getcpu();
+    if (core < 0 || core >= CPU_SETSIZE) {
+        return false;
+    }
+    cpu_set_t set;
+    CPU_ZERO(&set);
+    CPU_SET(core, &set);
+    return sched_setaffinity(0, sizeof(set), &set) == 0;
 }
 
 void SetSimStallLimitMs(int ms) {

@@ -1,6 +1,7 @@
 // The simulated device clock: runners take turns, device time jumps from deadline to deadline,
 // and the same program takes the same turns on every run. Nothing here looks at the machine's
 // clock: only device times and the order of what happened.
+#include <sched.h>
 #include <stdio.h>
 #include <stdlib.h>
 #include <sys/time.h>
@@ -256,6 +257,22 @@ TEST_F(SimClock, TheSameProgramTakesTheSameTurnsOnEveryRun) {
     nvx::SimClockOn(kStartMs);
     const std::vector<Step> second = BusyScenario();
     EXPECT_EQ(first, second);
+    // Kept to one core, as the host keeps it: the same turns, and every thread started from
+    // then on shares the core.
+    nvx::SimClockOff();
+    ASSERT_TRUE(nvx::SimKeepToOneCore());
+    const int core = sched_getcpu();
+    nvx::SimClockOn(kStartMs);
+    EXPECT_EQ(BusyScenario(), first);
+    cpu_set_t cores;
+    int coresOfThread = -1;
+    std::thread([&] {
+        if (sched_getaffinity(0, sizeof(cores), &cores) == 0) {
+            coresOfThread = CPU_COUNT(&cores);
+        }
+    }).join();
+    EXPECT_EQ(coresOfThread, 1);
+    EXPECT_TRUE(CPU_ISSET(core, &cores));
     ASSERT_GE(first.size(), 2u);
     EXPECT_EQ(first[0], Step(kStartMs, "storage", "report"));
     EXPECT_EQ(first[1], Step(kStartMs + 1, "parameter", "changed"));
