@@ -16,9 +16,12 @@ HOST, DRIVE = sys.argv[1:3]
 DAYS = int(os.environ.get("WEEK_DAYS", "7"))
 # A week measured (the host keeps the stand-in's record of sent messages empty and hands the
 # allocator's free pages back before each day's figures), the same in two runs: from day 1 to
-# day 7 the heap grew by 16 KiB, by 1 to 5 KiB a day (a third of a KiB a day is the host's own
-# record of the days), the resident memory by 4 pages. Twice and four times that pass; a 64-byte
-# block lost each 500 ms cycle is 13 MB a day, one lost a minute still 0.7 MB a week.
+# day 7 the heap grew by 16 KiB, by 1 to 5 KiB a day, the resident memory by 4 pages. Every
+# block traced by its allocation's stack over four days: what stayed allocated grew by a third
+# of a KiB a day, the host's own record of the days, and a queue's chunk that comes and goes;
+# the rest is the allocator's own (blocks kept in the threads' caches count as in use). Twice
+# and four times that pass; a 64-byte block lost each 500 ms cycle is 13 MB a day, one lost a
+# minute still 0.7 MB a week.
 HEAP_SLACK = 32 * 1024
 RSS_SLACK = 64 * 1024
 # Each 500 ms cycle sends the time line and the speed line, 172 800 of each a day; the card line
