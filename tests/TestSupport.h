@@ -4,6 +4,7 @@
 
 #include <dirent.h>
 #include <gtest/gtest.h>
+#include <stdint.h>
 #include <stdlib.h>
 #include <sys/prctl.h>
 
@@ -119,6 +120,21 @@ protected:
             }
         }
         return false;
+    }
+};
+
+// A device on the simulated clock from tick kSimStartMs. The test's own thread is the driver:
+// it holds the turn whenever the others wait.
+constexpr uint64_t kSimStartMs = 5000;
+class SimDeviceTest : public DeviceTest {
+protected:
+    void SetUp() override {
+        DeviceTest::SetUp();
+        nvx::SimClockOn(kSimStartMs);
+    }
+    void TearDown() override {
+        nvx::SimClockOff();
+        DeviceTest::TearDown();
     }
 };
 

@@ -29,7 +29,7 @@
 
 namespace {
 
-constexpr uint64_t kStartMs = 5000;
+constexpr uint64_t kStartMs = kSimStartMs;
 
 // What happened, at which device millisecond, on which thread.
 using Step = std::tuple<uint64_t, std::string, std::string>;
@@ -76,18 +76,7 @@ int64_t GetTimeOfDayMicros() {
     return static_cast<int64_t>(now.tv_sec) * 1000000 + now.tv_usec;
 }
 
-// The test's own thread is the driver: it holds the turn whenever the others wait.
-class SimClock : public DeviceTest {
-protected:
-    void SetUp() override {
-        DeviceTest::SetUp();
-        nvx::SimClockOn(kStartMs);
-    }
-    void TearDown() override {
-        nvx::SimClockOff();
-        DeviceTest::TearDown();
-    }
-};
+class SimClock : public SimDeviceTest {};
 
 }  // namespace
 

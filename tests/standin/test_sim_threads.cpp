@@ -21,7 +21,7 @@
 
 namespace {
 
-constexpr uint64_t kStartMs = 5000;
+constexpr uint64_t kStartMs = kSimStartMs;
 
 // What happened at which device millisecond.
 class Times {
@@ -46,17 +46,7 @@ uint64_t SteadyMs() {
                                      .count());
 }
 
-class SimThreads : public DeviceTest {
-protected:
-    void SetUp() override {
-        DeviceTest::SetUp();
-        nvx::SimClockOn(kStartMs);
-    }
-    void TearDown() override {
-        nvx::SimClockOff();
-        DeviceTest::TearDown();
-    }
-};
+class SimThreads : public SimDeviceTest {};
 
 }  // namespace
 
