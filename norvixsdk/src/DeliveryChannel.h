@@ -46,8 +46,7 @@ public:
             m_started = true;
         }
         m_queue.push_back(std::move(delivery));
-        m_work.notify_one();
-        SimNotify(&m_work);
+        NotifyOne(m_work);
     }
 
     // With the mutex held: the records still queued, for a service that re-addresses them.
@@ -109,8 +108,7 @@ private:
             lock.lock();
             m_delivering = false;
             m_deliveringUser = nullptr;
-            m_done.notify_all();
-            SimNotify(&m_done);
+            NotifyAll(m_done);
         }
     }
 

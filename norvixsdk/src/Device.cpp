@@ -88,8 +88,7 @@ bool CountCall(const char* operation) {
     CallFaults& faults = found->second;
     if (faults.gateClosed) {
         ++faults.atGate;
-        s.gate.notify_all();
-        SimNotify(&s.gate);
+        NotifyAll(s.gate);
         WaitMs(
             s.gate, lock, kWaitEndless, [&faults] { return !faults.gateClosed; }, operation);
         --faults.atGate;
@@ -226,8 +225,7 @@ void OpenGate(const std::string& operation) {
     DeviceState& s = State();
     std::lock_guard<std::mutex> lock(s.mutex);
     s.faults[operation].gateClosed = false;
-    s.gate.notify_all();
-    detail::SimNotify(&s.gate);
+    detail::NotifyAll(s.gate);
 }
 
 bool WaitForCallAtGate(const std::string& operation, int timeoutMs) {
@@ -247,8 +245,7 @@ void Reset() {
         for (auto& entry : s.faults) {
             entry.second = CallFaults{0, 0, false, entry.second.atGate};
         }
-        s.gate.notify_all();
-        detail::SimNotify(&s.gate);
+        detail::NotifyAll(s.gate);
     }
     g_wallOffsetMicros.store(0);
     g_zoneMovesClock.store(false);

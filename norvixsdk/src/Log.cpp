@@ -160,8 +160,7 @@ void Emit(const nvx::LogLine& entry) {
             s.captured.push_back(entry);
         }
     }
-    s.changed.notify_all();
-    nvx::detail::SimNotify(&s.changed);
+    nvx::detail::NotifyAll(s.changed);
     if (observer) {
         observer(entry);
     }

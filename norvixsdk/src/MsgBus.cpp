@@ -50,8 +50,7 @@ struct CMsgClientManage::Impl {
             ++dropped;
         }
         queue.push_back(Event{event, std::vector<char>(data, data + length)});
-        arrived.notify_one();
-        nvx::detail::SimNotify(&arrived);
+        nvx::detail::NotifyOne(arrived);
         return true;
     }
 };
@@ -134,8 +133,7 @@ void MonitorLoop() {
         lock.lock();
     }
     bus.monitorEnded = true;
-    bus.monitorWake.notify_all();
-    detail::SimNotify(&bus.monitorWake);
+    detail::NotifyAll(bus.monitorWake);
 }
 
 }  // namespace
@@ -300,8 +298,7 @@ void PostBusMessage(const BusMessage& message) {
         QueueForClients(bus, message.event, reinterpret_cast<const char*>(message.payload.data()),
                         message.payload.size());
     }
-    bus.sentChanged.notify_all();
-    SimNotify(&bus.sentChanged);
+    NotifyAll(bus.sentChanged);
     if (observer) {
         observer(message);
     }
@@ -318,8 +315,7 @@ void FeedWatchdog(const void* client, const std::string& name, uint64_t silenceM
         entry.silenceMs = silenceMs;
         ++bus.feedCounts[name];
     }
-    bus.fed.notify_all();
-    SimNotify(&bus.fed);
+    NotifyAll(bus.fed);
 }
 
 void ForgetWatchdog(const void* client) {
@@ -351,8 +347,7 @@ void StopWatchdogMonitor() {
     {
         std::unique_lock<std::mutex> lock(bus.mutex);
         bus.monitorStop = true;
-        bus.monitorWake.notify_all();
-        SimNotify(&bus.monitorWake);
+        NotifyAll(bus.monitorWake);
         // On the simulated clock the monitor needs a turn to see the stop, and a join would
         // keep this runner's turn; its end is waited for on the clock, the join then is brief.
         if (SimOn()) {

@@ -57,8 +57,7 @@ void* RunCounted(void* raw) {
         std::lock_guard<std::mutex> lock(t.mutex);
         --t.running;
     }
-    t.ended.notify_all();
-    detail::SimNotify(&t.ended);
+    detail::NotifyAll(t.ended);
     return result;
 }
 

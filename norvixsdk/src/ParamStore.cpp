@@ -187,8 +187,7 @@ void DeliveryLoop() {
         }
         lock.lock();
         s.delivering = false;
-        s.idle.notify_all();
-        detail::SimNotify(&s.idle);
+        detail::NotifyAll(s.idle);
     }
 }
 
@@ -205,8 +204,7 @@ bool Enqueue(ParamStore& s, Delivery delivery) {
         }
     }
     s.pending.push_back(std::move(delivery));
-    s.work.notify_one();
-    detail::SimNotify(&s.work);
+    detail::NotifyOne(s.work);
     return true;
 }
 
@@ -215,8 +213,7 @@ bool Enqueue(ParamStore& s, Delivery delivery) {
 void DropDeliveries(ParamStore& s, std::unique_lock<std::mutex>& lock) {
     s.listeners.clear();
     s.pending.clear();
-    s.idle.notify_all();
-    detail::SimNotify(&s.idle);
+    detail::NotifyAll(s.idle);
     // A callback that tears the SDK down must not wait for itself.
     if (s.workerStarted && std::this_thread::get_id() == s.worker) {
         return;

@@ -59,6 +59,8 @@ struct SimRunner {
 };
 
 struct SimParked {
+    SimParked(std::condition_variable* waitedCv, std::mutex* waitedMutex)
+        : cv(waitedCv), mutex(waitedMutex) {}
     std::condition_variable* cv;
     std::mutex* mutex;
     bool adopted = false;  // guarded by *mutex
@@ -96,6 +98,13 @@ struct RunnerSlot {
     ~RunnerSlot();
 };
 thread_local RunnerSlot t_slot;
+
+// The calling thread is the one that runs for `runner`.
+void BindThisThread(const SimTicket& runner) {
+    t_slot.runner = runner;
+    runner->thread = pthread_self();
+    runner->entered = true;
+}
 
 bool Current(const Sim& s, const SimTicket& runner) {
     return runner && runner->generation == s.generation.load() && runner->state != SimRunner::kGone;
@@ -180,14 +189,7 @@ void Leave(Sim& s, SimRunner* runner) {
 }
 
 RunnerSlot::~RunnerSlot() {
-    if (!runner) {
-        return;
-    }
-    Sim& s = TheSim();
-    ClockLock lock(s.mutex);
-    if (Current(s, runner)) {
-        Leave(s, runner.get());
-    }
+    SimWithdraw(runner);
 }
 
 const char* StateName(SimRunner::State state) {
@@ -290,9 +292,7 @@ void SimEnter(const SimTicket& ticket) {
     }
     Sim& s = TheSim();
     ClockLock lock(s.mutex);
-    t_slot.runner = ticket;
-    ticket->thread = pthread_self();
-    ticket->entered = true;
+    BindThisThread(ticket);
     lock.Wait(ticket->turn, [&] { return s.turn == ticket.get() || !Current(s, ticket); });
 }
 
@@ -314,9 +314,7 @@ bool SimHoldsTurn() {
 }
 
 std::shared_ptr<SimParked> SimPark(std::condition_variable* cv, std::mutex* mutex) {
-    auto parked = std::make_shared<SimParked>();
-    parked->cv = cv;
-    parked->mutex = mutex;
+    auto parked = std::make_shared<SimParked>(cv, mutex);
     Sim& s = TheSim();
     ClockLock lock(s.mutex);
     s.parked.push_back(parked);
@@ -332,9 +330,7 @@ void SimUnpark(const std::shared_ptr<SimParked>& parked) {
     ClockLock lock(s.mutex);
     s.parked.erase(std::remove(s.parked.begin(), s.parked.end(), parked), s.parked.end());
     if (Current(s, parked->runner)) {
-        t_slot.runner = parked->runner;
-        t_slot.runner->thread = pthread_self();
-        t_slot.runner->entered = true;
+        BindThisThread(parked->runner);
     }
 }
 
@@ -382,15 +378,13 @@ std::shared_ptr<SimParked> WaitTurn(const void* key, uint64_t deadlineMs, UserLo
     }
     if (!Current(s, t_slot.runner)) {
         // A thread that did not start as a runner (one started before the clock came on).
-        t_slot.runner = Join(s, "joined on its first wait");
-        t_slot.runner->thread = pthread_self();
-        t_slot.runner->entered = true;
+        BindThisThread(Join(s, "joined on its first wait"));
     }
     SimTicket self = t_slot.runner;
     // Only the holder of the turn runs; a runner that has just joined waits for its first.
     assert(s.turn == self.get() || self->state != SimRunner::kRunning);
     self->where = where;
-    const bool endless = cv != nullptr && userLock != nullptr && deadlineMs == kSimForever;
+    const bool endless = cv != nullptr && deadlineMs == kSimForever;  // SimWaitOn, with its lock
     self->waitCv = endless ? cv : nullptr;
     self->waitMutex = endless ? userLock->StdMutex() : nullptr;
     if (deadlineMs <= SimNowMs()) {
@@ -477,9 +471,7 @@ void SimClockOn(uint64_t startTickMs) {
         s.startMs = startTickMs;
         detail::g_simNowMs.store(startTickMs, std::memory_order_release);
         detail::RebaseWallClock(real, static_cast<int64_t>(startTickMs) * 1000);
-        detail::t_slot.runner = detail::Join(s, "driver");
-        detail::t_slot.runner->thread = pthread_self();
-        detail::t_slot.runner->entered = true;
+        detail::BindThisThread(detail::Join(s, "driver"));
         detail::GiveTurn(s, detail::t_slot.runner.get());
         // The platform threads idling since an earlier run join next, in the order they began
         // to wait, as runners waiting where they are.
@@ -517,9 +509,7 @@ void SimClockOff() {
         // clock on again at once still finds it.
         for (const detail::SimTicket& r : s.runners) {
             if (r->state == detail::SimRunner::kWaiting && r->waitCv != nullptr) {
-                r->parkedAs = std::make_shared<detail::SimParked>();
-                r->parkedAs->cv = r->waitCv;
-                r->parkedAs->mutex = r->waitMutex;
+                r->parkedAs = std::make_shared<detail::SimParked>(r->waitCv, r->waitMutex);
                 s.parked.push_back(r->parkedAs);
             }
             r->turn.notify_all();

@@ -21,6 +21,8 @@
 #include <thread>
 #include <utility>
 
+#include "NvxControl.h"
+
 namespace nvx {
 namespace detail {
 
@@ -57,14 +59,9 @@ bool SimHoldsTurn();
 
 // While one lives, the calling thread's thread creations, sleeps, clock readings and condition
 // waits and notifications are the real ones even on a thread the clock adopted: the
-// scheduler's own, and those of the stand-in's threads, which admit themselves.
-class OwnCalls {
-public:
-    OwnCalls();
-    ~OwnCalls();
-    OwnCalls(const OwnCalls&) = delete;
-    OwnCalls& operator=(const OwnCalls&) = delete;
-};
+// scheduler's own, and those of the stand-in's threads, which admit themselves. The host's
+// threads are kept off the clock by the same mark.
+using OwnCalls = ::nvx::HostThreads;
 
 #if defined(__SANITIZE_THREAD__)
 extern "C" void __tsan_acquire(void* addr);
@@ -125,6 +122,16 @@ void SimWaitReleasing(const void* key, uint64_t deadlineMs, pthread_mutex_t* mut
                       int (*unlock)(pthread_mutex_t*), int (*lock)(pthread_mutex_t*), const char* where);
 // The waiters on `key` may run, at the current device time.
 void SimNotify(const void* key);
+// A condition's waiters, on the machine's clock and on the simulated one alike: every notify
+// of the stand-in goes through these, so that none forgets its waiters on the clock.
+inline void NotifyAll(std::condition_variable& cv) {
+    cv.notify_all();
+    SimNotify(&cv);
+}
+inline void NotifyOne(std::condition_variable& cv) {
+    cv.notify_one();
+    SimNotify(&cv);
+}
 
 // A platform thread that idles on the machine's clock in an endless wait is listed while it
 // waits, so that switching the clock on makes it a runner before anything wakes it: an event

@@ -17,7 +17,8 @@
 // so that a thread that polls with a shorter sleep still lets time move. A condition's
 // adopted waiters are keyed one byte past its address, which no wait of the stand-in's uses:
 // the stand-in notifies its own waiters itself, and some of them deliberately not.
-// OwnCalls marks the stand-in's own calls, which are always the real ones.
+// OwnCalls (HostThreads) marks the stand-in's and the host's own calls, which are always the
+// real ones.
 #include <dlfcn.h>
 #include <errno.h>
 #include <stdint.h>
@@ -252,14 +253,6 @@ struct SanitizerThreadParam {
 #endif
 
 }  // namespace
-
-OwnCalls::OwnCalls() {
-    ++t_own;
-}
-
-OwnCalls::~OwnCalls() {
-    --t_own;
-}
 
 }  // namespace detail
 
