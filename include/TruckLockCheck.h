@@ -44,8 +44,7 @@ public:
     // True in builds without checks: there is nothing to tell.
     bool HeldByThisThread() const {
 #if TRUCK_CHECKS_ON
-        return m_depth.load(std::memory_order_relaxed) > 0 &&
-               pthread_equal(m_owner.load(std::memory_order_relaxed), pthread_self());
+        return pthread_equal(m_owner.load(std::memory_order_relaxed), pthread_self());
 #else
         return true;
 #endif
@@ -55,12 +54,12 @@ private:
     void Enter() {
 #if TRUCK_CHECKS_ON
         m_owner.store(pthread_self(), std::memory_order_relaxed);
-        m_depth.fetch_add(1, std::memory_order_relaxed);
+        ++m_depth;
 #endif
     }
     void Leave() {
 #if TRUCK_CHECKS_ON
-        if (m_depth.fetch_sub(1, std::memory_order_relaxed) == 1) {
+        if (--m_depth == 0) {
             m_owner.store(pthread_t(), std::memory_order_relaxed);
         }
 #endif
@@ -68,10 +67,11 @@ private:
 
     std::recursive_mutex m_mutex;
 #if TRUCK_CHECKS_ON
-    // Written only by the holder; another thread reading them sees a depth or an owner that is
-    // not its own, which is all HeldByThisThread asks.
+    // The owner is written only by the holder, and cleared before the mutex is let go: another
+    // thread reading it sees an owner that is not its own, which is all HeldByThisThread asks.
+    // The depth is the holder's alone.
     std::atomic<pthread_t> m_owner{pthread_t()};
-    std::atomic<int> m_depth{0};
+    int m_depth = 0;
 #endif
 };
 

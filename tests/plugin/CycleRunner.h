@@ -11,7 +11,6 @@
 #include <string>
 #include <system_error>
 
-#include "OsUtils.h"
 #include "TestSupport.h"
 #include "TruckServiceManage.h"
 

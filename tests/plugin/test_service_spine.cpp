@@ -13,7 +13,6 @@
 #include <string>
 #include <thread>
 
-#include "OsUtils.h"
 #include "CycleRunner.h"
 #include "RefusedAllocations.h"
 #include "TestSupport.h"

@@ -27,13 +27,11 @@ std::atomic<bool> s_stampsSet{false};
 std::atomic<unsigned long long> s_lastRequestMs{0};
 std::atomic<unsigned long long> s_lastShiftMs{0};
 
-// The live businesses by token. An entry unlisted (business_uninit) while calls are still
-// running in its business stays until the last of them has left.
+// The live businesses by token. A call that found its business holds a share of the
+// business's manager, which destroys it, so an entry can go as soon as it is unlisted.
 struct LiveEntry {
     CTruckOsdService* business;
     std::weak_ptr<CTruckServiceManage> manage;
-    bool listed;
-    int calls;
 };
 
 struct LiveRegistry {
@@ -67,43 +65,20 @@ CTruckOsdService::LiveCall::LiveCall(void* user) {
     LiveRegistry& live = Live();
     std::lock_guard<std::mutex> lock(live.mutex);
     auto found = live.entries.find(reinterpret_cast<uintptr_t>(user));
-    if (found == live.entries.end() || !found->second.listed) {
+    if (found == live.entries.end()) {
         return;
     }
     manage = found->second.manage.lock();
     if (manage == nullptr) {
         return;  // the manager is going, and its businesses with it
     }
-    ++found->second.calls;
     business = found->second.business;
-    token = found->first;
-}
-
-// The count goes before the manager's share: the share may be the last one, and the manager
-// destroys the business.
-CTruckOsdService::LiveCall::~LiveCall() {
-    if (business == nullptr) {
-        return;
-    }
-    LiveRegistry& live = Live();
-    std::lock_guard<std::mutex> lock(live.mutex);
-    auto found = live.entries.find(token);
-    if (found != live.entries.end() && --found->second.calls == 0 && !found->second.listed) {
-        live.entries.erase(found);
-    }
 }
 
 void CTruckOsdService::Unlist() {
     LiveRegistry& live = Live();
     std::lock_guard<std::mutex> lock(live.mutex);
-    auto found = live.entries.find(m_liveToken);
-    if (found == live.entries.end()) {
-        return;
-    }
-    found->second.listed = false;
-    if (found->second.calls == 0) {
-        live.entries.erase(found);
-    }
+    live.entries.erase(m_liveToken);
 }
 
 CTruckOsdService::CTruckOsdService(CTruckServiceManage* manager, CMsgClientManage* client,
@@ -161,7 +136,7 @@ CTruckOsdService::CTruckOsdService(CTruckServiceManage* manager, CMsgClientManag
     std::lock_guard<std::mutex> lock(live.mutex);
     m_liveToken = ++live.lastToken;
     live.entries[m_liveToken] = LiveEntry{
-        this, manager != nullptr ? manager->weak_from_this() : std::weak_ptr<CTruckServiceManage>(), true, 0};
+        this, manager != nullptr ? manager->weak_from_this() : std::weak_ptr<CTruckServiceManage>()};
 }
 
 // Nothing to wait for: a business is destroyed only by its manager's destructor (one that

@@ -134,8 +134,8 @@ public:
     // monitors and the parameter watch keep their user pointer after the business is gone (a
     // signal monitor is never withdrawn, a CAN withdrawal needs the SDK handle), so every
     // such callback asks first. The registry's lock is held only to look the business up; the
-    // call itself holds a share of the business's manager and is counted, so the business
-    // outlives it, and no lock is held while it calls out to the platform.
+    // call itself holds a share of the business's manager, so the business outlives it, and
+    // no lock is held while it calls out to the platform.
     template <class F>
     static void WithLive(void* user, F&& call) {
         const LiveCall live(user);
@@ -149,11 +149,9 @@ public:
 private:
     struct LiveCall {
         explicit LiveCall(void* user);
-        ~LiveCall();
         LiveCall(const LiveCall&) = delete;
         LiveCall& operator=(const LiveCall&) = delete;
         CTruckOsdService* business = nullptr;
-        uintptr_t token = 0;
         std::shared_ptr<CTruckServiceManage> manage;
     };
 

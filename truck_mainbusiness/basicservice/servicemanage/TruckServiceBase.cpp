@@ -38,11 +38,17 @@ TicketOffice& Tickets() {
 
 }  // namespace
 
-void* TruckPostThreadTicket(TruckThreadTicket ticket) {
-    TicketOffice& office = Tickets();
-    std::lock_guard<std::mutex> lock(office.mutex);
-    const uintptr_t number = ++office.last;
-    office.filed[number] = std::move(ticket);
+void* TruckLaunchThread(TruckThreadTicket ticket, void* (*entry)(void*)) {
+    uintptr_t number = 0;
+    {
+        TicketOffice& office = Tickets();
+        std::lock_guard<std::mutex> lock(office.mutex);
+        number = ++office.last;
+        office.filed[number] = std::move(ticket);
+    }
+    pthread_t handle;
+    // Deliberately not examined: the thread's own state word and its ticket tell whether it ran.
+    OsUtilsCreateThread(&handle, entry, reinterpret_cast<void*>(number), kTruckThreadStackSize, 1);
     return reinterpret_cast<void*>(number);
 }
 
@@ -145,11 +151,7 @@ int CTruckServiceBase::business_start() {
         TruckThreadTicket ticket;
         ticket.hold = m_pServiceManage->weak_from_this().lock();
         ticket.target = this;
-        m_pThreadTicket = TruckPostThreadTicket(std::move(ticket));
-        pthread_t handle;
-        // Deliberately not examined: the thread's own state word and its ticket tell whether it ran.
-        OsUtilsCreateThread(&handle, business_independ_thread_entry, m_pThreadTicket, kTruckThreadStackSize,
-                            1);
+        m_pThreadTicket = TruckLaunchThread(std::move(ticket), business_independ_thread_entry);
         return 0;
     }
     if (m_pMsgClient == nullptr) {
@@ -207,7 +209,7 @@ int CTruckServiceBase::business_shared_thread_run(unsigned long long nowMs) {
 
 void* CTruckServiceBase::business_independ_thread_entry(void* ticketNumber) {
     TruckThreadTicket ticket;
-    if (!TruckTakeThreadTicket(ticketNumber, ticket) || ticket.target == nullptr) {
+    if (!TruckTakeThreadTicket(ticketNumber, ticket)) {
         return nullptr;  // withdrawn by a stop that gave up on this thread
     }
     CTruckServiceBase* self = static_cast<CTruckServiceBase*>(ticket.target);

@@ -104,8 +104,9 @@ struct TruckThreadTicket {
     void* target = nullptr;                     // the manager or the business it runs
     void* extra = nullptr;                      // the main cycle's host block
 };
-// Files the ticket and gives the number to hand to OsUtilsCreateThread as its argument.
-void* TruckPostThreadTicket(TruckThreadTicket ticket);
+// Files the ticket and starts a platform thread at `entry` with its number as the argument;
+// gives the number, for a stop to withdraw.
+void* TruckLaunchThread(TruckThreadTicket ticket, void* (*entry)(void*));
 // The thread's side: false when the ticket was withdrawn (or never filed).
 bool TruckTakeThreadTicket(void* number, TruckThreadTicket& out);
 // The stop's side: true when the thread had not taken its ticket, and now never will.

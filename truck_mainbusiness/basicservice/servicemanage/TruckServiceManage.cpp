@@ -174,11 +174,8 @@ int CTruckService::ServeStop(tag_ServiceParam* param) {
 
 void* service_thread_entry(void* args) {
     prctl(PR_SET_NAME, "truckservice", 0, 0, 0);
-    if (args == nullptr) {
-        return nullptr;
-    }
     TruckThreadTicket ticket;
-    if (!TruckTakeThreadTicket(args, ticket) || ticket.target == nullptr) {
+    if (!TruckTakeThreadTicket(args, ticket)) {
         return nullptr;  // withdrawn by a stop that gave up on this thread
     }
     // Held to the last step: the manager goes, at the earliest, when this share does.
@@ -305,10 +302,7 @@ void CTruckServiceManage::basic_launch_cycle(tag_ServiceParam* param) {
     ticket.hold = shared_from_this();
     ticket.target = this;
     ticket.extra = param;
-    m_pCycleTicket = TruckPostThreadTicket(std::move(ticket));
-    pthread_t handle;
-    // Deliberately not examined: the cycle's state word and its ticket tell whether it ran.
-    OsUtilsCreateThread(&handle, service_thread_entry, m_pCycleTicket, kTruckThreadStackSize, 1);
+    m_pCycleTicket = TruckLaunchThread(std::move(ticket), service_thread_entry);
 }
 
 bool CTruckServiceManage::basic_stop_requested() {

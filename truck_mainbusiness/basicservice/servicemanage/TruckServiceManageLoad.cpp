@@ -111,26 +111,27 @@ int CTruckServiceManage::basic_start_business(unsigned int id, char* name, unsig
         basic_retire_business(business);
         return -1;
     }
+    // Undoes what a started business's init registered before it goes to the manager.
+    const auto stopAndRetire = [this, business] {
+        business->business_stop();
+        basic_retire_business(business);
+    };
     int started = -1;
     try {
         started = business->business_start();
     } catch (...) {
-        // Undo what its init registered before it goes.
-        business->business_stop();
-        basic_retire_business(business);
+        stopAndRetire();
         throw;
     }
     if (started != 0) {
         TRUCK_LOG(0, "Create business instance failed, id = %d, name = %s\n", static_cast<int>(id), name);
-        // A business that failed its start never runs: undo what its init registered.
-        business->business_stop();
-        basic_retire_business(business);
+        // A business that failed its start never runs.
+        stopAndRetire();
         return -1;
     }
     // A stop that came during the start has not seen this business: stop it here.
     if (basic_register_business(id, business) != 0) {
-        business->business_stop();
-        basic_retire_business(business);
+        stopAndRetire();
         return -1;
     }
     TRUCK_LOG(1, "Create business instance, id = %d, name = %s, type = %d, bThread = %d, size = %d\n",
