@@ -4,6 +4,8 @@
 #include <stdio.h>
 #include <unistd.h>
 
+#include <algorithm>
+
 #include "NvxControl.h"
 
 namespace truckhost {
@@ -13,7 +15,7 @@ int HostRun::Report(RunResult result) {
     // one that does not is a fault of the plug-in, reported without running destructors
     // under it.
     const bool threadsEnded = nvx::WaitForThreadsToEnd(5000);
-    if (m_sim) {
+    if (m_options.simClock) {
         // The run's device time stands from here on; the rest of the exit is the machine's.
         m_simEndMs = SinceStart();
         nvx::SimClockOff();
@@ -27,9 +29,7 @@ int HostRun::Report(RunResult result) {
         // A shorter run is compared over the span it replayed: past its end the recording
         // has what the replay never got to send.
         const uint64_t recordedMs = m_device.recording.endMs;
-        const double durationMs = m_options.duration * 1000.0;
-        const uint64_t comparedMs =
-            durationMs < static_cast<double>(recordedMs) ? static_cast<uint64_t>(durationMs) : recordedMs;
+        const uint64_t comparedMs = std::min(EndMs(), recordedMs);
         if (comparedMs < recordedMs) {
             fprintf(stderr, "truckhost: comparing the first %llu ms of the recording's %llu ms\n",
                     static_cast<unsigned long long>(comparedMs), static_cast<unsigned long long>(recordedMs));
@@ -73,7 +73,7 @@ void HostRun::WriteSummary(int status) {
     RunSummary summary;
     summary.exitStatus = status;
     summary.seconds = static_cast<double>(SinceStart()) / 1000.0;
-    if (m_sim) {
+    if (m_options.simClock) {
         summary.clock = "sim";
         summary.wallSeconds =
             std::chrono::duration<double>(std::chrono::steady_clock::now() - m_started).count();

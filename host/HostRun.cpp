@@ -45,11 +45,10 @@ HostRun::HostRun(const Options& options, const Device& device)
     : m_options(options),
       m_device(device),
       m_started(std::chrono::steady_clock::now()),
-      m_sim(options.simClock),
       m_view(m_media, ViewOptionsOf(options), [this] { return SinceStart(); }) {}
 
 uint64_t HostRun::SinceStart() const {
-    if (m_sim) {
+    if (m_options.simClock) {
         return nvx::SimClockIsOn() ? nvx::SimNowMs() - kSimStartTickMs : m_simEndMs.load();
     }
     return static_cast<uint64_t>(
@@ -58,7 +57,7 @@ uint64_t HostRun::SinceStart() const {
 }
 
 bool HostRun::SetUp(std::string& error) {
-    if (!m_sim) {
+    if (!m_options.simClock) {
         return SetUpDevice(error);
     }
     // Before anything of the device runs, so that all of it runs on the clock; this thread is
@@ -66,6 +65,12 @@ bool HostRun::SetUp(std::string& error) {
     // the wall time a turn costs here; the machine's own sharing of its cores is left as it is.
     nvx::SimKeepToOneCore();
     nvx::SimClockOn(kSimStartTickMs);
+    // The stand-in keeps the last 100 000 messages sent for its tests (the host counts its own):
+    // some 16 MB, which a recorder does not hold, shifting the heap by tens of kilobytes from one
+    // day's end to the next and, spread among what the plug-in holds, keeping megabytes of pages
+    // resident or not as it happens. None kept on every run of this clock, sampled or not, so
+    // that the figures of a sampled run are those of any.
+    nvx::KeepSentMessages(0);
     if (!SetUpDevice(error)) {
         nvx::SimClockOff();
         return false;
@@ -126,7 +131,7 @@ bool HostRun::SetUpDevice(std::string& error) {
     m_sampling = !m_options.summary.empty() || m_options.stats;
     if (m_sampling) {
         ThreadSampler::DeviceClock deviceClock;
-        if (m_sim) {
+        if (m_options.simClock) {
             deviceClock = [this] { return static_cast<double>(SinceStart()) / 1000.0; };
         }
         nvx::HostThreads hostThreads;  // samples on the machine's clock, also with the device on its own
@@ -143,7 +148,7 @@ bool HostRun::OpenBusLog(std::string& error) {
     RunInfo run;
     // The clock as it stands now, given or not, so that a replay starts from the same second.
     run.startTime = nvx::WallClock();
-    run.simClock = m_sim;
+    run.simClock = m_options.simClock;
     run.sysroot = m_options.sysroot;
     run.device = m_device.profile;
     run.plugin = m_options.plugin;
@@ -179,22 +184,11 @@ RunResult HostRun::Run() {
     }
     m_logSteps = m_options.logLevel >= 3 && !panel;
     std::string framesFailure;
-    m_view.Start(!m_sim);
-    if (m_sim) {
+    m_view.Start(!m_options.simClock);
+    if (m_options.simClock) {
         DriveSimulated(framesFailure);
     } else {
-        StartScript();
-    }
-    uint64_t nextNoteMs = 0;
-    while (!m_sim && g_stopRequested == 0 && !Ended() && !m_restartFailed) {
-        if (m_view.FramesFailed(framesFailure)) {
-            break;
-        }
-        if (SinceStart() >= nextNoteMs) {
-            UpdateNote();
-            nextNoteMs = SinceStart() + 1000;
-        }
-        std::this_thread::sleep_for(std::chrono::milliseconds(20));
+        DriveReal(framesFailure);
     }
     // Nothing is injected into a plug-in that is stopping.
     m_timeline.Stop();
@@ -263,6 +257,23 @@ void HostRun::PerformStep(const ScriptStep& step) {
     RunStep(step);
 }
 
+// The script's steps run on their own thread; this one watches for the end and says each
+// second why nothing is drawn, if nothing is.
+void HostRun::DriveReal(std::string& framesFailure) {
+    StartScript();
+    uint64_t nextNoteMs = 0;
+    while (g_stopRequested == 0 && !Ended() && !m_restartFailed) {
+        if (m_view.FramesFailed(framesFailure)) {
+            break;
+        }
+        if (SinceStart() >= nextNoteMs) {
+            UpdateNote();
+            nextNoteMs = SinceStart() + 1000;
+        }
+        std::this_thread::sleep_for(std::chrono::milliseconds(20));
+    }
+}
+
 // The driver lets the device run up to the next thing due (a step, a second's frame, the end),
 // then does it on its turn: the device waits meanwhile, so each happens at its exact device
 // millisecond. A signal is seen at the next of them, a second of device time at most.
@@ -291,12 +302,6 @@ void HostRun::DriveSimulated(std::string& framesFailure) {
             stepDue = cursor.Next(step);
         }
         if (now >= nextSecondMs) {
-            // The stand-in keeps the last 100 000 messages sent for its tests (the host counts its
-            // own): some 16 MB, which a recorder does not hold, shifting the heap by tens of
-            // kilobytes from one day's end to the next and, spread among what the plug-in holds,
-            // keeping megabytes of pages resident or not as it happens. Emptied on every run of
-            // this clock, sampled or not, so that the figures of a sampled run are those of any.
-            nvx::ClearSentMessages();
             UpdateNote();
             m_view.Step(now);
             if (m_view.FramesFailed(framesFailure)) {
@@ -337,12 +342,7 @@ void HostRun::SampleThreads() {
 
 // Said while nothing is drawn and the device's files tell why.
 void HostRun::UpdateNote() {
-    const media::Snapshot snapshot = m_media.Take();
-    bool drawn = snapshot.hasCard;
-    for (const auto& channel : snapshot.channels) {
-        drawn = drawn || !channel.second.empty();
-    }
-    m_view.SetNote(drawn ? std::string() : NothingDrawnReason(m_options.sysroot));
+    m_view.SetNote(m_media.Drawn() ? std::string() : NothingDrawnReason(m_options.sysroot));
 }
 
 }  // namespace truckhost

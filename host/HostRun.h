@@ -61,6 +61,7 @@ private:
     void StartScript();
     void PerformStep(const ScriptStep& step);
     // The run loop on the simulated clock; a frame that failed leaves its reason.
+    void DriveReal(std::string& framesFailure);
     void DriveSimulated(std::string& framesFailure);
     uint64_t EndMs() const;
     void SampleThreads();
@@ -72,7 +73,6 @@ private:
     const Options& m_options;
     const Device& m_device;
     const std::chrono::steady_clock::time_point m_started;
-    const bool m_sim;
     std::atomic<uint64_t> m_simEndMs{0};  // the device time the clock was switched off at
     bool m_logSteps = false;              // each step on stderr
     media::MediaSide m_media;

@@ -284,7 +284,10 @@ void HostView::Start(bool ownThread) {
 }
 
 void HostView::Step(uint64_t tMs) {
-    WriteFrames(m_media.Take(), Format("%04llu", static_cast<unsigned long long>(tMs / 1000)));
+    // Every device second: the media side is copied only when there are frames to draw.
+    if (!m_options.framesDir.empty()) {
+        WriteFrames(m_media.Take(), Format("%04llu", static_cast<unsigned long long>(tMs / 1000)));
+    }
     const auto now = std::chrono::steady_clock::now();
     if (!m_options.panel || now - m_lastRefresh >= kRefresh) {
         m_lastRefresh = now;
@@ -398,14 +401,6 @@ void HostView::WriteFrames(const media::Snapshot& snapshot, const std::string& t
 }
 
 void HostView::Refresh(uint64_t tMs, bool final) {
-    // The rate is measured over a second at least; the last refresh keeps the one before it.
-    const media::Snapshot snapshot = m_media.Take();
-    if (tMs >= m_lastRateMs + 1000) {
-        const uint64_t span = tMs - m_lastRateMs;
-        m_rate = span == 0 ? 0 : static_cast<double>(snapshot.messages - m_lastMessages) * 1000.0 / span;
-        m_lastMessages = snapshot.messages;
-        m_lastRateMs = tMs;
-    }
     uint64_t dropped = 0;
     std::vector<std::string> changes = m_media.TakeChanges(&dropped);
     std::string note;
@@ -431,6 +426,15 @@ void HostView::Refresh(uint64_t tMs, bool final) {
         }
         fflush(stdout);
         return;
+    }
+    // Only the panel shows the state and the rate. The rate is measured over a second at least;
+    // the last refresh keeps the one before it.
+    const media::Snapshot snapshot = m_media.Take();
+    if (tMs >= m_lastRateMs + 1000) {
+        const uint64_t span = tMs - m_lastRateMs;
+        m_rate = span == 0 ? 0 : static_cast<double>(snapshot.messages - m_lastMessages) * 1000.0 / span;
+        m_lastMessages = snapshot.messages;
+        m_lastRateMs = tMs;
     }
     PanelInput in;
     in.tMs = tMs;

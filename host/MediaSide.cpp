@@ -260,6 +260,15 @@ Snapshot MediaSide::Take() const {
     return m_state;
 }
 
+bool MediaSide::Drawn() const {
+    std::lock_guard<std::mutex> lock(m_mutex);
+    bool drawn = m_state.hasCard;
+    for (const auto& channel : m_state.channels) {
+        drawn = drawn || !channel.second.empty();
+    }
+    return drawn;
+}
+
 std::vector<std::string> MediaSide::TakeChanges(uint64_t* dropped) {
     std::lock_guard<std::mutex> lock(m_mutex);
     std::vector<std::string> lines(m_changes.begin(), m_changes.end());

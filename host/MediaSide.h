@@ -90,6 +90,8 @@ public:
     void OnParameterWrite(uint64_t tMs, const std::string& text);
 
     Snapshot Take() const;
+    // Whether any overlay item or the card record is drawn now, without a copy of the state.
+    bool Drawn() const;
     // One line per change of what the media side shows, oldest first, since the last call.
     // `dropped` counts lines that did not fit the queue.
     std::vector<std::string> TakeChanges(uint64_t* dropped = nullptr);

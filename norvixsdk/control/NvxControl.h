@@ -71,6 +71,9 @@ struct BusMessage {
 int InjectBusEvent(int event, const void* data, size_t length);
 std::vector<BusMessage> SentMessages();
 void ClearSentMessages();
+// How many of the last messages sent the record keeps: 100 000 by default and after Reset, 0
+// for none (a long run that no one reads them from).
+void KeepSentMessages(size_t messages);
 // Waits until a sent message (already sent or still to come) matches; false at the time-out.
 bool WaitForSent(const std::function<bool(const BusMessage&)>& match, int timeoutMs);
 // Called on the sending thread for every message sent; empty function to remove.

@@ -66,12 +66,16 @@ struct WatchdogEntry {
     uint64_t silenceMs = 0;  // 0: the bus's time-out
 };
 
+// Keeps a long host run from growing the record without bound.
+constexpr size_t kMaxSent = 100000;
+
 struct Bus {
     std::mutex mutex;
     std::condition_variable sentChanged;
     std::set<CMsgClientManage::Impl*> clients;
     std::deque<BusMessage> sent;
     uint64_t sentTotal = 0;  // messages ever recorded; sent.front() is number sentTotal - sent.size()
+    size_t sentKept = kMaxSent;
     std::function<void(const BusMessage&)> observer;
     std::map<const void*, WatchdogEntry> watchdog;      // by client
     std::map<std::string, uint64_t> feedCounts;         // by client name, kept after the client is gone
@@ -94,8 +98,6 @@ Bus& TheBus() {
 
 std::atomic<bool> g_instantWaits{false};
 
-// Keeps a long host run from growing the record without bound.
-constexpr size_t kMaxSent = 100000;
 constexpr size_t kDefaultDepth = 1024;
 
 int QueueForClients(Bus& bus, int event, const char* data, size_t length) {
@@ -148,6 +150,15 @@ std::vector<BusMessage> SentMessages() {
     Bus& bus = TheBus();
     std::lock_guard<std::mutex> lock(bus.mutex);
     return std::vector<BusMessage>(bus.sent.begin(), bus.sent.end());
+}
+
+void KeepSentMessages(size_t messages) {
+    Bus& bus = TheBus();
+    std::lock_guard<std::mutex> lock(bus.mutex);
+    bus.sentKept = messages;
+    while (bus.sent.size() > messages) {
+        bus.sent.pop_front();
+    }
 }
 
 void ClearSentMessages() {
@@ -275,6 +286,7 @@ void ResetBus() {
         Bus& bus = TheBus();
         std::lock_guard<std::mutex> lock(bus.mutex);
         bus.sent.clear();
+        bus.sentKept = kMaxSent;
         bus.feedCounts.clear();
         bus.feedTicks.clear();
         bus.waitTimeouts.clear();
@@ -289,10 +301,12 @@ void PostBusMessage(const BusMessage& message) {
     std::function<void(const BusMessage&)> observer;
     {
         std::lock_guard<std::mutex> lock(bus.mutex);
-        if (bus.sent.size() >= kMaxSent) {
-            bus.sent.pop_front();
+        if (bus.sentKept > 0) {
+            if (bus.sent.size() >= bus.sentKept) {
+                bus.sent.pop_front();
+            }
+            bus.sent.push_back(message);
         }
-        bus.sent.push_back(message);
         ++bus.sentTotal;
         observer = bus.observer;
         QueueForClients(bus, message.event, reinterpret_cast<const char*>(message.payload.data()),

@@ -247,15 +247,13 @@ TEST(ThreadSampler, CountsWakeupsAndCpuFromBirthOrFromTheFirstSample) {
     EXPECT_EQ(Named(all, "host-sampler").at(0).owner, "host");
 }
 
-// What a device day's end reads of the process: one thread, one descriptor and the memory the
-// test holds more.
 // Entries of a folder of /proc as the kernel lists them, counted apart from the host's way.
-namespace {
 long Listed(const char* folder) {
     return static_cast<long>(std::distance(std::filesystem::directory_iterator(folder), {}));
 }
-}  // namespace
 
+// What a device day's end reads of the process: one thread, one descriptor and the memory the
+// test holds more.
 TEST(ProcessSample, SeesAThreadADescriptorAndTouchedMemoryMore) {
     const truckhost::DaySample before = truckhost::SampleProcess();
     const long tasksBefore = Listed("/proc/self/task");
