@@ -197,7 +197,9 @@ TEST_F(OsdTime, TheTimeLineMovesByTheShiftInsideTheRuleAndAnnouncesEachChangeOnc
                                                     {Clock(2024, 3, 12, 1, 30, 20), "2024-03-12 04:30:2#"},
                                                     {Clock(2024, 7, 1, 10, 0, 0), "2024-07-01 13:00:0#"},
                                                     {Clock(2024, 10, 24, 23, 45, 0), "2024-10-25 02:45:0#"},
-                                                    {Clock(2024, 10, 25, 0, 46, 0), "2024-10-25 01:46:0#"}};
+                                                    {Clock(2024, 10, 25, 0, 46, 0), "2024-10-25 01:46:0#"},
+                                                    // Before the calendar's start: the empty record.
+                                                    {Clock(1999, 12, 31, 12, 0, 0), "2000-00-00 00:00:00"}};
     for (const auto& step : steps) {
         nvx::SetWallClock(step.first);
         business->OSDDataSendTime();

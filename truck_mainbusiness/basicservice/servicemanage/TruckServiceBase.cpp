@@ -100,14 +100,14 @@ CTruckServiceBase::CTruckServiceBase(CTruckServiceManage* manager, CMsgClientMan
       m_pMsgClient(client),
       m_pServiceManage(manager),
       m_pAsynCallback(nullptr),
-      m_bIndependThread(0),
+      // Handed no client, a business runs on a thread of its own, which makes its client.
+      m_bIndependThread(client == nullptr ? 1 : 0),
       m_iThreadState(kTruckThreadStopped) {
     StringCopy(m_szBusinessName, sizeof(m_szBusinessName), name != nullptr ? name : "");
     if (m_pServiceManage == nullptr) {
         APPCOM_LOG(0, "Basic Server manage ptr is null\n");
         exit(1);
     }
-    m_bIndependThread = (client == nullptr) ? 1 : 0;
     m_pAsynCallback = new (std::nothrow) CAsynCallback(id, 0, 0);
     if (m_pAsynCallback == nullptr) {
         APPCOM_LOG(0, "Asyn callback ptr is null\n");

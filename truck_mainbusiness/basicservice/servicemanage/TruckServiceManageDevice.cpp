@@ -11,6 +11,7 @@
 #include <string.h>
 
 #include <atomic>
+#include <optional>
 
 #include "CommonDefine.h"
 #include "JQ_SDK_Device.h"
@@ -36,16 +37,16 @@ std::atomic<uint32_t> s_uiFlashSize{0};
 std::atomic<uint32_t> s_uiChipType{0};
 
 // The value that starts at `begin` and ends right before `end`, as an unsigned decimal. An
-// empty value reads as 0. False for anything that is not all digits or is too long.
-bool ParseDecimalValue(const char* begin, const char* end, unsigned int& value) {
+// empty value reads as 0. None for anything that is not all digits or is too long.
+std::optional<unsigned int> ParseDecimalValue(const char* begin, const char* end) {
     const size_t length = static_cast<size_t>(end - begin);
     if (length > kCmdlineValueMax) {
-        return false;
+        return std::nullopt;
     }
     unsigned long long total = 0;
     for (const char* p = begin; p < end; ++p) {
         if (*p < '0' || *p > '9') {
-            return false;
+            return std::nullopt;
         }
         // 127 digits do not fit any word: a runaway value saturates rather than wraps.
         total = total * 10 + static_cast<unsigned int>(*p - '0');
@@ -53,8 +54,7 @@ bool ParseDecimalValue(const char* begin, const char* end, unsigned int& value) 
             total = 0xFFFFFFFFull;
         }
     }
-    value = static_cast<unsigned int>(total);
-    return true;
+    return static_cast<unsigned int>(total);
 }
 
 // The flash size ends at its unit: a capital M wherever it comes first after the key, a
@@ -72,7 +72,9 @@ void ParseFlashSize(const char* text, unsigned int& flashSize) {
     if (end == nullptr) {
         return;
     }
-    ParseDecimalValue(begin, end, flashSize);
+    if (const std::optional<unsigned int> value = ParseDecimalValue(begin, end)) {
+        flashSize = *value;
+    }
 }
 
 // The chip type must be followed by a space; at the very end of the line it is not taken.
@@ -86,7 +88,9 @@ void ParseChipType(const char* text, unsigned int& chipType) {
     if (end == nullptr) {
         return;
     }
-    ParseDecimalValue(begin, end, chipType);
+    if (const std::optional<unsigned int> value = ParseDecimalValue(begin, end)) {
+        chipType = *value;
+    }
 }
 
 bool IsCorrectedBoardType(unsigned int boardType) {
