@@ -36,6 +36,8 @@ CAsynCallback::CAsynCallback(unsigned int id, unsigned short maxEntries, unsigne
 }
 
 CAsynCallback::~CAsynCallback() {
+    // Counted so that tests can tell every queue made was also destroyed.
+    nvx::detail::CountCall("~CAsynCallback");
     delete m_impl;
 }
 

@@ -163,10 +163,13 @@ TEST_F(JsonHelpers, LoadJsonFileSeparatesMissingPathFromOtherFailures) {
     const std::string& dir = folder.path();
     std::ofstream(dir + "/good.jsn") << "// not kept\n[1, 2]";
     std::ofstream(dir + "/bad.jsn") << "[1, ";
+    // Past its nesting limit the reader throws: a failure like any other, not the end.
+    std::ofstream(dir + "/deep.jsn") << std::string(1100, '[') << std::string(1100, ']');
     Json::Value root;
     EXPECT_EQ(-22, LoadJsonFile(nullptr, root));
     EXPECT_EQ(-1, LoadJsonFile((dir + "/missing.jsn").c_str(), root));
     EXPECT_EQ(-1, LoadJsonFile((dir + "/bad.jsn").c_str(), root));
+    EXPECT_EQ(-1, LoadJsonFile((dir + "/deep.jsn").c_str(), root));
     EXPECT_EQ(0, LoadJsonFile((dir + "/good.jsn").c_str(), root));
     EXPECT_EQ(Parse("[1,2]"), root);
     EXPECT_FALSE(root.hasComment(Json::commentBefore));

@@ -92,6 +92,21 @@ TEST(MempoolPlacement, OnlyAddingABlockPassesOneAndTheSixthPassMovesTheSearchOn)
     EXPECT_EQ(pool.JQ_CBB_Alloc(40, false), halves.back() + 2032) << "passed six times";
     EXPECT_EQ(pool.GetBlockCount(), 8u);
 
+    // Emptied after the search has moved past it, a block is searched first again, and its
+    // passes count from nothing: one more pass leaves the search on it.
+    JQ_CBB_Mempool again(4096);
+    auto* x = static_cast<unsigned char*>(again.JQ_CBB_Alloc(3000, false));
+    std::vector<void*> fills;  // 4064 bytes fill a block to its last 8
+    for (int i = 0; i < 7; ++i) {
+        fills.push_back(again.JQ_CBB_Alloc(4064, false));  // x's block passed six times
+    }
+    again.JQ_CBB_Free(fills[0]);  // the block after it, passed five times, starts again too
+    again.JQ_CBB_Free(x);
+    EXPECT_EQ(again.JQ_CBB_Alloc(3000, false), x);
+    again.JQ_CBB_Alloc(4064, false);  // into the block after it
+    again.JQ_CBB_Alloc(4064, false);  // adds a block: one pass
+    EXPECT_EQ(again.JQ_CBB_Alloc(500, false), x + 3000);
+
     // The map of live addresses stays under half full, where its probe runs are short.
     JQ_CBB_Mempool counted(4096);
     for (unsigned int live = 1; live <= 32; ++live) {

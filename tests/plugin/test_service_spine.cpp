@@ -405,6 +405,8 @@ TEST_F(Business, SharedThreadRunsCallbacksAndCyclesOnTheCallersTicks) {
         EXPECT_EQ(business.business_start(), -5) << "start answers what business_init answers";
         EXPECT_EQ(business.SourceId(), nvx::SourceIdOf("shared_probe_name_well_over_31_"));
         EXPECT_EQ(nvx::CallCount("OsUtilsCreateThread"), 0u);
+        EXPECT_EQ(business.business_independ_thread_func_impl(), 0) << "no thread of its own to run";
+        EXPECT_EQ(business.inits.load(), 1);
 
         char text[] = "first";
         business.Queue(text);
@@ -581,6 +583,7 @@ TEST_F(ServiceFaults, AStopIsBoundedWhateverAFirstPassCallDoes) {
         EXPECT_TRUE(Eventually([] { return CTruckServiceManage::basic_live_count() == 0; })) << stuck;
         if (std::string(stuck) == "CAsynCallback") {
             EXPECT_EQ(nvx::CallCount("OsUtilsCreateThread"), 1u) << "no business thread";
+            EXPECT_EQ(nvx::CallCount("~CAsynCallback"), 1u) << "the business went with its manager";
             EXPECT_EQ(nvx::CallCount("JQ_SDK_Device_MonitorDevSignalData"), 0u);
         }
         EXPECT_EQ(nvx::CallCount("JQ_SDK_Storage_MonitorFuseStatus"), 0u) << stuck;

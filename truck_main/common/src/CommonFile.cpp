@@ -12,6 +12,7 @@
 #include <sys/time.h>
 #include <sys/types.h>
 
+#include <algorithm>
 #include <exception>
 #include <string>
 
@@ -44,10 +45,7 @@ bool CreateOneDirectory(const char* path) {
 // Video files pass 2 GiB, and a long on the device holds no more: such a size saturates
 // rather than wrapping or reading as an empty file.
 long ClampFileSize(long long size) {
-    if (size < 0) {
-        return 0;
-    }
-    return size > LONG_MAX ? LONG_MAX : static_cast<long>(size);
+    return static_cast<long>(std::clamp<long long>(size, 0, LONG_MAX));
 }
 
 }  // namespace

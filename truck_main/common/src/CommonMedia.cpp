@@ -2,67 +2,68 @@
 // against the enumerations of the media interfaces, and the pixel sizes of output resolutions.
 #include "CommonDefine.h"
 
+#include <algorithm>
+#include <iterator>
+
 namespace {
 
-// Every table ends in a row whose stored value is kEndOfTable; its enumeration is what an
-// unknown stored value turns into. An enumeration without a row is stored as kNoStoredValue.
+// A stored value without a row turns into the table's `unknown`; an enumeration without a row
+// is stored as kNoStoredValue.
 struct MediaValuePair_t {
     int stored;
     int value;
 };
-constexpr int kEndOfTable = -1;
+template <size_t N>
+struct MediaTable {
+    MediaValuePair_t rows[N];
+    int unknown;
+};
 constexpr unsigned char kNoStoredValue = 0xFF;
 
-const MediaValuePair_t s_videoEncodeTypes[] = {{0, 0}, {1, 1}, {kEndOfTable, VIDEO_ENCODE_TYPE_UNKNOWN}};
+const MediaTable<2> s_videoEncodeTypes = {{{0, 0}, {1, 1}}, VIDEO_ENCODE_TYPE_UNKNOWN};
 
-const MediaValuePair_t s_videoBitrateModes[] = {
-    {0, 0}, {1, 1}, {2, 2}, {kEndOfTable, VIDEO_BITRATE_CTRL_UNKNOWN}};
+const MediaTable<3> s_videoBitrateModes = {{{0, 0}, {1, 1}, {2, 2}}, VIDEO_BITRATE_CTRL_UNKNOWN};
 
 // Stored 5 has no format.
-const MediaValuePair_t s_audioFormats[] = {
-    {0, 2}, {1, 3}, {2, 0}, {3, 1}, {4, 4}, {6, 6}, {kEndOfTable, AUDIO_FORMAT_UNKNOWN}};
+const MediaTable<6> s_audioFormats = {{{0, 2}, {1, 3}, {2, 0}, {3, 1}, {4, 4}, {6, 6}}, AUDIO_FORMAT_UNKNOWN};
 
-const MediaValuePair_t s_g726Rates[] = {
-    {0, 0}, {1, 1}, {2, 2}, {3, 3}, {4, 4}, {5, 5}, {6, 6}, {7, 7}, {kEndOfTable, G726_BPS_UNKNOWN}};
+const MediaTable<8> s_g726Rates = {{{0, 0}, {1, 1}, {2, 2}, {3, 3}, {4, 4}, {5, 5}, {6, 6}, {7, 7}},
+                                   G726_BPS_UNKNOWN};
 
-const MediaValuePair_t s_outputResolutions[] = {{0, 0},
-                                                {1, 1},
-                                                {2, 2},
-                                                {3, 3},
-                                                {4, 4},
-                                                {5, 5},
-                                                {6, 6},
-                                                {7, 7},
-                                                {8, 8},
-                                                {9, 9},
-                                                {10, 10},
-                                                {11, 11},
-                                                {12, 12},
-                                                {13, 13},
-                                                {14, 14},
-                                                {15, 15},
-                                                {kEndOfTable, VIDEO_OUTPUT_RESOLUTION_UNKNOWN}};
+const MediaTable<16> s_outputResolutions = {{{0, 0},
+                                             {1, 1},
+                                             {2, 2},
+                                             {3, 3},
+                                             {4, 4},
+                                             {5, 5},
+                                             {6, 6},
+                                             {7, 7},
+                                             {8, 8},
+                                             {9, 9},
+                                             {10, 10},
+                                             {11, 11},
+                                             {12, 12},
+                                             {13, 13},
+                                             {14, 14},
+                                             {15, 15}},
+                                            VIDEO_OUTPUT_RESOLUTION_UNKNOWN};
 
-template <class Enum>
-int ConvertByTable(const MediaValuePair_t* table, unsigned char* stored, Enum* value, bool toEnum) {
+template <class Enum, size_t N>
+int ConvertByTable(const MediaTable<N>& table, unsigned char* stored, Enum* value, bool toEnum) {
     if (stored == nullptr || value == nullptr) {
         return -1;
     }
+    const MediaValuePair_t* const end = std::end(table.rows);
     if (toEnum) {
-        const MediaValuePair_t* row = table;
-        while (row->stored != kEndOfTable && row->stored != *stored) {
-            ++row;
-        }
-        *value = static_cast<Enum>(row->value);
+        const MediaValuePair_t* row = std::find_if(
+            std::begin(table.rows), end, [stored](const MediaValuePair_t& r) { return r.stored == *stored; });
+        *value = static_cast<Enum>(row != end ? row->value : table.unknown);
         return 0;
     }
-    for (const MediaValuePair_t* row = table; row->stored != kEndOfTable; ++row) {
-        if (row->value == static_cast<int>(*value)) {
-            *stored = static_cast<unsigned char>(row->stored);
-            return 0;
-        }
-    }
-    *stored = kNoStoredValue;
+    const MediaValuePair_t* row =
+        std::find_if(std::begin(table.rows), end,
+                     [value](const MediaValuePair_t& r) { return r.value == static_cast<int>(*value); });
+    *stored = row != end ? static_cast<unsigned char>(row->stored) : kNoStoredValue;
     return 0;
 }
 

@@ -168,7 +168,7 @@ int CTruckOsdService::GetDstLocalUtcTime(const tagDateTime& date, long& start, l
         const RulePoint& point = points[i];
         const uint8_t month = static_cast<uint8_t>(point.mon + 1);
         const uint8_t weekSpec = static_cast<uint8_t>((point.week << 4) | (point.weekDay & 0x0F));
-        uint8_t day = 0;
+        uint8_t day{};
         if (JQ_SDK_DateTime_GetDayByWeek(date.ucYear, month, weekSpec, &day) != 0) {
             TRUCK_LOG(1, "JQ_SDK_DateTime_GetDayByWeek FAILED(%d)(%d)(%02x)\n", static_cast<int>(date.ucYear),
                       static_cast<int>(month), static_cast<unsigned int>(weekSpec));
@@ -285,8 +285,7 @@ void CTruckOsdService::OSDDataSendTime() {
         }
         if (dstState == 0) {
             seconds = Seconds32(static_cast<long long>(seconds) + 3600LL * m_timeZoneParam.dstShift);
-            tagDateTime shifted;
-            memset(&shifted, 0, sizeof(shifted));
+            tagDateTime shifted{};
             if (JQ_SDK_DateTime_CalendarTimeToBrokenDownTime(&seconds, &shifted) == 0) {
                 date = shifted;  // past the calendar's end the standard time is shown
             }
