@@ -173,3 +173,14 @@ TEST_F(SimThreads, TheHubAndTheTimestampClockKeepExactDeviceCadences) {
     EXPECT_EQ(nvx::CallCount("JQ_SDK_MSG_WaitForEvent"), 473u) << "passes at 48100 and 48300";
     EXPECT_EQ(stamp->stampMillis.load(), 48350u);
 }
+
+// A hub destroyed before its loop begins joins its scheduler. On the clock that thread runs only
+// when the destroying thread waits for it, so one left unjoined would still be listed.
+TEST_F(SimThreads, AHubGoneBeforeItsLoopBeginsHasJoinedItsScheduler) {
+    { MsgManager first; }  // starts the process's wheel and timestamp clock once
+    const size_t threads = Tasks().size();
+    { MsgManager hub; }
+    EXPECT_EQ(Tasks().size(), threads);
+    EXPECT_EQ(OsUtilsGetTickCount(), kStartMs) << "its loop never began";
+    EXPECT_EQ(nvx::CallCount("JQ_SDK_MSG_WaitForEvent"), 0u);
+}
