@@ -143,6 +143,7 @@ TEST_F(JsonHelpers, NestingScanCountsContainersOutsideStringsOnly) {
     EXPECT_FALSE(within(R"({"a":[{"b":1}]})", 2));
     EXPECT_TRUE(within(R"({"a":"[[[{{{","b":"\"[[["})", 1)) << "brackets and quotes inside strings";
     EXPECT_TRUE(within("{}[]{}[]", 1)) << "siblings do not add up";
+    EXPECT_FALSE(within("]]}[[[", 2)) << "closers never buy depth";
     // The scan stops at the length: the deep part lies beyond it.
     const std::string tail = "[1]" + std::string(100, '[');
     EXPECT_TRUE(JsonNestingWithin(tail.data(), 3, 1));
@@ -150,6 +151,10 @@ TEST_F(JsonHelpers, NestingScanCountsContainersOutsideStringsOnly) {
     // The reader takes comments between tokens: their brackets do not nest, and a quote in
     // one opens no string that could hide the brackets after it.
     EXPECT_TRUE(within("{\"a\":1 /* [[[ */, // {{{\n\"b\":[2]}", 2));
+    // A comment ends after its "*/", and a slash that opens none is passed over.
+    EXPECT_FALSE(within("/* a *//*b*/[[[1]]]", 2));
+    EXPECT_FALSE(within("[/[[", 2));
+    EXPECT_TRUE(within("[/", 1));
     const std::string deep = std::string(999, '[') + std::string(999, ']');
     for (const std::string& hidden : {"/*\"*/" + deep + "/*\"*/", "//\"\n" + deep + "//\"\n",
                                       "//\"\r" + deep + "/*\"*/", "/*/\"*/" + deep + "/*\"*/"}) {

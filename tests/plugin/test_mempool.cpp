@@ -295,6 +295,13 @@ TEST(MempoolRefusals, BadInputPrintsItsMessageAndChangesNothing) {
 
     EXPECT_EQ(pool.GetAddressMapSize(), 1u);
     EXPECT_EQ(pool.JQ_CBB_Alloc(40, false), static_cast<char*>(kept) + 80) << "block not rewound";
+    // Nor is the pool's own record of a large allocation, made where the next small one would
+    // have gone: freeing it is refused, and the record stays.
+    void* large = pool.JQ_CBB_Alloc(5000, false);
+    char* record = static_cast<char*>(kept) + 120;
+    ExpectPrinted("JQ_CBB_Free", NotFound(record), [&] { pool.JQ_CBB_Free(record); });
+    EXPECT_EQ(pool.GetAddressMapSize(), 3u);
+    pool.JQ_CBB_Free(large);
 }
 
 TEST(MempoolRefusals, AHeapWithoutMemoryGivesNullWithItsMessageAndDisturbsNothing) {

@@ -400,6 +400,7 @@ TEST_F(Business, SharedThreadRunsCallbacksAndCyclesOnTheCallersTicks) {
                                "shared_probe_name_well_over_31_chars");
         EXPECT_STREQ(business.business_get_name(), "shared_probe_name_well_over_31_");
         EXPECT_EQ(business.business_get_cycle_time(), 100u) << "the default cycle";
+        EXPECT_EQ(business.SourceId(), 0u) << "until it starts";
         business.initResult = -5;
         EXPECT_EQ(business.business_get_is_independ(), 0);
         EXPECT_EQ(business.business_start(), -5) << "start answers what business_init answers";
@@ -424,7 +425,7 @@ TEST_F(Business, SharedThreadRunsCallbacksAndCyclesOnTheCallersTicks) {
         business.business_shared_thread_run(100);  // a tick that went back a whole cycle
         EXPECT_EQ(business.cycles.load(), 3);
 
-        business.business_set_cycle_time(0);
+        EXPECT_EQ(business.business_set_cycle_time(0), 0);
         business.business_shared_thread_run(100);
         business.business_shared_thread_run(100);
         EXPECT_EQ(business.cycles.load(), 5) << "cycle time 0 runs the cycle on every step";
@@ -554,6 +555,15 @@ TEST(WiringFaults, EndTheProcessWithStatusOne) {
         {
             tagGlobalConfig config = MakeGlobalConfig();
             CTruckServiceManage manager(&config);
+            g_refusedAllocations.store(1);  // its queue cannot be had
+            ProbeBusiness business(&manager, nullptr, 5, "no_queue");
+            _exit(5);
+        },
+        ::testing::ExitedWithCode(1), "\\[APPCOM\\] .*Asyn callback ptr is null");
+    EXPECT_EXIT(
+        {
+            tagGlobalConfig config = MakeGlobalConfig();
+            CTruckServiceManage manager(&config);
             ProbeBusiness business(&manager, nullptr, 5, "no_client");
             g_refusedAllocations.store(1 << 30);  // its own thread's client cannot be had
             business.business_start();
@@ -617,6 +627,26 @@ TEST_F(ServiceFaults, AnExceptionOnAThreadIsLoggedAndTheServiceGoesOn) {
         EXPECT_FALSE(Logged("TRUCK", 1, kStillInUse));
         EXPECT_EQ(nvx::CallCount("JQ_SDK_Storage_MonitorFuseStatus"), 1u);
     }
+}
+
+// A business thread that overran the stop's wait for it is known to run: the stop does not wait
+// a second time for the manager it holds, but says so and goes on. On the simulated clock, so
+// that the main cycle has ended by then, as it would on a device.
+TEST_F(ServiceFaults, AStopWaitsOnceForABusinessThreadThatOverruns) {
+    nvx::SimClockOn(kSimStartMs);
+    nvx::CloseGate("JQ_SDK_Device_MonitorDevSignalData");  // inside the OSD business's init
+    ASSERT_EQ(JQ_SDK_Service_Start(&param), 0);
+    ASSERT_TRUE(nvx::WaitForCallAtGate("JQ_SDK_Device_MonitorDevSignalData", kGenerousMs));
+    const size_t before = nvx::SleepsOfThisThread().size();
+    EXPECT_EQ(JQ_SDK_Service_Stop(&param), 0);
+    const std::vector<unsigned int> sleeps = nvx::SleepsOfThisThread();
+    EXPECT_GE(std::count(sleeps.begin() + static_cast<long>(before), sleeps.end(), 20u), 101);
+    EXPECT_EQ(std::count(sleeps.begin() + static_cast<long>(before), sleeps.end(), 1u), 0);
+    EXPECT_TRUE(Logged("TRUCK", 1, kStillInUse));
+    nvx::OpenGate("JQ_SDK_Device_MonitorDevSignalData");
+    ASSERT_TRUE(nvx::WaitForThreadsToEnd(kGenerousMs));
+    EXPECT_EQ(CTruckServiceManage::basic_live_count(), 0);
+    nvx::SimClockOff();
 }
 
 // A stop that comes while business_init runs leaves the business_uninit to the business's own

@@ -87,7 +87,6 @@ bool TimeWheel::FileNew(CTimerNode* node) {
 
 void TimeWheel::Retire(CTimerNode* node) {
     TRUCK_CHECK(m_mutex.HeldByThisThread());
-    node->m_func.reset();
     node->~CTimerNode();
     m_pPool->JQ_CBB_Free(node);
 }

@@ -4,6 +4,7 @@
 #include <stdlib.h>
 #include <string.h>
 
+#include <algorithm>
 #include <map>
 #include <mutex>
 #include <new>
@@ -19,10 +20,7 @@ int EventWaitMs(unsigned long long cycleTime) {
     if (cycleTime > 500) {
         return 500;
     }
-    if (cycleTime > 100) {
-        return 100;
-    }
-    return static_cast<int>(cycleTime);
+    return static_cast<int>(std::min<unsigned long long>(cycleTime, 100));
 }
 
 struct TicketOffice {
