@@ -155,6 +155,7 @@ TEST_F(JsonHelpers, NestingScanCountsContainersOutsideStringsOnly) {
     EXPECT_FALSE(within("/* a *//*b*/[[[1]]]", 2));
     EXPECT_FALSE(within("[/[[", 2));
     EXPECT_TRUE(within("[/", 1));
+    EXPECT_TRUE(within("[[/* [[[", 2)) << "an unterminated comment hides the rest";
     const std::string deep = std::string(999, '[') + std::string(999, ']');
     for (const std::string& hidden : {"/*\"*/" + deep + "/*\"*/", "//\"\n" + deep + "//\"\n",
                                       "//\"\r" + deep + "/*\"*/", "/*/\"*/" + deep + "/*\"*/"}) {

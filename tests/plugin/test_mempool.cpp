@@ -209,9 +209,9 @@ TEST(MempoolReset, ReleasesEverythingAtOnceAndForgetsTheAddressesItHandedOut) {
     EXPECT_EQ(pool.JQ_CBB_Alloc(64, true), first);
     pool.JQ_CBB_Free(first);  // the block's count starts again from 0, so it empties
     EXPECT_EQ(pool.JQ_CBB_Alloc(64, true), first);
-    // So do its passes: filling every block and adding one passes the first block only once,
+    // So do its passes: filling every block and adding five passes the first block five times,
     // and the search still starts there.
-    for (unsigned int i = 0; i <= blocks; ++i) {
+    for (unsigned int i = 0; i < blocks + 5; ++i) {
         pool.JQ_CBB_Alloc(4000, false);
     }
     EXPECT_EQ(pool.JQ_CBB_Alloc(8, false), static_cast<unsigned char*>(first) + 64 + 4000);

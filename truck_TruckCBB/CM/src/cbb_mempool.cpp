@@ -323,7 +323,7 @@ void JQ_CBB_Mempool::JQ_CBB_Free(void* addr) {
         return;
     }
     PoolLock lock(m_mutex);
-    uint32_t value = 0;
+    uint32_t value{};
     const bool small = m_addressMap.Take(addr, value);
     if (small && (value & kPoolRecord) == 0) {
         ReleaseSmall(value);
@@ -352,7 +352,7 @@ bool JQ_CBB_Mempool::FreeLarge(void* addr) {
         }
         before->next = record->next;
         --m_uiLargeRecordCount;
-        uint32_t value = 0;
+        uint32_t value{};
         m_addressMap.Take(record, value);
         ReleaseSmall(value & ~kPoolRecord);
         return true;
@@ -463,7 +463,7 @@ void JQ_CBB_Mempool::JQ_CBB_PutChunk(int size, char* data) {
         return;
     }
     PoolLock lock(m_mutex);
-    uint32_t cls = 0;
+    uint32_t cls{};
     if (!m_chunkClasses.Take(data, cls)) {
         POOL_PRINT("addr %p not found\n", static_cast<void*>(data));
         return;

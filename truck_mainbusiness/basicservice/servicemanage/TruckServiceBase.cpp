@@ -37,13 +37,13 @@ TicketOffice& Tickets() {
 }  // namespace
 
 void* TruckLaunchThread(TruckThreadTicket ticket, void* (*entry)(void*)) {
-    uintptr_t number = 0;
-    {
+    const uintptr_t number = [&ticket] {
         TicketOffice& office = Tickets();
         std::lock_guard<std::mutex> lock(office.mutex);
-        number = ++office.last;
-        office.filed[number] = std::move(ticket);
-    }
+        const uintptr_t filed = ++office.last;
+        office.filed[filed] = std::move(ticket);
+        return filed;
+    }();
     pthread_t handle;
     // Deliberately not examined: the thread's own state word and its ticket tell whether it ran.
     OsUtilsCreateThread(&handle, entry, reinterpret_cast<void*>(number), kTruckThreadStackSize, 1);
