@@ -72,6 +72,16 @@ TEST(MempoolPlacement, SmallRequestsComeFromBlocksAndLargeOnesFromTheHeapUpToOne
     ExpectPrinted("~JQ_CBB_Mempool", text, [&] { leaky.reset(); });
 
     EXPECT_EQ(JQ_CBB_Mempool(8192).GetLargeThreshold(), 4096u) << "capped";
+
+    // A pool that goes gives the heap back what it took, its map of addresses included.
+    const long long heapBefore = HeapInUse();
+    {
+        JQ_CBB_Mempool many(4096);
+        for (int i = 0; i < 20000; ++i) {
+            many.JQ_CBB_Alloc(24, false);
+        }
+    }
+    EXPECT_LT(HeapInUse() - heapBefore, 16 * 1024);
 }
 
 TEST(MempoolPlacement, OnlyAddingABlockPassesOneAndTheSixthPassMovesTheSearchOn) {

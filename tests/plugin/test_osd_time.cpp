@@ -109,6 +109,8 @@ TEST_F(OsdTime, TheLabelAndTheOffsetOfEachZoneAndTheChannelsOfUtcMode) {
     Apply(*business, Timep(R"({"DATEM":0})"));
     EXPECT_TRUE(Overlays(kSeven).size() == 1u && business->m_timeZoneParam.szTimeZone[0] == '\0' &&
                 business->m_timeZoneParam.szTimeZoneEx[0] == '\0');
+    EXPECT_EQ(business->m_timeZoneParam.ucValid, 1) << "a group makes the record valid";
+    EXPECT_EQ(Direct()->m_timeZoneParam.ucValid, 0) << "until the first";
     // Card readers (43 and 44, not their neighbours) follow the same offset on their time line;
     // their Seven line is left to the swipes. A new business's zones are 0 until given: UTC mode.
     for (uint32_t customer : {42u, 43u, 44u, 45u}) {

@@ -144,6 +144,7 @@ TEST_F(StoragePath, PeripheralBlockTakesWhatTheFileHasAndNeverReadsPastItsEnd) {
         return std::string(reinterpret_cast<char*>(manage->basic_get_peripheral_config()), 7716);
     };
     const std::string zero(7716, '\0');
+    const int descriptors = OpenDescriptors();
     EXPECT_EQ(manage->basic_load_peripheral_config(), 0);
     EXPECT_EQ(load(""), zero);
     EXPECT_EQ(CountLogged("load peripheral config file[/usr/local/cfg/serialconfig.bsn] failed\n", 4), 2)
@@ -158,7 +159,9 @@ TEST_F(StoragePath, PeripheralBlockTakesWhatTheFileHasAndNeverReadsPastItsEnd) {
         bytes[i] = static_cast<char>(i * 7 + 1);
     }
     EXPECT_EQ(load(bytes), bytes + zero.substr(bytes.size()));
-    // Loaded again at every start of a device that runs for years: no mapping may stay behind.
+    // Loaded again at every start of a device that runs for years: no descriptor or mapping may
+    // stay behind.
+    EXPECT_EQ(OpenDescriptors(), descriptors);
     std::ifstream maps("/proc/self/maps");
     const std::string mapped((std::istreambuf_iterator<char>(maps)), std::istreambuf_iterator<char>());
     EXPECT_EQ(mapped.find("serialconfig.bsn"), std::string::npos);

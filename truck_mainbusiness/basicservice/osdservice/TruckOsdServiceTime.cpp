@@ -174,8 +174,7 @@ int CTruckOsdService::GetDstLocalUtcTime(const tagDateTime& date, long& start, l
                       static_cast<int>(month), static_cast<unsigned int>(weekSpec));
             return -1;
         }
-        tagDateTime when;
-        memset(&when, 0, sizeof(when));
+        tagDateTime when{};
         when.ucYear = date.ucYear;
         when.ucMonth = month;
         when.ucDay = day;
