@@ -2,6 +2,7 @@
 // threads and subscribers that change subscriptions from inside their call, the bound on its
 // queue, its meeting with the timer wheel, the pace it takes from the timestamp clock and its
 // lifecycle.
+#include <pthread.h>
 #include <sched.h>
 #include <stdio.h>
 #include <string.h>
@@ -11,6 +12,7 @@
 #include <atomic>
 #include <condition_variable>
 #include <mutex>
+#include <memory>
 #include <regex>
 #include <set>
 #include <stdexcept>
@@ -258,6 +260,20 @@ TEST_F(Hub, BusEventsGoOutByTypeAndComeInThroughOneRegistrationPerEvent) {
     ASSERT_EQ(hub.Subscribe(0x100FF, InboxSubscriber(again)), 0);
     EXPECT_EQ(nvx::InjectBusEvent(0x100FF, "back", 4), 1);
     EXPECT_TRUE(again.WaitFor(1));
+
+    // One that leaves from inside its own call is deleted as soon as that delivery ends.
+    auto token = std::make_shared<int>(0);
+    const std::weak_ptr<int> held = token;
+    auto* leaving = new Subscriber;
+    leaving->key = leaving;
+    leaving->callback = [&hub, leaving, token](const char*, int) {
+        leaving->tid = pthread_self();  // the scheduler's thread removes it
+        hub.UnSubscribe(0x3003, leaving);
+    };
+    token.reset();
+    ASSERT_EQ(hub.Subscribe(0x3003, leaving), 0);
+    EXPECT_EQ(nvx::InjectBusEvent(0x3003, "bye", 3), 1);
+    EXPECT_TRUE(Eventually([&] { return held.expired(); }));
 }
 
 TEST_F(Hub, StressPublishersOnSeveralThreadsWithSubscribersThatChurnFromTheirCall) {

@@ -129,13 +129,13 @@ TEST_F(OsdInputs, ASwipeIsCheckedFieldByFieldAndBoundedByItsPayload) {
     std::string gb = "x", utf8 = "x";  // the same two ideographs in GB2312 and one in UTF-8
     std::string gbOnly;                // ideographs alone, the first of them with a UTF-8 lead byte
     std::string gbLeads = "x";         // ideographs whose every third byte is a UTF-8 lead byte
-    std::string gbLast = "x";          // ideographs of the last trail byte
+    std::string gbEdges = "x";         // ideographs of the last lead and the last trail byte
     for (int i = 0; i < 34; ++i) {
         gb += "\xB0\xA1\xD6\xD0";
         utf8 += "\xE4\xB8\xAD";
         gbOnly += "\xC4\xE3\xBA\xC3";
         gbLeads += "\xE4\xC4\xE3";
-        gbLast += "\xB0\xFE\xB0\xFE";
+        gbEdges += "\xF7\xFE\xF7\xFE";
     }
     const std::tuple<Bytes, bool, std::string> rows[] = {
         {Swipe(std::string("DRIVER 0042\0TAIL", 16)), true, "DRIVER 0042"},
@@ -148,7 +148,7 @@ TEST_F(OsdInputs, ASwipeIsCheckedFieldByFieldAndBoundedByItsPayload) {
         {Swipe(utf8), true, utf8.substr(0, 70)},
         {Swipe(gbOnly), true, gbOnly.substr(0, 72)},
         {Swipe(gbLeads), true, gbLeads.substr(0, 71)},  // no continuation bytes: not UTF-8
-        {Swipe(gbLast), true, gbLast.substr(0, 71)},
+        {Swipe(gbEdges), true, gbEdges.substr(0, 71)},
         {Cut(Swipe("BAD"), 19), false, ""},
         {Cut(Swipe("BAD"), 28), false, ""},
         {Cut(Swipe("BAD"), 29), true, ""},

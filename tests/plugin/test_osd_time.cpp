@@ -56,6 +56,7 @@ TEST_F(OsdTime, EveryDateFormatAndTheTwelveHourClockAroundMidnightAndNoon) {
     EXPECT_TRUE(Logged("TRUCK", 3, "date_time_str = 07/03/2024, txt = 07/03/2024 13:30:00\n"));
     EXPECT_EQ(business->FormatTimeTxt(Date("2024-07-03 13:30:00"), out, 6), 0);
     EXPECT_STREQ(out, "2024-");
+    EXPECT_EQ(business->FormatTimeTxt(Date("2024-07-03 13:30:00"), nullptr, 6), 0);
 }
 
 TEST_F(OsdTime, TheLabelAndTheOffsetOfEachZoneAndTheChannelsOfUtcMode) {

@@ -1,5 +1,6 @@
 // Text encoding, checked against glibc's iconv as the reference encoder: UTF-8 decoding, and
 // GB2312 look-ups in the font table that the build makes with iconv.
+#include <errno.h>
 #include <iconv.h>
 #include <stdlib.h>
 #include <fcntl.h>
@@ -120,6 +121,9 @@ TEST_F(TextEncoding, FileErrorsFailLeaveTheResultAndCloseTheTable) {
     ASSERT_EQ(0, truncate("fonts/gb2312fonttable", 41803));  // the last entry cut in half
     EXPECT_EQ("", LookUp(0x9FA4, code, 0));
     const unsigned short whole = code;
+    EXPECT_EQ("read gb2312fonttable faild, erro = No data available\n", LookUp(0x9FA5, code, -1));
+    ASSERT_EQ(0, truncate("fonts/gb2312fonttable", 41802));  // the last entry gone whole
+    errno = EACCES;
     EXPECT_EQ("read gb2312fonttable faild, erro = No data available\n", LookUp(0x9FA5, code, -1));
     ASSERT_EQ(0, system("rm -r fonts/gb2312fonttable && mkdir fonts/gb2312fonttable"));
     EXPECT_EQ("read gb2312fonttable faild, erro = Is a directory\n", LookUp(0x4E00, code, -1));

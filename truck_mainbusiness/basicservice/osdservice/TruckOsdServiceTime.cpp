@@ -265,7 +265,7 @@ int CTruckOsdService::FormatTimeTxt(const tagDateTime& date, char* out, unsigned
 }
 
 void CTruckOsdService::OSDDataSendTime() {
-    char text[128] = {0};
+    char text[128] = {};
     tagDateTime date;
     memset(&date, 0, sizeof(date));
     int dstState = 1;
