@@ -47,7 +47,7 @@ TEST_F(StoragePath, PathsAreBuiltBelowAUsableMountOnlyAndCutToTheBuffer) {
     EXPECT_TRUE(Logged("TRUCK", 3, "param error result : -10, mntPath =  \n"));
 
     nvx::SetStorageMount(0, "/mnt/hd1");
-    manage->basic_request_storage_mntputh();
+    EXPECT_EQ(manage->basic_request_storage_mntputh(), 0);
     ASSERT_TRUE(nvx::WaitForStorageIdle(kGenerousMs));
     EXPECT_EQ(Root("log"), "/mnt/hd1/log");
     EXPECT_EQ(manage->basic_get_normal_file_root_dir(out, sizeof(out)), 0);

@@ -8,6 +8,7 @@
 
 #include <string.h>
 
+#include <algorithm>
 #include <array>
 #include <exception>
 #include <fstream>
@@ -23,11 +24,7 @@ int StringCopy(char* dst, unsigned int size, const char* src) {
     if (src == nullptr) {
         return 0;
     }
-    size_t length = strlen(src);
-    if (length > size - 1) {
-        length = size - 1;
-    }
-    memcpy(dst, src, length);
+    memcpy(dst, src, std::min<size_t>(strlen(src), size - 1));
     return 0;
 }
 

@@ -272,7 +272,7 @@ void CTruckOsdService::OSDDataSendTime() {
     if (m_enableUtc != 1) {
         JQ_SDK_DateTime_GetLocalBrokendownTime(&date);
     } else {
-        long long clock = 0;
+        long long clock{};
         JQ_SDK_DateTime_GetLocalSeconds(&clock);
         const long long local = static_cast<long long>(static_cast<uint32_t>(clock)) +
                                 3600LL * m_iTimeZoneHour + 60LL * m_iTimeZoneMin;
