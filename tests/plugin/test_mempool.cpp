@@ -106,11 +106,11 @@ TEST(MempoolPlacement, OnlyAddingABlockPassesOneAndTheSixthPassMovesTheSearchOn)
     // passes count from nothing: one more pass leaves the search on it.
     JQ_CBB_Mempool again(4096);
     auto* x = static_cast<unsigned char*>(again.JQ_CBB_Alloc(3000, false));
-    std::vector<void*> fills;  // 4064 bytes fill a block to its last 8
-    for (int i = 0; i < 7; ++i) {
-        fills.push_back(again.JQ_CBB_Alloc(4064, false));  // x's block passed six times
+    void* after = again.JQ_CBB_Alloc(4064, false);  // 4064 bytes fill a block to its last 8
+    for (int i = 0; i < 6; ++i) {
+        again.JQ_CBB_Alloc(4064, false);  // x's block passed six times
     }
-    again.JQ_CBB_Free(fills[0]);  // the block after it, passed five times, starts again too
+    again.JQ_CBB_Free(after);  // the block after it, passed five times, starts again too
     again.JQ_CBB_Free(x);
     EXPECT_EQ(again.JQ_CBB_Alloc(3000, false), x);
     again.JQ_CBB_Alloc(4064, false);  // into the block after it

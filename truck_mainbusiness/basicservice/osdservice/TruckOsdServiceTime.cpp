@@ -266,8 +266,7 @@ int CTruckOsdService::FormatTimeTxt(const tagDateTime& date, char* out, unsigned
 
 void CTruckOsdService::OSDDataSendTime() {
     char text[128] = {};
-    tagDateTime date;
-    memset(&date, 0, sizeof(date));
+    tagDateTime date{};
     int dstState = 1;
     if (m_enableUtc != 1) {
         JQ_SDK_DateTime_GetLocalBrokendownTime(&date);
