@@ -60,7 +60,8 @@ private:
     bool Ended() const;
     void StartScript();
     void PerformStep(const ScriptStep& step);
-    // The run loop on the simulated clock; a frame that failed leaves its reason.
+    // The run loops on the machine's clock and on the simulated one; a frame that failed leaves
+    // its reason.
     void DriveReal(std::string& framesFailure);
     void DriveSimulated(std::string& framesFailure);
     uint64_t EndMs() const;

@@ -38,6 +38,11 @@ std::string Format(const char* format, ...) {
     return text;
 }
 
+// A frame's name: the device second it shows.
+std::string SecondTag(uint64_t ms) {
+    return Format("%04llu", static_cast<unsigned long long>(ms / 1000));
+}
+
 // The turn mark at the end of the speed text, as the driver reads it.
 std::string TurnShown(const std::string& speedText) {
     if (speedText.find("(L R)") != std::string::npos) {
@@ -284,10 +289,7 @@ void HostView::Start(bool ownThread) {
 }
 
 void HostView::Step(uint64_t tMs) {
-    // Every device second: the media side is copied only when there are frames to draw.
-    if (!m_options.framesDir.empty()) {
-        WriteFrames(m_media.Take(), Format("%04llu", static_cast<unsigned long long>(tMs / 1000)));
-    }
+    WriteFrames(SecondTag(tMs));
     const auto now = std::chrono::steady_clock::now();
     if (!m_options.panel || now - m_lastRefresh >= kRefresh) {
         m_lastRefresh = now;
@@ -309,7 +311,7 @@ void HostView::Stop() {
         m_thread.join();
     }
     const uint64_t now = m_sinceStart();
-    WriteFrames(m_media.Take(), "exit");
+    WriteFrames("exit");
     Refresh(now, true);
 #ifdef TRUCK_HOST_FRAMES
     if (!m_options.framesDir.empty()) {
@@ -368,7 +370,7 @@ void HostView::Run() {
         const uint64_t t = m_sinceStart();
         if (t >= nextFrameMs) {
             // A late wake names its frame by the second it is in and skips the ones missed.
-            WriteFrames(m_media.Take(), Format("%04llu", static_cast<unsigned long long>(t / 1000)));
+            WriteFrames(SecondTag(t));
             nextFrameMs = (t / 1000 + 1) * 1000;
         }
         Refresh(t, false);
@@ -376,11 +378,13 @@ void HostView::Run() {
     }
 }
 
-void HostView::WriteFrames(const media::Snapshot& snapshot, const std::string& tag) {
+// Called every device second: the media side is copied only when there are frames to draw.
+void HostView::WriteFrames(const std::string& tag) {
 #ifdef TRUCK_HOST_FRAMES
     if (m_options.framesDir.empty() || m_framesFailed) {
         return;
     }
+    const media::Snapshot snapshot = m_media.Take();
     for (int ch : m_options.channels) {
         const std::string path = m_options.framesDir + Format("/ch%d_", ch) + tag + ".png";
         std::string error;
@@ -395,7 +399,6 @@ void HostView::WriteFrames(const media::Snapshot& snapshot, const std::string& t
         ++m_framesWritten;
     }
 #else
-    (void)snapshot;
     (void)tag;
 #endif
 }

@@ -79,7 +79,7 @@ public:
 private:
     void Run();
     void Refresh(uint64_t tMs, bool final);
-    void WriteFrames(const media::Snapshot& snapshot, const std::string& tag);
+    void WriteFrames(const std::string& tag);
 
     media::MediaSide& m_media;
     const ViewOptions m_options;

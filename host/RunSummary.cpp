@@ -84,13 +84,15 @@ bool ParseStat(const std::string& stat, std::string& name, uint64_t& cpuTicks, u
 // variable, a sleep) and something woke it, which is what a cycle costs on the device. A
 // non-voluntary switch is a preemption while it still had work: it measures how crowded the
 // processor was, differs between this desk and the device, and is left out.
-bool ParseWakeups(const std::string& status, uint64_t& wakeups) {
-    static const char kKey[] = "\nvoluntary_ctxt_switches:";
-    size_t at = status.find(kKey);
+constexpr char kWakeupsKey[] = "\nvoluntary_ctxt_switches:";
+
+// The number after `key` ("\nName:") in a /proc status text.
+bool StatusNumber(const std::string& status, const char* key, uint64_t& out) {
+    const size_t at = status.find(key);
     if (at == std::string::npos) {
         return false;
     }
-    wakeups = strtoull(status.c_str() + at + sizeof kKey - 1, nullptr, 10);
+    out = strtoull(status.c_str() + at + strlen(key), nullptr, 10);
     return true;
 }
 
@@ -102,7 +104,7 @@ bool ThreadSampler::ReadThread(int tid, Reading& r) {
     if (!ReadSmallFile(dir + "/stat", text) || !ParseStat(text, r.name, r.cpuTicks, r.startTicks)) {
         return false;
     }
-    if (!ReadSmallFile(dir + "/status", text) || !ParseWakeups(text, r.wakeups)) {
+    if (!ReadSmallFile(dir + "/status", text) || !StatusNumber(text, kWakeupsKey, r.wakeups)) {
         return false;
     }
     r.tid = tid;
@@ -289,10 +291,8 @@ int CountEntries(const char* path) {
 DaySample SampleProcess() {
     DaySample sample;
     std::string status;
-    static const char kRss[] = "\nVmRSS:";
-    size_t at = std::string::npos;
-    if (ReadSmallFile("/proc/self/status", status) && (at = status.find(kRss)) != std::string::npos) {
-        sample.rssKb = strtoull(status.c_str() + at + sizeof kRss - 1, nullptr, 10);
+    if (ReadSmallFile("/proc/self/status", status)) {
+        StatusNumber(status, "\nVmRSS:", sample.rssKb);
     }
 #if defined(__GLIBC__) && (__GLIBC__ > 2 || __GLIBC_MINOR__ >= 33)
     const struct mallinfo2 heap = mallinfo2();

@@ -414,12 +414,8 @@ std::shared_ptr<SimParked> WaitTurn(const void* key, uint64_t deadlineMs, UserLo
 }  // namespace
 
 void SimWait(const void* key, uint64_t deadlineMs, std::unique_lock<std::mutex>* lock, const char* where) {
-    if (lock == nullptr) {
-        WaitTurn(key, deadlineMs, nullptr, nullptr, where);
-        return;
-    }
-    UserLock held(lock);
-    WaitTurn(key, deadlineMs, &held, nullptr, where);
+    UserLock held(lock);  // not used without a lock
+    WaitTurn(key, deadlineMs, lock != nullptr ? &held : nullptr, nullptr, where);
 }
 
 void SimWaitReleasing(const void* key, uint64_t deadlineMs, pthread_mutex_t* mutex,

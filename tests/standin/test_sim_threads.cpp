@@ -21,14 +21,12 @@
 
 namespace {
 
-constexpr uint64_t kStartMs = kSimStartMs;
-
 // What happened at which device millisecond.
 class Times {
 public:
     void Add(const std::string& what) {
         std::lock_guard<std::mutex> lock(m_mutex);
-        m_steps.emplace_back(OsUtilsGetTickCount() - kStartMs, what);
+        m_steps.emplace_back(OsUtilsGetTickCount() - kSimStartMs, what);
     }
     std::vector<std::pair<uint64_t, std::string>> Steps() {
         std::lock_guard<std::mutex> lock(m_mutex);
@@ -63,14 +61,14 @@ TEST_F(SimThreads, AStdThreadSleepsInDeviceTimeAndIsJoinedAtItsEnd) {
         usleep(500);  // rounded up to the next millisecond
         std::this_thread::sleep_for(std::chrono::milliseconds(250));
         times.Add("sleep_for");
-        struct timespec at = {static_cast<time_t>(kStartMs / 1000 + 1), 0};
+        struct timespec at = {static_cast<time_t>(kSimStartMs / 1000 + 1), 0};
         clock_nanosleep(CLOCK_MONOTONIC, TIMER_ABSTIME, &at, nullptr);
         times.Add("clock_nanosleep");
         sleep(2);
         times.Add("steady " + std::to_string(SteadyMs()));
     });
     sleeper.join();
-    EXPECT_EQ(OsUtilsGetTickCount(), kStartMs + 3000);
+    EXPECT_EQ(OsUtilsGetTickCount(), kSimStartMs + 3000);
     std::thread host;
     {
         nvx::HostThreads hosts;
@@ -110,24 +108,24 @@ TEST_F(SimThreads, AConditionWaitEndsAtItsDeviceDeadlineOrAtTheNotifiersTime) {
         times.Add("timedwait " + std::to_string(rc));
         done = true;
     });
-    nvx::SimSleepUntil(kStartMs + 700);
+    nvx::SimSleepUntil(kSimStartMs + 700);
     {
         std::lock_guard<std::mutex> lock(mutex);
         stage = 1;
     }
     changed.notify_one();
-    nvx::SimSleepUntil(kStartMs + 900);
+    nvx::SimSleepUntil(kSimStartMs + 900);
     {
         std::lock_guard<std::mutex> lock(mutex);
         stage = 2;
     }
     changed.notify_all();
-    nvx::SimSleepUntil(kStartMs + 1200);
+    nvx::SimSleepUntil(kSimStartMs + 1200);
     {
         std::lock_guard<std::mutex> lock(mutex);
         changed.notify_one();  // held, as the waiter's mutex is released on its wait
     }
-    nvx::SimSleepUntil(kStartMs + 2000);
+    nvx::SimSleepUntil(kSimStartMs + 2000);
     EXPECT_EQ(times.Steps(),
               (std::vector<std::pair<uint64_t, std::string>>{
                   {300, "timed out 1"}, {700, "notified 1"}, {900, "woken"}, {1200, "timedwait 0"}}));
@@ -150,7 +148,7 @@ TEST_F(SimThreads, TheHubAndTheTimestampClockKeepExactDeviceCadences) {
     BTime* stamp = BTime::GetInstance();
     // Where the driver looks at `ms`, after the threads due then have had their turn.
     auto at = [](uint64_t ms) {
-        nvx::SimSleepUntil(kStartMs + ms);
+        nvx::SimSleepUntil(kSimStartMs + ms);
         OsUtilsSleep(0);
     };
     for (uint64_t beat = 1; beat <= 3; ++beat) {
@@ -181,6 +179,6 @@ TEST_F(SimThreads, AHubGoneBeforeItsLoopBeginsHasJoinedItsScheduler) {
     const size_t threads = Tasks().size();
     { MsgManager hub; }
     EXPECT_EQ(Tasks().size(), threads);
-    EXPECT_EQ(OsUtilsGetTickCount(), kStartMs) << "its loop never began";
+    EXPECT_EQ(OsUtilsGetTickCount(), kSimStartMs) << "its loop never began";
     EXPECT_EQ(nvx::CallCount("JQ_SDK_MSG_WaitForEvent"), 0u);
 }
