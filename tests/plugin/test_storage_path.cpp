@@ -104,6 +104,9 @@ TEST_F(StoragePath, MalformedReportsAreLoggedAndLeaveThePath) {
     ASSERT_TRUE(nvx::WaitForStorageIdle(kGenerousMs));
     EXPECT_EQ(Root("x"), std::string(32, 'A') + "/x");
     EXPECT_TRUE(Logged("TRUCK", 3, "m_fuseMntPath result = 0, mntPath = " + std::string(32, 'A') + "\n"));
+    EXPECT_EQ(manage->basic_set_normal_file_root_dir(&ack), 0) << "the same record again";
+    ack.szMntPath[0] = 'B';
+    EXPECT_EQ(manage->basic_set_normal_file_root_dir(&ack), 0);
 }
 
 TEST_F(StoragePath, ReadersAlwaysSeeOneWholeMountPath) {
