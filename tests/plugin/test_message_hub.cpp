@@ -480,7 +480,7 @@ TEST_F(Hub, AFailedConstructionLeavesNoThreadAndAnEarlyDestructionJoinsTheSchedu
     char nullText[32];
     snprintf(nullText, sizeof(nullText), "mMsgHandle %p\n", static_cast<void*>(nullptr));
     EXPECT_TRUE(Logged("", 0, nullText));
-    EXPECT_EQ(CountThreads("HCt"), 0);
+    EXPECT_TRUE(ThreadsNamed("HCt", 0));
 
     nvx::SetMsgInitFails(false);
     const unsigned int poolBefore = PoolLive();
@@ -492,7 +492,7 @@ TEST_F(Hub, AFailedConstructionLeavesNoThreadAndAnEarlyDestructionJoinsTheSchedu
     }
     EXPECT_EQ(PoolLive(), poolBefore) << "the records and copies went back to the pool";
     EXPECT_EQ(never.Count(), 0u);
-    EXPECT_EQ(CountThreads("HCt"), 0);
+    EXPECT_TRUE(ThreadsNamed("HCt", 0));
     EXPECT_EQ(nvx::CallCount("JQ_SDK_MSG_WaitForEvent"), 0u);
     EXPECT_EQ(nvx::CallCount("JQ_SDK_MSG_Uninitialize"), 20u);
 }

@@ -88,5 +88,5 @@ TEST_F(Timestamp, DestructionRightAfterConstructionStopsAndJoinsTheThread) {
         BTime clock;
     }
     testing::internal::GetCapturedStdout();
-    EXPECT_EQ(CountThreads("BTime"), 0);
+    EXPECT_TRUE(ThreadsNamed("BTime", 0));
 }
