@@ -62,9 +62,10 @@ inline int CountThreads(const std::string& name) {
         std::count_if(tasks.begin(), tasks.end(), [&](const auto& t) { return t.second == name; }));
 }
 
-// Whether `expected` threads carry the name once every joined thread has gone. Under user-mode
-// emulation a joined thread's host thread can outlive the join for a moment, still listed, so
-// there the listing is read again within a bound; natively a join ends the listing at once.
+// Whether `expected` threads carry the name once every joined thread has gone. The device build's
+// tests run under user-mode emulation, where a joined thread's host thread can outlive the join
+// for a moment, still listed; there the listing is read again within a bound. Natively a join
+// ends the listing at once.
 inline bool ThreadsNamed(const std::string& name, int expected) {
 #if defined(__arm__)
     return Eventually([&] { return CountThreads(name) == expected; });
