@@ -262,11 +262,8 @@ Snapshot MediaSide::Take() const {
 
 bool MediaSide::Drawn() const {
     std::lock_guard<std::mutex> lock(m_mutex);
-    bool drawn = m_state.hasCard;
-    for (const auto& channel : m_state.channels) {
-        drawn = drawn || !channel.second.empty();
-    }
-    return drawn;
+    return m_state.hasCard || std::any_of(m_state.channels.begin(), m_state.channels.end(),
+                                          [](const auto& channel) { return !channel.second.empty(); });
 }
 
 std::vector<std::string> MediaSide::TakeChanges(uint64_t* dropped) {

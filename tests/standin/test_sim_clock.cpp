@@ -29,8 +29,6 @@
 
 namespace {
 
-constexpr uint64_t kStartMs = kSimStartMs;
-
 // What happened, at which device millisecond, on which thread.
 using Step = std::tuple<uint64_t, std::string, std::string>;
 
@@ -109,16 +107,16 @@ TEST_F(SimClock, DeviceTimeStandsStillBetweenWaitsAndEveryClockJumpsWithIt) {
     for (int i = 0; i < 1000; ++i) {
         client.MSGSendMessage(0, 0x51, 0, "x", 1, 1);
     }
-    EXPECT_EQ(OsUtilsGetTickCount(), kStartMs) << "work takes no device time";
+    EXPECT_EQ(OsUtilsGetTickCount(), kSimStartMs) << "work takes no device time";
     EXPECT_EQ(GetTimeOfDayMicros(), int64_t{1700000000} * 1000000);
     EXPECT_EQ(nvx::SentMessages().back().tMs, 0u) << "counted from the clock's start";
 
-    nvx::SimSleepUntil(kStartMs + 250);
-    OsUtilsSleep(0);                     // a yield with nobody else: no time passes
-    nvx::SimSleepUntil(kStartMs + 100);  // already past
-    EXPECT_EQ(OsUtilsGetTickCount(), kStartMs + 250);
+    nvx::SimSleepUntil(kSimStartMs + 250);
+    OsUtilsSleep(0);                        // a yield with nobody else: no time passes
+    nvx::SimSleepUntil(kSimStartMs + 100);  // already past
+    EXPECT_EQ(OsUtilsGetTickCount(), kSimStartMs + 250);
     OsUtilsSleep(1750);
-    EXPECT_EQ(OsUtilsGetTickCount(), kStartMs + 2000);
+    EXPECT_EQ(OsUtilsGetTickCount(), kSimStartMs + 2000);
     EXPECT_EQ(OsUtilsGetSeconds(), 7u);
     EXPECT_EQ(GetTimeOfDayMicros(), int64_t{1700000002} * 1000000);
     long long seconds = 0;
@@ -179,12 +177,12 @@ TEST_F(SimClock, AnEventWakesItsWaiterAtOnceAndAWaitWithoutOneEndsAtItsExactTime
             trace.Add("waiter", std::to_string(client.MSGWaitForEvent(5000)));
             trace.Add("waiter", std::to_string(client.MSGWaitForEvent(50)));
         });
-        nvx::SimSleepUntil(kStartMs + 1200);
+        nvx::SimSleepUntil(kSimStartMs + 1200);
         EXPECT_EQ(nvx::InjectBusEvent(0x77, "e", 1), 1);
         device.Write(1);
         device.Report();
         ASSERT_TRUE(nvx::WaitForThreadsToEnd(60000));
-        nvx::SimSleepUntil(kStartMs + 1300);
+        nvx::SimSleepUntil(kSimStartMs + 1300);
         device.Write(2);
         device.Report();
         ASSERT_TRUE(nvx::WaitForParamIdle(60000) && nvx::WaitForStorageIdle(60000));
@@ -206,9 +204,9 @@ std::vector<Step> BusyScenario() {
     // Delivered at once also on a second run, which finds the device's threads idle since the
     // first: they must be runners before an event wakes them.
     device.Report();
-    nvx::SimSleepUntil(kStartMs + 1);
+    nvx::SimSleepUntil(kSimStartMs + 1);
     device.Write(-1);
-    nvx::SimSleepUntil(kStartMs + 2);
+    nvx::SimSleepUntil(kSimStartMs + 2);
     CMsgClientManage consumer("consumer", 30, nullptr);
     Counter counter;
     consumer.MSGEventRegister(1, 0x42, &counter, &Counter::OnEvent);
@@ -243,7 +241,7 @@ std::vector<Step> BusyScenario() {
 TEST_F(SimClock, TheSameProgramTakesTheSameTurnsOnEveryRun) {
     const std::vector<Step> first = BusyScenario();
     nvx::SimClockOff();
-    nvx::SimClockOn(kStartMs);
+    nvx::SimClockOn(kSimStartMs);
     const std::vector<Step> second = BusyScenario();
     EXPECT_EQ(first, second);
     // Kept to one core, as the host keeps it: the same turns, and every thread started from
@@ -251,7 +249,7 @@ TEST_F(SimClock, TheSameProgramTakesTheSameTurnsOnEveryRun) {
     nvx::SimClockOff();
     ASSERT_TRUE(nvx::SimKeepToOneCore());
     const int core = sched_getcpu();
-    nvx::SimClockOn(kStartMs);
+    nvx::SimClockOn(kSimStartMs);
     EXPECT_EQ(BusyScenario(), first);
     cpu_set_t cores;
     int coresOfThread = -1;
@@ -263,8 +261,8 @@ TEST_F(SimClock, TheSameProgramTakesTheSameTurnsOnEveryRun) {
     EXPECT_EQ(coresOfThread, 1);
     EXPECT_TRUE(CPU_ISSET(core, &cores));
     ASSERT_GE(first.size(), 2u);
-    EXPECT_EQ(first[0], Step(kStartMs, "storage", "report"));
-    EXPECT_EQ(first[1], Step(kStartMs + 1, "parameter", "changed"));
+    EXPECT_EQ(first[0], Step(kSimStartMs, "storage", "report"));
+    EXPECT_EQ(first[1], Step(kSimStartMs + 1, "parameter", "changed"));
     std::map<std::string, int> steps;
     for (const Step& step : first) {
         ++steps[std::get<1>(step)];
@@ -295,7 +293,7 @@ TEST_F(SimClock, ARunnerBlockedOutsideTheDeviceStopsTheProcessWithAReport) {
                 pthread_setname_np(pthread_self(), "sleeper");
                 usleep(2000000);
             }).detach();
-            nvx::SimSleepUntil(kStartMs + 10);
+            nvx::SimSleepUntil(kSimStartMs + 10);
             // Only now: however slow the machine, nothing before this point is taken for a stall.
             nvx::SetSimStallLimitMs(200);
             // Without the report the lock never comes: a bound, so that a broken watch fails.
@@ -322,7 +320,7 @@ protected:
                         R"({"PARAMETER":{"MDVR":{"TIMEP":{"TIMEZ":"480"},"EOSD":[{"TX":100,"TY":20,"SX":900,)"
                         R"("SY":40,"TFS":2,"COSD":[{"X":400,"Y":80,"EN":1}]}]}}})");
         manage.reset();  // the service makes its own
-        nvx::SimClockOn(kStartMs);
+        nvx::SimClockOn(kSimStartMs);
         nvx::SetWallClock(1720000800);  // 2024-07-03 10:00:00
     }
     void TearDown() override {
@@ -337,7 +335,7 @@ TEST_F(SimService, SixtyDeviceSecondsKeepEveryCycleOnItsExactCadence) {
     tag_ServiceParam param;
     param.ucRunning.store(0);
     ASSERT_EQ(JQ_SDK_Service_Start(&param), 0);
-    nvx::SimSleepUntil(kStartMs + 60000);
+    nvx::SimSleepUntil(kSimStartMs + 60000);
     const uint64_t feeds = nvx::WatchdogFeedCount("truckbusiness.02");
     const uint64_t lastFeed = nvx::LastWatchdogFeedTick("truckbusiness.02");
     EXPECT_EQ(JQ_SDK_Service_Stop(&param), 0);
@@ -353,7 +351,7 @@ TEST_F(SimService, SixtyDeviceSecondsKeepEveryCycleOnItsExactCadence) {
     // One feed per 50 ms pass, with the tick the pass began at: at 60000 the driver (the first
     // runner) looks before the pass that began at 59950 has fed.
     EXPECT_EQ(feeds, 1199u);
-    EXPECT_EQ(lastFeed, kStartMs + 59900);
+    EXPECT_EQ(lastFeed, kSimStartMs + 59900);
     // The date/time line every 500 ms from the business's first cycle, showing the device's
     // second at the moment it is sent.
     ASSERT_EQ(times.size(), 120u);
